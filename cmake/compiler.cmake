@@ -1,0 +1,20 @@
+# Warnings and sanitizers, for every target of the project.
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+
+# At -O3 g++ 12 warns of code in its own standard library.
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  add_compile_options(-Wthread-safety)
+endif()
+
+# A list such as "address,undefined" or "thread"; the presets asan and tsan set it.
+set(KANDB_SANITIZE "" CACHE STRING "Sanitizers to build with")
+if(KANDB_SANITIZE)
+  add_compile_options(-fsanitize=${KANDB_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${KANDB_SANITIZE})
+endif()

@@ -1,0 +1,18 @@
+# kandb_floor(NAME SOURCES file... [PUBLIC floor...] [PRIVATE floor...])
+#
+# One static library for one folder of src/. Its headers are reached only through an include root of its own
+# (floors/NAME/NAME is a link to src/NAME), so a folder can include nothing but the floors it names:
+# PUBLIC for floors whose headers its own headers include, PRIVATE for those that only its sources use.
+function(kandb_floor name)
+  cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+  set(include_root ${PROJECT_BINARY_DIR}/floors/${name})
+  file(MAKE_DIRECTORY ${include_root})
+  file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${name} ${include_root}/${name} SYMBOLIC)
+
+  list(TRANSFORM arg_SOURCES PREPEND ${name}/)
+  list(TRANSFORM arg_PUBLIC PREPEND kandb_)
+  list(TRANSFORM arg_PRIVATE PREPEND kandb_)
+  add_library(kandb_${name} STATIC ${arg_SOURCES})
+  target_include_directories(kandb_${name} PUBLIC ${include_root})
+  target_link_libraries(kandb_${name} PUBLIC ${arg_PUBLIC} Threads::Threads PRIVATE ${arg_PRIVATE})
+endfunction()

@@ -1,0 +1,26 @@
+# Sourced by the other scripts: installs Debian packages that are missing, and builds.
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+
+build_packages=(g++ cmake ninja-build)
+test_packages=(libgtest-dev libbenchmark-dev libssl-dev)
+check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
+
+install_missing() {
+  local package missing=()
+  for package in "$@"; do
+    dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+  done
+  [ ${#missing[@]} -gt 0 ] || return 0
+  echo "installing ${missing[*]}" >&2
+  local as_root=()
+  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  "${as_root[@]}" apt-get update -q >&2
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -qy --no-install-recommends "${missing[@]}" >&2
+}
+
+# configure_and_build PRESET
+configure_and_build() {
+  cmake --preset "$1" >&2
+  cmake --build --preset "$1" >&2
+}

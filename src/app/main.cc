@@ -1,0 +1,66 @@
+// The metadata server: flags, state, service, listen, wait.
+
+#include <sys/resource.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+
+#include "common/flags.h"
+#include "meta/pd_service.h"
+#include "rpc/rpc_server.h"
+#include "store/meta_store.h"
+
+namespace {
+
+using kandb::Status;
+namespace flags = kandb::flags;
+
+const std::int64_t* const port = flags::DefineInteger("port", 2379, "pd service listen port");
+const std::string* const bind_addr =
+    flags::DefineString("bind_addr", "0.0.0.0", "pd service IPv4 listen address");
+const std::string* const data_dir =
+    flags::DefineString("data_dir", "./pd-data", "pd state directory");
+const std::int64_t* const target_replicas = flags::DefineInteger(
+    "target_replicas", 0,
+    "auto-heal: schedule adding replicas until each region reaches this member count (0 = off; "
+    "promotion of caught-up learners is always on)");
+
+// Every connection holds a descriptor: as many as the system allows. The default has to do
+// otherwise.
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  (void)::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  flags::Parse(argc, argv);
+  RaiseDescriptorLimit();
+
+  std::unique_ptr<kandb::store::MetaStore> store;
+  // Without a passphrase, so values are plain; synced, so that what is acknowledged survives a
+  // crash.
+  if (Status s = kandb::store::MetaStore::Open(*data_dir, "", 1, &store); !s.ok()) {
+    std::fprintf(stderr, "failed to open pd state at %s: %s\n", data_dir->c_str(),
+                 s.ToString().c_str());
+    return 1;
+  }
+  kandb::meta::PdService service(store.get(), static_cast<std::uint32_t>(*target_replicas));
+
+  // Declared last, destroyed first: no handler may run once the service goes.
+  kandb::kanrpc::RpcServer server;
+  service.RegisterTo(&server);
+  if (Status s = server.Start(static_cast<int>(*port), *bind_addr); !s.ok()) {
+    std::fprintf(stderr, "failed to start pd: %s\n", s.ToString().c_str());
+    return 1;
+  }
+  std::printf("kandb-meta listening on %s:%lld, state at %s\n", bind_addr->c_str(),
+              static_cast<long long>(*port), data_dir->c_str());
+  std::fflush(stdout);
+  server.Wait();
+  return 0;
+}

@@ -1,0 +1,101 @@
+// The standard library's locks with the annotations that let clang's -Wthread-safety check what
+// they guard. Nothing is added to their behaviour; a failure of a lock is the library's
+// std::system_error.
+#pragma once
+
+#include <condition_variable>
+#include <mutex>
+#include <shared_mutex>
+
+#if defined(__clang__)
+#define KANDB_THREAD_ANNOTATION(x) __attribute__((x))
+#else
+#define KANDB_THREAD_ANNOTATION(x)
+#endif
+
+#define CAPABILITY(name) KANDB_THREAD_ANNOTATION(capability(name))
+#define SCOPED_CAPABILITY KANDB_THREAD_ANNOTATION(scoped_lockable)
+#define GUARDED_BY(mutex) KANDB_THREAD_ANNOTATION(guarded_by(mutex))
+#define REQUIRES(...) KANDB_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+#define EXCLUDES(...) KANDB_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define ACQUIRE(...) KANDB_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define ACQUIRE_SHARED(...) KANDB_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
+#define RELEASE(...) KANDB_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define RELEASE_GENERIC(...) KANDB_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
+
+namespace kandb {
+
+class CAPABILITY("mutex") Mutex {
+ public:
+  void Lock() ACQUIRE() { mutex.lock(); }
+  void Unlock() RELEASE() { mutex.unlock(); }
+
+ private:
+  friend class CondVar;
+  std::mutex mutex;
+};
+
+class SCOPED_CAPABILITY MutexLock {
+ public:
+  explicit MutexLock(Mutex* held_mutex) ACQUIRE(held_mutex) : mutex(held_mutex) { mutex->Lock(); }
+  ~MutexLock() RELEASE() { mutex->Unlock(); }
+  MutexLock(const MutexLock&) = delete;
+  MutexLock& operator=(const MutexLock&) = delete;
+
+ private:
+  Mutex* mutex;
+};
+
+// Callers wait in a loop on their condition: a wake-up may be spurious.
+class CondVar {
+ public:
+  void Wait(Mutex* mutex) REQUIRES(mutex) {
+    std::unique_lock<std::mutex> lock(mutex->mutex, std::adopt_lock);
+    condition.wait(lock);
+    lock.release();
+  }
+  void NotifyOne() { condition.notify_one(); }
+  void NotifyAll() { condition.notify_all(); }
+
+ private:
+  std::condition_variable condition;
+};
+
+class CAPABILITY("shared_mutex") SharedMutex {
+ public:
+  void Lock() ACQUIRE() { mutex.lock(); }
+  void Unlock() RELEASE() { mutex.unlock(); }
+  void LockShared() ACQUIRE_SHARED() { mutex.lock_shared(); }
+  void UnlockShared() RELEASE_GENERIC() { mutex.unlock_shared(); }
+
+ private:
+  std::shared_mutex mutex;
+};
+
+class SCOPED_CAPABILITY WriterLock {
+ public:
+  explicit WriterLock(SharedMutex* held_mutex) ACQUIRE(held_mutex) : mutex(held_mutex) {
+    mutex->Lock();
+  }
+  ~WriterLock() RELEASE() { mutex->Unlock(); }
+  WriterLock(const WriterLock&) = delete;
+  WriterLock& operator=(const WriterLock&) = delete;
+
+ private:
+  SharedMutex* mutex;
+};
+
+class SCOPED_CAPABILITY ReaderLock {
+ public:
+  explicit ReaderLock(SharedMutex* held_mutex) ACQUIRE_SHARED(held_mutex) : mutex(held_mutex) {
+    mutex->LockShared();
+  }
+  ~ReaderLock() RELEASE_GENERIC() { mutex->UnlockShared(); }
+  ReaderLock(const ReaderLock&) = delete;
+  ReaderLock& operator=(const ReaderLock&) = delete;
+
+ private:
+  SharedMutex* mutex;
+};
+
+}  // namespace kandb

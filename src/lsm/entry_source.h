@@ -1,0 +1,30 @@
+// A sorted run of entries that is read forward: a table or a memtable, as a merge sees them.
+#pragma once
+
+#include "common/status.h"
+#include "lsm/entry.h"
+
+namespace kandb::lsm {
+
+class EntrySource {
+ public:
+  virtual ~EntrySource() = default;
+
+  // Whether there is a current entry.
+  bool valid() const { return is_valid; }
+
+  // The current entry; its bytes live until the next call that moves this source.
+  const EntryView& entry() const { return current; }
+
+  // Moves to the first entry whose key is not less than `target`.
+  virtual Status Seek(std::string_view target) = 0;
+
+  // Moves to the next entry. Only when valid.
+  virtual Status Next() = 0;
+
+ protected:
+  bool is_valid = false;
+  EntryView current;
+};
+
+}  // namespace kandb::lsm

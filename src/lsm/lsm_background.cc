@@ -1,0 +1,124 @@
+// Background work: flushing full memtables into tables, and merging all tables into one. File work
+// is done without the engine's lock; that is taken to reserve a file number and to install the
+// result.
+
+#include <algorithm>
+
+#include "lsm/lsm_db.h"
+#include "lsm/manifest.h"
+#include "lsm/table_writer.h"
+
+namespace kandb::lsm {
+
+bool LsmDb::TooManyTables() const { return table_readers.size() > options.max_table_files; }
+
+Status LsmDb::SaveManifest() {
+  return WriteManifest(directory, {.next_file = next_file, .sst_files = live_tables});
+}
+
+void LsmDb::BackgroundLoop() {
+  for (;;) {
+    bool flush = false;
+    {
+      MutexLock lock(&db_mutex);
+      while (!stopping && immutable_memtables.empty() && !TooManyTables()) {
+        background_cv.Wait(&db_mutex);
+      }
+      if (stopping) return;
+      flush = !immutable_memtables.empty();
+    }
+    // A failure is dropped on purpose: the work is still there and is tried again at once, until it
+    // succeeds or the engine stops. Nothing is lost meanwhile, the logs hold it.
+    (void)(flush ? FlushOldestMemTable() : CompactAllTables());
+  }
+}
+
+// The order makes a crash harmless at every step: the table is in place and durable before the
+// manifest names it, and the logs go only after that. What a crash leaves is a table that nobody
+// names, or logs whose contents are replayed though a table holds them too.
+Status LsmDb::FlushOldestMemTable() {
+  std::shared_ptr<const MemTable> oldest;
+  std::uint64_t number = 0;
+  {
+    MutexLock lock(&db_mutex);
+    if (immutable_memtables.empty()) return {};
+    oldest = immutable_memtables.front();
+    number = next_file++;
+  }
+
+  TableBuilder builder;
+  oldest->ForEach([&](const EntryView& entry) { builder.Add(entry); });
+  const std::string path = TableFileName(directory, number);
+  if (Status s = WriteTable(path, builder); !s.ok()) return s;
+  std::shared_ptr<SstReader> reader;
+  if (Status s = SstReader::Open(path, &reader); !s.ok()) return s;
+
+  {
+    MutexLock lock(&db_mutex);
+    table_readers.insert(table_readers.begin(), std::move(reader));
+    live_tables.insert(live_tables.begin(), number);
+    PublishView();
+    // On failure the table stays, and the memtable stays queued and is flushed again into another
+    // one.
+    if (Status s = SaveManifest(); !s.ok()) return s;
+    immutable_memtables.pop_front();
+    PublishView();
+  }
+  // A log that stays behind is replayed once more by the next Open and deleted after its next
+  // flush.
+  for (const std::string& wal_file : oldest->wal_files) (void)file_calls.unlink(wal_file.c_str());
+  return {};
+}
+
+Status LsmDb::CompactAllTables() {
+  std::vector<std::shared_ptr<SstReader>> merged_readers;
+  std::vector<std::uint64_t> merged_numbers;
+  std::uint64_t number = 0;
+  {
+    MutexLock lock(&db_mutex);
+    merged_readers = table_readers;
+    merged_numbers = live_tables;
+    number = next_file++;
+  }
+  if (merged_readers.size() < 2) return {};
+
+  std::vector<std::unique_ptr<EntrySource>> sources;
+  sources.reserve(merged_readers.size());
+  for (const auto& reader : merged_readers) {
+    sources.push_back(
+        std::make_unique<SstReader::Iterator>(reader.get(), SstReader::Iterator::kMaxReadSize));
+  }
+  MergingIterator merged(std::move(sources));
+  TableBuilder builder;
+  Status status = merged.Seek("");
+  while (status.ok() && merged.valid()) {
+    // Deletions end here: the merge covers every table, and memtables are newer than all of them.
+    if (merged.entry().op == kPut) builder.Add(merged.entry());
+    status = merged.Next();
+  }
+  if (!status.ok()) return status;
+
+  const std::string path = TableFileName(directory, number);
+  if (Status s = WriteTable(path, builder); !s.ok()) return s;
+  std::shared_ptr<SstReader> reader;
+  if (Status s = SstReader::Open(path, &reader); !s.ok()) return s;
+
+  {
+    MutexLock lock(&db_mutex);
+    // Tables that joined meanwhile stand at the front and stay there; the merged ones are the rest.
+    const auto kept = static_cast<std::ptrdiff_t>(live_tables.size() - merged_numbers.size());
+    live_tables.resize(static_cast<std::size_t>(kept));
+    table_readers.resize(static_cast<std::size_t>(kept));
+    live_tables.push_back(number);
+    table_readers.push_back(std::move(reader));
+    PublishView();
+    // On failure the old files stay, unnamed, until the next Open deletes them.
+    if (Status s = SaveManifest(); !s.ok()) return s;
+  }
+  for (const std::uint64_t merged_number : merged_numbers) {
+    (void)file_calls.unlink(TableFileName(directory, merged_number).c_str());
+  }
+  return {};
+}
+
+}  // namespace kandb::lsm

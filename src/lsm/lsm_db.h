@@ -1,0 +1,137 @@
+// A small embedded log-structured key-value engine. A write goes to the write-ahead log and then
+// into the active memtable; full memtables become table files in the background, and when there are
+// too many of these, all are merged into one. Keys and values are any bytes, keys ordered bytewise.
+// There are no snapshots: a read sees what the engine holds at the moment it starts. Thread-safe.
+//
+// The roads through it: lsm_open.cc, lsm_write.cc, lsm_read.cc, lsm_background.cc.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "common/mutex.h"
+#include "common/status.h"
+#include "lsm/entry.h"
+#include "lsm/memtable.h"
+#include "lsm/scan_iterator.h"
+#include "lsm/sst_reader.h"
+#include "lsm/wal.h"
+
+namespace kandb::lsm {
+
+class LsmDb {
+  struct Private {};  // only Open can make one
+
+ public:
+  struct Options {
+    std::uint64_t write_buffer_size = 0;  // bytes in the active memtable from which on it is full
+    std::uint64_t max_table_files = 0;    // more table files than this are merged
+    bool sync = false;                    // fdatasync the log after every write group
+  };
+
+  // Opens the engine on `dir`, which is created when missing (its parent is not): reads the
+  // manifest, deletes tables that it does not name, replays the logs. On success `*out` is replaced
+  // and the engine it held before destroyed. Whatever a completed write had put into a log is there
+  // again.
+  static Status Open(const std::string& dir, const Options& options, std::unique_ptr<LsmDb>* out);
+
+  LsmDb(Private, const std::string& dir, const Options& engine_options);
+
+  // Waits for a flush or compaction in progress. Flushes nothing: the logs hold what the memtables
+  // held.
+  ~LsmDb();
+
+  LsmDb(const LsmDb&) = delete;
+  LsmDb& operator=(const LsmDb&) = delete;
+
+  // Logs the batch as one record, makes that durable when `sync` is set, and only then lets readers
+  // see it, as a whole. Concurrent writers share one sync. InvalidArgument "batch: too large" for
+  // an encoding of more than 64 MiB; else the failures of the log. After a failure nothing of the
+  // batch is visible, but for one case: when the memtable was full and the next log could not be
+  // created, the batch is written and the failure of the switch reported.
+  Status Write(const std::vector<Entry>& batch) EXCLUDES(write_queue_mutex, db_mutex);
+
+  // `*value` is set only when `*found`. Fails only as reading a table does.
+  Status Get(std::string_view key, std::string* value, bool* found) const EXCLUDES(db_mutex);
+
+  // Hands the live pairs with start <= key < end (an empty bound is none) to `visit`, in key order
+  // and at most `limit` of them; `visit` returns false to end the walk. The views live only during
+  // the call.
+  using Visitor = std::function<bool(std::string_view key, std::string_view value)>;
+  Status ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
+                 const Visitor& visit) const EXCLUDES(db_mutex);
+
+  // The same as a list, which replaces `*out`.
+  Status Scan(std::string_view start, std::string_view end, std::uint32_t limit,
+              std::vector<Entry>* out) const EXCLUDES(db_mutex);
+
+  // For diagnosis: returns once there is nothing to flush or merge; the counts of what there is.
+  void WaitForBackgroundIdle() EXCLUDES(db_mutex);
+  std::uint64_t TableFileCount() const EXCLUDES(db_mutex);
+  std::uint64_t ImmutableMemTableCount() const EXCLUDES(db_mutex);
+
+ private:
+  // One for each Write in progress, on its caller's stack.
+  struct WriterSlot {
+    const std::vector<Entry>* batch = nullptr;
+    std::string record;  // as it goes into the log
+    Status result;
+    bool done = false;  // `result` is final
+    CondVar cv;
+  };
+
+  // lsm_open.cc
+  Status Recover() EXCLUDES(db_mutex);
+  // Creates the log of the active memtable under the next file number and makes it current.
+  Status StartLog() REQUIRES(db_mutex);
+
+  // lsm_write.cc
+  Status CommitGroup(const std::vector<WriterSlot*>& group) EXCLUDES(db_mutex);
+  Status LogGroup(const std::vector<WriterSlot*>& group) REQUIRES(db_mutex);
+  Status SwitchMemTable() REQUIRES(db_mutex);
+
+  // lsm_read.cc
+  std::shared_ptr<const ReadView> CaptureView() const EXCLUDES(db_mutex);
+  // Makes the present memtables and tables what later reads look at. After every change to them.
+  void PublishView() REQUIRES(db_mutex);
+
+  // lsm_background.cc
+  void BackgroundLoop() EXCLUDES(db_mutex);
+  Status FlushOldestMemTable() EXCLUDES(db_mutex);
+  Status CompactAllTables() EXCLUDES(db_mutex);
+  Status SaveManifest() REQUIRES(db_mutex);
+  bool TooManyTables() const REQUIRES(db_mutex);
+
+  // Never change after Open.
+  const std::string directory;
+  const Options options;
+
+  // Guards the queue and the slots' results. Never held together with db_mutex.
+  Mutex write_queue_mutex;
+  std::deque<WriterSlot*> writer_queue GUARDED_BY(write_queue_mutex);
+
+  // Guards what the engine consists of; held by the leader of a write group while it logs, syncs
+  // and applies, so that the log has the order of the memtable. A memtable's own lock may be taken
+  // while it is held, never the other way round.
+  mutable Mutex db_mutex;
+  std::shared_ptr<MemTable> active GUARDED_BY(db_mutex);
+  std::deque<std::shared_ptr<MemTable>> immutable_memtables GUARDED_BY(db_mutex);  // oldest first
+  std::vector<std::shared_ptr<SstReader>> table_readers GUARDED_BY(db_mutex);      // newest first
+  std::vector<std::uint64_t> live_tables GUARDED_BY(db_mutex);  // their file numbers, same order
+  std::uint64_t next_file GUARDED_BY(db_mutex) = 1;             // for logs and tables alike
+  Log log GUARDED_BY(db_mutex);
+  std::shared_ptr<const ReadView> view GUARDED_BY(db_mutex);
+  bool stopping GUARDED_BY(db_mutex) = false;
+  CondVar background_cv;  // with db_mutex: there may be work, or the end has come
+
+  std::thread background;
+};
+
+}  // namespace kandb::lsm

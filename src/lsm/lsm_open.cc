@@ -1,0 +1,111 @@
+// Opening and closing the engine: recovery of what an earlier process left in the directory.
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+#include "lsm/lsm_db.h"
+#include "lsm/manifest.h"
+
+namespace kandb::lsm {
+
+namespace {
+
+// No engine gets so far; a name or manifest that says so would make the numbers run over.
+constexpr std::uint64_t kMaxFileNumber = std::numeric_limits<std::uint64_t>::max() / 2;
+
+std::uint64_t NextNumber(std::uint64_t number) { return std::max(number, number + 1); }
+
+Status EnsureDirectory(const std::string& dir) {
+  struct stat info {};
+  if (::stat(dir.c_str(), &info) == 0) {
+    if (S_ISDIR(info.st_mode)) return {};
+    return Status::InvalidArgument(dir + " exists and is not a directory");
+  }
+  if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+    const int error = errno;
+    return Status::Corruption("mkdir " + dir + ": " + ErrnoText(error));
+  }
+  return {};
+}
+
+// Tables that a crash left before the manifest named them, or after it had ceased to.
+void DeleteOrphans(const std::string& dir, const std::vector<std::uint64_t>& tables,
+                   const std::vector<std::uint64_t>& live_tables) {
+  for (const std::uint64_t number : tables) {
+    if (std::find(live_tables.begin(), live_tables.end(), number) != live_tables.end()) continue;
+    (void)file_calls.unlink(TableFileName(dir, number).c_str());  // the next Open tries again
+  }
+}
+
+}  // namespace
+
+Status LsmDb::Open(const std::string& dir, const Options& options, std::unique_ptr<LsmDb>* out) {
+  if (Status s = EnsureDirectory(dir); !s.ok()) return s;
+  auto db = std::make_unique<LsmDb>(Private(), dir, options);
+  if (Status s = db->Recover(); !s.ok()) return s;
+  db->background = std::thread([engine = db.get()] { engine->BackgroundLoop(); });
+  *out = std::move(db);
+  return {};
+}
+
+LsmDb::LsmDb(Private, const std::string& dir, const Options& engine_options)
+    : directory(dir), options(engine_options) {}
+
+LsmDb::~LsmDb() {
+  {
+    MutexLock lock(&db_mutex);
+    stopping = true;
+  }
+  background_cv.NotifyAll();
+  if (background.joinable()) background.join();
+}
+
+Status LsmDb::Recover() {
+  MutexLock lock(&db_mutex);
+  ManifestState manifest{.next_file = 1, .sst_files = {}};
+  bool exists = false;
+  if (Status s = ReadManifest(directory, &manifest, &exists); !s.ok()) return s;
+  live_tables = std::move(manifest.sst_files);
+
+  const FileNumbers files = ListFileNumbers(directory);
+  DeleteOrphans(directory, files.tables, live_tables);
+  for (const std::uint64_t number : live_tables) {
+    std::shared_ptr<SstReader> reader;
+    if (Status s = SstReader::Open(TableFileName(directory, number), &reader); !s.ok()) return s;
+    table_readers.push_back(std::move(reader));
+  }
+
+  // New files must sort after every old one, the deleted ones included.
+  next_file = manifest.next_file;
+  for (const std::vector<std::uint64_t>* numbers : {&files.logs, &files.tables}) {
+    if (!numbers->empty()) next_file = std::max(next_file, NextNumber(numbers->back()));
+  }
+  if (next_file > kMaxFileNumber) {
+    return Status::Corruption("file number out of range in " + directory);
+  }
+
+  active = std::make_shared<MemTable>();
+  for (const std::uint64_t number : files.logs) {
+    const std::string path = LogFileName(directory, number);
+    const auto apply = [memtable = active](const std::vector<EntryView>& batch) {
+      memtable->Apply(batch);
+    };
+    if (Status s = ReplayLog(path, apply); !s.ok()) return s;
+    active->wal_files.push_back(path);
+  }
+  if (Status s = StartLog(); !s.ok()) return s;
+  PublishView();
+  return SaveManifest();
+}
+
+Status LsmDb::StartLog() {
+  const std::string path = LogFileName(directory, next_file++);
+  if (Status s = OpenLogForAppend(path, &log); !s.ok()) return s;
+  active->wal_files.push_back(path);
+  return {};
+}
+
+}  // namespace kandb::lsm

@@ -1,0 +1,110 @@
+// Reading: a view of everything there is, captured under the lock and read without it.
+
+#include <time.h>
+
+#include <cerrno>
+
+#include "lsm/lsm_db.h"
+
+namespace kandb::lsm {
+
+namespace {
+
+// The first read of a scan in a table: enough for the few records of a short range.
+constexpr std::size_t kScanReadSize = 16384;  // bytes
+
+}  // namespace
+
+std::shared_ptr<const ReadView> LsmDb::CaptureView() const {
+  MutexLock lock(&db_mutex);
+  return view;
+}
+
+void LsmDb::PublishView() {
+  auto next = std::make_shared<ReadView>();
+  next->memtables.push_back(active);
+  next->memtables.insert(next->memtables.end(), immutable_memtables.rbegin(),
+                         immutable_memtables.rend());
+  next->tables.assign(table_readers.begin(), table_readers.end());
+  view = std::move(next);
+}
+
+Status LsmDb::Get(std::string_view key, std::string* value, bool* found) const {
+  const std::shared_ptr<const ReadView> captured = CaptureView();
+  *found = false;
+  std::uint8_t op = kDelete;
+  for (const auto& memtable : captured->memtables) {
+    if (!memtable->Lookup(key, &op, value)) continue;
+    *found = op == kPut;
+    return {};
+  }
+  for (const auto& table : captured->tables) {
+    bool has_record = false;
+    if (Status s = table->Get(key, &has_record, &op, value); !s.ok()) return s;
+    if (!has_record) continue;
+    *found = op == kPut;
+    return {};
+  }
+  return {};
+}
+
+Status LsmDb::ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
+                      const Visitor& visit) const {
+  const std::shared_ptr<const ReadView> captured = CaptureView();
+  std::vector<std::unique_ptr<EntrySource>> sources;
+  sources.reserve(captured->memtables.size() + captured->tables.size());
+  for (const auto& memtable : captured->memtables) {
+    sources.push_back(std::make_unique<MemTableSource>(memtable, end));
+  }
+  for (const auto& table : captured->tables) {
+    sources.push_back(std::make_unique<SstReader::Iterator>(table.get(), kScanReadSize));
+  }
+
+  MergingIterator merged(std::move(sources));
+  Status status = merged.Seek(start);
+  std::uint32_t visited = 0;
+  while (status.ok() && merged.valid() && visited < limit) {
+    const EntryView& entry = merged.entry();
+    if (!end.empty() && entry.key >= end) break;
+    if (entry.op == kPut) {
+      ++visited;
+      if (!visit(entry.key, entry.value)) break;
+    }
+    status = merged.Next();
+  }
+  return status;
+}
+
+Status LsmDb::Scan(std::string_view start, std::string_view end, std::uint32_t limit,
+                   std::vector<Entry>* out) const {
+  out->clear();
+  return ForEach(start, end, limit, [out](std::string_view key, std::string_view value) {
+    out->push_back({kPut, std::string(key), std::string(value)});
+    return true;
+  });
+}
+
+void LsmDb::WaitForBackgroundIdle() {
+  for (;;) {
+    {
+      MutexLock lock(&db_mutex);
+      if (immutable_memtables.empty() && !TooManyTables()) return;
+    }
+    background_cv.NotifyOne();
+    timespec pause{.tv_sec = 0, .tv_nsec = 1000000};
+    while (::nanosleep(&pause, &pause) != 0 && errno == EINTR) {
+    }
+  }
+}
+
+std::uint64_t LsmDb::TableFileCount() const {
+  MutexLock lock(&db_mutex);
+  return table_readers.size();
+}
+
+std::uint64_t LsmDb::ImmutableMemTableCount() const {
+  MutexLock lock(&db_mutex);
+  return immutable_memtables.size();
+}
+
+}  // namespace kandb::lsm

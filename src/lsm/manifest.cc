@@ -1,0 +1,101 @@
+#include "lsm/manifest.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <string_view>
+
+#include "common/posix_file.h"
+
+namespace kandb::lsm {
+
+namespace {
+
+std::string ManifestName(const std::string& dir) { return dir + "/MANIFEST"; }
+
+std::string NumberedName(const std::string& dir, const char* format, std::uint64_t number) {
+  char name[sizeof("/wal-.log") + 20];  // 20 digits hold any number
+  const int length =
+      std::snprintf(name, sizeof(name), format, static_cast<unsigned long long>(number));
+  return dir + std::string(name, static_cast<std::size_t>(length));
+}
+
+void SortAndUnite(std::vector<std::uint64_t>* numbers) {
+  std::sort(numbers->begin(), numbers->end());
+  numbers->erase(std::unique(numbers->begin(), numbers->end()), numbers->end());
+}
+
+}  // namespace
+
+Status WriteManifest(const std::string& dir, const ManifestState& state) {
+  std::string text = "next_file " + std::to_string(state.next_file) + "\n";
+  for (const std::uint64_t number : state.sst_files) text += "sst " + std::to_string(number) + "\n";
+
+  const std::string path = ManifestName(dir);
+  const std::string temporary = path + ".tmp";
+  UniqueFd file(file_calls.open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (!file.valid()) {
+    const int error = errno;
+    return Status::Corruption("manifest create: " + ErrnoText(error));
+  }
+  (void)WriteFully(file.get(), text);
+  (void)file_calls.fsync(file.get());
+  file.Reset();
+  if (file_calls.rename(temporary.c_str(), path.c_str()) != 0) {
+    return Status::Corruption("manifest rename failed");
+  }
+  return {};
+}
+
+Status ReadManifest(const std::string& dir, ManifestState* state, bool* exists) {
+  *exists = false;
+  UniqueFd file(file_calls.open(ManifestName(dir).c_str(), O_RDONLY | O_CLOEXEC, 0));
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(nullptr, std::fclose);
+  if (file.valid()) stream.reset(::fdopen(file.get(), "r"));
+  if (stream == nullptr) {
+    const int error = errno;
+    return error == ENOENT ? Status() : Status::Corruption("manifest open: " + ErrnoText(error));
+  }
+  (void)file.release();  // the stream closes it
+
+  *exists = true;
+  state->sst_files.clear();
+  char word[32];
+  unsigned long long number = 0;
+  while (std::fscanf(stream.get(), "%31s %llu", word, &number) == 2) {
+    if (std::string_view(word) == "next_file") state->next_file = number;
+    if (std::string_view(word) == "sst") state->sst_files.push_back(number);
+  }
+  return {};
+}
+
+std::string TableFileName(const std::string& dir, std::uint64_t number) {
+  return NumberedName(dir, "/sst-%06llu.sst", number);
+}
+
+std::string LogFileName(const std::string& dir, std::uint64_t number) {
+  return NumberedName(dir, "/wal-%06llu.log", number);
+}
+
+FileNumbers ListFileNumbers(const std::string& dir) {
+  FileNumbers numbers;
+  const std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(dir.c_str()), ::closedir);
+  if (listing == nullptr) return numbers;
+  while (const dirent* file = ::readdir(listing.get())) {
+    unsigned long long number = 0;
+    if (std::sscanf(file->d_name, "wal-%llu.log", &number) == 1) {
+      numbers.logs.push_back(number);
+    } else if (std::sscanf(file->d_name, "sst-%llu.sst", &number) == 1) {
+      numbers.tables.push_back(number);
+    }
+  }
+  SortAndUnite(&numbers.logs);
+  SortAndUnite(&numbers.tables);
+  return numbers;
+}
+
+}  // namespace kandb::lsm

@@ -1,0 +1,49 @@
+// The manifest, which says which tables make up the database and which file number comes next, and
+// the names of the numbered files. Text; a record is a word and a number in unsigned decimal:
+//
+//   next_file <number>      the next unused number; the last such record counts
+//   sst <number>            a live table; newest first
+//
+// A writer ends each record with a newline, a reader takes any white space. Other words are
+// skipped; the first record that is not a word and a number ends the file. No state between calls;
+// the engine serialises them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/status.h"
+
+namespace kandb::lsm {
+
+struct ManifestState {
+  std::uint64_t next_file = 0;
+  std::vector<std::uint64_t> sst_files;  // newest first
+};
+
+// Replaces the manifest of `dir` through "MANIFEST.tmp" and a rename. Corruption "manifest create:
+// " and the system's text, or "manifest rename failed". Failures between the two are deliberately
+// not looked at.
+Status WriteManifest(const std::string& dir, const ManifestState& state);
+
+// Reads the manifest of `dir`. `*exists` tells whether there is one; without one `*state` stays as
+// it is, and `next_file` also stays where no record sets it. Corruption "manifest open: " and the
+// system's text.
+Status ReadManifest(const std::string& dir, ManifestState* state, bool* exists);
+
+// The paths of a table and of a log: "sst-000007.sst", "wal-000007.log" (six digits or more) in
+// `dir`.
+std::string TableFileName(const std::string& dir, std::uint64_t number);
+std::string LogFileName(const std::string& dir, std::uint64_t number);
+
+// What the names of numbered files in a directory listing tell: their numbers, ascending, each
+// once. Whatever follows the digits of a name is not looked at.
+struct FileNumbers {
+  std::vector<std::uint64_t> logs;
+  std::vector<std::uint64_t> tables;
+};
+// A directory that cannot be read has no files.
+FileNumbers ListFileNumbers(const std::string& dir);
+
+}  // namespace kandb::lsm

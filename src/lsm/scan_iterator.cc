@@ -1,0 +1,65 @@
+#include "lsm/scan_iterator.h"
+
+namespace kandb::lsm {
+
+namespace {
+
+constexpr std::size_t kChunkSize = 4096;  // entries
+
+}  // namespace
+
+Status MemTableSource::Seek(std::string_view target) {
+  FillChunk(target);
+  return {};
+}
+
+Status MemTableSource::Next() {
+  ++position;
+  if (position < chunk.size()) {
+    current = chunk[position];
+  } else if (chunk.size() < kChunkSize) {
+    is_valid = false;
+  } else {
+    // The smallest key after the last one is that key and a zero byte.
+    std::string successor(chunk[chunk.size() - 1].key);
+    successor.push_back('\0');
+    FillChunk(successor);
+  }
+  return {};
+}
+
+void MemTableSource::FillChunk(std::string_view start) {
+  memtable->Dump(start, end, kChunkSize, &chunk);
+  position = 0;
+  is_valid = chunk.size() > 0;
+  if (is_valid) current = chunk[0];
+}
+
+Status MergingIterator::Seek(std::string_view target) {
+  for (const auto& source : sources) {
+    if (Status s = source->Seek(target); !s.ok()) return s;
+  }
+  Choose();
+  return {};
+}
+
+Status MergingIterator::Next() {
+  // The winner moves last: the key that the others are compared with is its own.
+  for (const auto& source : sources) {
+    if (source.get() == winner || source->entry().key != winner->entry().key) continue;
+    if (Status s = source->Next(); !s.ok()) return s;
+  }
+  if (Status s = winner->Next(); !s.ok()) return s;
+  Choose();
+  return {};
+}
+
+void MergingIterator::Choose() {
+  std::erase_if(sources, [](const auto& source) { return !source->valid(); });
+  winner = nullptr;
+  for (const auto& source : sources) {
+    if (winner == nullptr || source->entry().key < winner->entry().key) winner = source.get();
+  }
+}
+
+}  // namespace kandb::lsm

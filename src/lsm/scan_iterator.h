@@ -1,0 +1,67 @@
+// Merges sorted runs into one: a read's memtables and tables, or the tables of a compaction.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/status.h"
+#include "lsm/entry_list.h"
+#include "lsm/entry_source.h"
+#include "lsm/memtable.h"
+#include "lsm/sst_reader.h"
+
+namespace kandb::lsm {
+
+// What a read looks at, newest first. Never changes once made; keeps all it refers to alive.
+struct ReadView {
+  std::vector<std::shared_ptr<const MemTable>> memtables;
+  std::vector<std::shared_ptr<const SstReader>> tables;
+};
+
+// A memtable as a source. It is copied out in chunks of at most 4096 entries, so that a long scan
+// neither holds the memtable's lock for long nor copies all of it. Each chunk is consistent; keys
+// written behind the current position later on may or may not be seen.
+class MemTableSource final : public EntrySource {
+ public:
+  // Entries at or after `end_bound` (borrowed, empty is none) need not be seen.
+  MemTableSource(std::shared_ptr<const MemTable> source, std::string_view end_bound)
+      : memtable(std::move(source)), end(end_bound) {}
+
+  Status Seek(std::string_view target) override;
+  Status Next() override;
+
+ private:
+  void FillChunk(std::string_view start);
+
+  const std::shared_ptr<const MemTable> memtable;
+  const std::string_view end;
+  EntryList chunk;
+  std::size_t position = 0;  // of the current entry in the chunk
+};
+
+// The entries of several sources in key order, deletions included. Of entries with equal keys only
+// that of the source which stands first is seen.
+class MergingIterator {
+ public:
+  // `ordered_sources`: newest first.
+  explicit MergingIterator(std::vector<std::unique_ptr<EntrySource>> ordered_sources)
+      : sources(std::move(ordered_sources)) {}
+
+  Status Seek(std::string_view target);
+  Status Next();
+
+  bool valid() const { return winner != nullptr; }
+  // Lives until the next call that moves the iterator.
+  const EntryView& entry() const { return winner->entry(); }
+
+ private:
+  // Drops the sources that have ended and finds the one with the smallest key.
+  void Choose();
+
+  std::vector<std::unique_ptr<EntrySource>> sources;
+  EntrySource* winner = nullptr;
+};
+
+}  // namespace kandb::lsm

@@ -1,0 +1,149 @@
+#include "lsm/sst_reader.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace kandb::lsm {
+
+namespace {
+
+// Reads exactly `size` bytes.
+Status ReadAt(int file, std::uint64_t offset, std::size_t size, char* buffer) {
+  const ssize_t count = PreadFully(file, buffer, size, offset);
+  if (count < 0) {
+    const int error = errno;
+    return Status::Corruption("sst pread: " + ErrnoText(error));
+  }
+  if (static_cast<std::size_t>(count) < size) return Status::Corruption("sst: unexpected EOF");
+  return {};
+}
+
+}  // namespace
+
+Status SstReader::Open(const std::string& path, std::shared_ptr<SstReader>* reader) {
+  auto opened = std::make_shared<SstReader>();
+  if (Status s = opened->ReadFooter(path); !s.ok()) return s;
+  const TableFooter& footer = opened->footer;
+  if (Status s = opened->ReadBlock(footer.index_offset, footer.index_size, &opened->index_block);
+      !s.ok()) {
+    return s;
+  }
+  if (Status s = DecodeIndex(opened->index_block, &opened->index); !s.ok()) return s;
+  std::string filter_block;
+  if (Status s = opened->ReadBlock(footer.filter_offset, footer.filter_size, &filter_block);
+      !s.ok()) {
+    return s;
+  }
+  opened->filter.emplace(std::move(filter_block));
+  *reader = std::move(opened);
+  return {};
+}
+
+Status SstReader::ReadFooter(const std::string& path) {
+  file = UniqueFd(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
+  const off_t size = file.valid() ? ::lseek(file.get(), 0, SEEK_END) : -1;
+  if (size < 0) {
+    const int error = errno;
+    return Status::Corruption("sst open " + path + ": " + ErrnoText(error));
+  }
+  file_size = static_cast<std::uint64_t>(size);
+  if (file_size < kFooterSize) return Status::Corruption("sst too small: " + path);
+
+  char bytes[kFooterSize];
+  if (Status s = ReadAt(file.get(), file_size - kFooterSize, kFooterSize, bytes); !s.ok()) return s;
+  return DecodeFooter({bytes, kFooterSize}, &footer);
+}
+
+Status SstReader::ReadBlock(std::uint64_t offset, std::uint64_t size, std::string* block) const {
+  if (size == 0) return {};
+  if (offset > file_size || size > file_size - offset) {
+    return Status::Corruption("sst: unexpected EOF");
+  }
+  block->resize(size);
+  return ReadAt(file.get(), offset, size, block->data());
+}
+
+SstReader::Stretch SstReader::FindStretch(std::string_view target) const {
+  // An empty target is in front of every key, the empty one too.
+  const auto after = target.empty()
+                         ? index.begin()
+                         : std::upper_bound(index.begin(), index.end(), target,
+                                            [](std::string_view key, const IndexElement& element) {
+                                              return key < element.key;
+                                            });
+  const std::uint64_t begin = after == index.begin() ? 0 : std::prev(after)->offset;
+  const std::uint64_t end = after == index.end() ? footer.index_offset : after->offset;
+  return {begin, end};
+}
+
+Status SstReader::Get(std::string_view key, bool* found, std::uint8_t* op,
+                      std::string* value) const {
+  *found = false;
+  if (!filter->MayContain(key)) return {};
+
+  // One read covers the stretch, unless a damaged index makes it senseless.
+  const Stretch stretch = FindStretch(key);
+  const std::uint64_t stretch_size = stretch.end > stretch.begin ? stretch.end - stretch.begin : 1;
+  Iterator iterator(this, std::min<std::uint64_t>(stretch_size, Iterator::kMaxReadSize));
+  if (Status s = iterator.Seek(key); !s.ok()) return s;
+  if (!iterator.valid() || iterator.entry().key != key) return {};
+  *found = true;
+  *op = iterator.entry().op;
+  if (*op == kPut) *value = iterator.entry().value;
+  return {};
+}
+
+Status SstReader::Iterator::Seek(std::string_view target) {
+  buffer.Clear();
+  consume = 0;
+  next_offset = reader->FindStretch(target).begin;
+  do {
+    if (Status s = ReadEntry(); !s.ok()) return s;
+  } while (is_valid && current.key < target);
+  return {};
+}
+
+Status SstReader::Iterator::ReadEntry() {
+  buffer.Consume(std::exchange(consume, 0));
+  is_valid = next_offset < reader->footer.index_offset;
+  if (!is_valid) return {};
+
+  std::size_t size = 0;
+  EntryDefect defect = ParseEntry(buffer.unread(), &current, &size);
+  while (defect != EntryDefect::kNone) {
+    is_valid = false;
+    if (defect == EntryDefect::kBadOp) return Status::Corruption("sst bad record op");
+    if (Status s = Fill(size); !s.ok()) return s;
+    defect = ParseEntry(buffer.unread(), &current, &size);
+  }
+  is_valid = true;
+  consume = size;
+  next_offset += size;
+  return {};
+}
+
+Status SstReader::Iterator::Fill(std::size_t size) {
+  const std::uint64_t data_left = reader->footer.index_offset - next_offset;
+  if (size > data_left) return Status::Corruption("sst record truncated");
+  const std::uint64_t data_in_file = reader->file_size - std::min(next_offset, reader->file_size);
+  if (size > data_in_file) return Status::Corruption("sst: unexpected EOF");
+
+  const std::size_t buffered = buffer.unread().size();
+  const std::size_t wanted = std::max(size, read_size);
+  read_size = std::max(read_size, std::min(2 * read_size, kMaxReadSize));
+  const auto end =
+      static_cast<std::size_t>(std::min<std::uint64_t>({wanted, data_left, data_in_file}));
+  char* room = buffer.Reserve(end - buffered);
+  if (Status s = ReadAt(reader->file.get(), next_offset + buffered, end - buffered, room);
+      !s.ok()) {
+    return s;
+  }
+  buffer.Commit(end - buffered);
+  return {};
+}
+
+}  // namespace kandb::lsm

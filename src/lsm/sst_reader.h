@@ -1,0 +1,86 @@
+// Reads one table file with positioned reads; its index and filter stay in memory. The layout is in
+// lsm/table_format.h. Immutable after Open, held by shared pointer and used by any number of
+// threads.
+//
+// Nothing that the file says is trusted: offsets and sizes are compared with the file's size before
+// memory is allocated or bytes are read for them. All failures are Corruption: "sst open <path>: "
+// and the system's text, "sst too small: <path>", "sst bad magic", "sst footer crc mismatch", "sst
+// index truncated", "sst bad record op", "sst record truncated", "sst: unexpected EOF", "sst pread:
+// " and the system's text.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/input_buffer.h"
+#include "common/posix_file.h"
+#include "common/status.h"
+#include "crypto/bloom.h"
+#include "lsm/entry_source.h"
+#include "lsm/table_format.h"
+
+namespace kandb::lsm {
+
+class SstReader {
+ public:
+  static Status Open(const std::string& path, std::shared_ptr<SstReader>* reader);
+
+  // Looks a key up. `*found` tells whether the table has a record of it, a deletion too; then `*op`
+  // is filled, and `*value` for a put.
+  Status Get(std::string_view key, bool* found, std::uint8_t* op, std::string* value) const;
+
+  std::uint64_t EntryCount() const { return footer.entry_count; }
+
+  class Iterator;
+
+ private:
+  Status ReadFooter(const std::string& path);
+  Status ReadBlock(std::uint64_t offset, std::uint64_t size, std::string* block) const;
+
+  // Where in the data an entry with the key `target`, or the first after it, can begin: from the
+  // last indexed entry at or before the key up to the next one.
+  struct Stretch {
+    std::uint64_t begin;
+    std::uint64_t end;
+  };
+  Stretch FindStretch(std::string_view target) const;
+
+  UniqueFd file;
+  std::uint64_t file_size = 0;
+  TableFooter footer;
+  std::string index_block;
+  std::vector<IndexElement> index;  // points into index_block
+  std::optional<crypto::BloomFilterView> filter;
+};
+
+// Walks over the entries of a table; used by one thread. The reader must outlive it.
+class SstReader::Iterator final : public EntrySource {
+ public:
+  // Reads pieces of `first_read_size` bytes at first, twice as much each time up to kMaxReadSize,
+  // so that a short walk reads little and a long one in few calls.
+  static constexpr std::size_t kMaxReadSize = 262144;
+  Iterator(const SstReader* table, std::size_t first_read_size)
+      : reader(table), read_size(first_read_size) {}
+
+  Status Seek(std::string_view target) override;
+  Status Next() override { return ReadEntry(); }
+
+ private:
+  // Makes the entry at `next_offset` the current one; invalid at the end of the data.
+  Status ReadEntry();
+  // Reads on until `size` bytes from `next_offset` on are in the buffer.
+  Status Fill(std::size_t size);
+
+  const SstReader* const reader;
+  std::size_t read_size;
+  InputBuffer buffer;       // of the data from next_offset on, once `consume` bytes are dropped
+  std::size_t consume = 0;  // bytes of the current entry, which the buffer still holds
+  std::uint64_t next_offset = 0;  // of the entry after the current one
+};
+
+}  // namespace kandb::lsm

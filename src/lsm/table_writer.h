@@ -1,0 +1,33 @@
+// Builds a table in memory and publishes it as a file. The layout is in lsm/table_format.h.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "common/status.h"
+#include "crypto/bloom.h"
+#include "lsm/entry.h"
+
+namespace kandb::lsm {
+
+// The encoded entries of a table to be. Not thread-safe.
+class TableBuilder {
+ public:
+  // Keys must ascend, each once.
+  void Add(const EntryView& entry);
+
+ private:
+  friend Status WriteTable(const std::string& path, const TableBuilder& table);
+
+  std::string data;
+  std::string index;
+  std::vector<crypto::BloomHash> hashes;  // one a key: the filter's size depends on their number
+};
+
+// Writes `path` + ".tmp", syncs it and renames it to `path`, which so exists whole or not at all.
+// Corruption "sst create: " and the temporary path, "sst write: " and the system's text, "sst fsync
+// failed" or "sst rename failed"; the temporary file is then removed.
+Status WriteTable(const std::string& path, const TableBuilder& table);
+
+}  // namespace kandb::lsm

@@ -1,0 +1,112 @@
+#include "lsm/wal.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cassert>
+#include <cerrno>
+
+#include "common/endian.h"
+#include "common/input_buffer.h"
+#include "crypto/crc32c.h"
+#include "lsm/write_batch.h"
+
+namespace kandb::lsm {
+
+namespace {
+
+constexpr std::size_t kRecordHeaderSize = 4 + 4;
+constexpr std::size_t kReplayReadSize = std::size_t{1} << 20;  // bytes a read
+
+Status OpenFailure(const std::string& path, int error) {
+  return Status::Corruption("wal open " + path + ": " + ErrnoText(error));
+}
+
+// Reads on until `size` bytes are unread; false when the file ends or fails before.
+bool Fill(int file, std::size_t size, InputBuffer* buffer) {
+  while (buffer->unread().size() < size) {
+    char* room = buffer->Reserve(size - buffer->unread().size());
+    const ssize_t count = ReadFully(file, room, buffer->free_size());
+    if (count <= 0) return false;
+    buffer->Commit(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string BuildLogRecord(const std::vector<Entry>& batch) {
+  std::string record;
+  record.reserve(kRecordHeaderSize + BatchSize(batch));
+  record.assign(kRecordHeaderSize, '\0');
+  AppendBatch(batch, &record);
+  const std::string_view payload = std::string_view(record).substr(kRecordHeaderSize);
+  assert(payload.size() <= kMaxLogPayloadSize);
+  StoreLittleEndian(crypto::Crc32c(payload), record.data());
+  StoreLittleEndian(static_cast<std::uint32_t>(payload.size()), record.data() + 4);
+  return record;
+}
+
+Status Log::Append(std::string_view record) {
+  if (!failure.ok()) return failure;
+  if (const int error = WriteFully(file.get(), record); error != 0) {
+    return Status::Corruption("wal write: " + ErrnoText(error));
+  }
+  file_size += record.size();
+  return {};
+}
+
+Status Log::Sync() {
+  if (file_calls.fdatasync(file.get()) != 0) {
+    const int error = errno;
+    return Status::Corruption("wal fdatasync: " + ErrnoText(error));
+  }
+  return {};
+}
+
+void Log::CutBack(std::uint64_t size, const Status& cause) {
+  if (!failure.ok()) return;
+  if (file_calls.ftruncate(file.get(), static_cast<off_t>(size)) != 0) {
+    failure = cause;
+    return;
+  }
+  file_size = size;
+}
+
+Status OpenLogForAppend(const std::string& path, Log* log) {
+  UniqueFd file(file_calls.open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+  if (!file.valid()) return OpenFailure(path, errno);
+  const off_t size = ::lseek(file.get(), 0, SEEK_END);
+  if (size < 0) return OpenFailure(path, errno);
+  log->file = std::move(file);
+  log->file_size = static_cast<std::uint64_t>(size);
+  log->failure = Status();
+  return {};
+}
+
+Status ReplayLog(const std::string& path,
+                 const std::function<void(const std::vector<EntryView>&)>& apply) {
+  const UniqueFd file(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
+  if (!file.valid()) {
+    const int error = errno;
+    return error == ENOENT ? Status() : OpenFailure(path, error);
+  }
+
+  InputBuffer buffer;
+  buffer.Reserve(kReplayReadSize);
+  std::vector<EntryView> entries;
+  while (Fill(file.get(), kRecordHeaderSize, &buffer)) {
+    const std::uint32_t crc = LoadU32(buffer.unread().data());
+    const std::size_t length = LoadU32(buffer.unread().data() + 4);
+    if (length > kMaxLogPayloadSize) break;
+    if (!Fill(file.get(), kRecordHeaderSize + length, &buffer)) break;
+    const std::string_view payload = buffer.unread().substr(kRecordHeaderSize, length);
+    if (crypto::Crc32c(payload) != crc) break;
+    if (!DecodeBatch(payload, &entries).ok()) break;
+    apply(entries);
+    buffer.Consume(kRecordHeaderSize + length);
+  }
+  return {};
+}
+
+}  // namespace kandb::lsm

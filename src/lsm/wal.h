@@ -1,0 +1,67 @@
+// The write-ahead log: a file of records, each one write batch, appended and then synced. Records
+// follow one another without padding or header; numbers are little-endian.
+//
+//   offset   size  field
+//   0        4     CRC-32C of the payload
+//   4        4     L = payload length, at most 64 MiB
+//   8        L     payload: an encoded batch (lsm/write_batch.h)
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/posix_file.h"
+#include "common/status.h"
+#include "lsm/entry.h"
+
+namespace kandb::lsm {
+
+// A replay takes a longer record for damage, so none may be written.
+inline constexpr std::size_t kMaxLogPayloadSize = std::size_t{64} << 20;  // bytes
+
+// The record of a batch whose encoding is within the limit.
+std::string BuildLogRecord(const std::vector<Entry>& batch);
+
+// A log open for appending; closes itself. One writer at a time.
+class Log {
+ public:
+  // Writes a whole record. Corruption "wal write: " and the system's text; part of the record may
+  // then stand in the file.
+  Status Append(std::string_view record);
+
+  // Flushes the file's data to stable storage. Corruption "wal fdatasync: " and the system's text.
+  Status Sync();
+
+  // Removes everything after the first `size` bytes, because what follows them failed with `cause`:
+  // a torn record must not stand before records that are acknowledged later. When the removal fails
+  // too, the log is closed to records: every later Append fails with `cause`.
+  void CutBack(std::uint64_t size, const Status& cause);
+
+  // Bytes in the file.
+  std::uint64_t size() const { return file_size; }
+
+ private:
+  friend Status OpenLogForAppend(const std::string& path, Log* log);
+
+  UniqueFd file;
+  std::uint64_t file_size = 0;
+  Status failure;  // of a group whose remains could not be removed
+};
+
+// Opens or creates (0644) the log at `path`; `*log` is replaced on success, its old file closed.
+// Corruption "wal open <path>: " and the system's text.
+Status OpenLogForAppend(const std::string& path, Log* log);
+
+// Hands every batch of the log to `apply`, in order; the entries live only during the call. The
+// first record that is short, too long, fails its checksum or does not decode ends the replay
+// silently, as the end of the file does: it is what a crash leaves of a write that nobody was told
+// had succeeded. A missing file holds nothing. Fails only when an existing file cannot be opened,
+// as above.
+Status ReplayLog(const std::string& path,
+                 const std::function<void(const std::vector<EntryView>&)>& apply);
+
+}  // namespace kandb::lsm

@@ -1,0 +1,149 @@
+#include <algorithm>
+
+#include "meta/keys.h"
+#include "meta/pd_service.h"
+
+namespace kandb::meta {
+
+namespace {
+
+using pdpb::RegionHeartbeatEntry;
+using pdpb::ScheduleCommand;
+using pdpb::ScheduleKind;
+using pdpb::Store;
+
+// Answers which ids a list holds in little time even for a list that a hostile peer made long.
+// Reused from list to list, so that short ones cost no allocation.
+class IdSet {
+ public:
+  void Assign(const std::vector<std::uint64_t>& list) {
+    ids = list;
+    std::sort(ids.begin(), ids.end());
+  }
+  bool Contains(std::uint64_t id) const { return std::binary_search(ids.begin(), ids.end(), id); }
+
+ private:
+  std::vector<std::uint64_t> ids;
+};
+
+// One replica more: on the first store that has none yet and can be reached.
+void AddMissingPeer(const RegionHeartbeatEntry& entry, const std::vector<Store>& stores,
+                    IdSet* members, std::vector<ScheduleCommand>* commands) {
+  members->Assign(entry.member_store_ids);
+  const auto chosen = std::find_if(stores.begin(), stores.end(), [&](const Store& store) {
+    return !store.address.empty() && !members->Contains(store.id);
+  });
+  if (chosen == stores.end()) return;
+  commands->push_back({ScheduleKind::kAddPeer, entry.region_id, chosen->id, chosen->address});
+}
+
+// One replica less: the first candidate among the members or else the first member, but never that
+// of the reporting store.
+void RemoveSurplusPeer(const RegionHeartbeatEntry& entry, std::uint64_t reporter, IdSet* candidates,
+                       std::vector<ScheduleCommand>* commands) {
+  candidates->Assign(entry.candidate_store_ids);
+  const std::vector<std::uint64_t>& members = entry.member_store_ids;
+  auto chosen = std::find_if(members.begin(), members.end(), [&](std::uint64_t id) {
+    return id != reporter && candidates->Contains(id);
+  });
+  if (chosen == members.end()) {
+    chosen = std::find_if(members.begin(), members.end(),
+                          [&](std::uint64_t id) { return id != reporter; });
+  }
+  if (chosen == members.end() || *chosen == 0) return;
+  commands->push_back({ScheduleKind::kRemovePeer, entry.region_id, *chosen, {}});
+}
+
+}  // namespace
+
+Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& request,
+                                  pdpb::RegionHeartbeatResponse* response) {
+  std::vector<Store> stores;
+  if (Status s = ReadStores(&stores); !s.ok()) return s;
+  std::vector<ScheduleCommand> commands;
+  IdSet ids;
+  for (const RegionHeartbeatEntry& entry : request.regions) {
+    for (const std::uint64_t store_id : entry.caught_up_learner_store_ids) {
+      commands.push_back({ScheduleKind::kPromoteLearner, entry.region_id, store_id, {}});
+    }
+    if (target_replicas == 0) continue;
+    const std::size_t member_count = entry.member_store_ids.size();
+    if (member_count < target_replicas) AddMissingPeer(entry, stores, &ids, &commands);
+    if (member_count > target_replicas) {
+      RemoveSurplusPeer(entry, request.store_id, &ids, &commands);
+    }
+  }
+
+  for (const std::uint64_t region_id : request.region_ids) {
+    if (!IsStaleReplica(region_id, request.store_id)) continue;
+    commands.push_back({ScheduleKind::kDestroyStaleReplica, region_id, request.store_id, {}});
+  }
+
+  MutexLock lock(&heartbeat_mutex);
+  for (const RegionHeartbeatEntry& entry : request.regions) {
+    MarkReporter(entry.region_id, request.store_id);
+  }
+  if (stores.size() >= 2) TransferLeaders(request, &commands);
+  response->commands = std::move(commands);
+  return {};
+}
+
+// All that decode, in the order of their keys, which is the order of preference.
+Status PdService::ReadStores(std::vector<Store>* stores) const {
+  const auto collect = [&](std::string_view, std::string_view record) {
+    Store decoded;
+    if (Decode(record, &decoded)) stores->push_back(std::move(decoded));
+    return true;
+  };
+  return store->ForEach(kStoreKeys.begin, kStoreKeys.end, kStoreKeys.max_records, collect);
+}
+
+// A replica is destroyed only on the evidence of a record that does not list it.
+bool PdService::IsStaleReplica(std::uint64_t region_id, std::uint64_t store_id) const {
+  std::string record;
+  bool found = false;
+  if (!store->Get(RegionKey(region_id), &record, &found).ok() || !found) return false;
+  pdpb::Region region;
+  if (!Decode(record, &region)) return false;
+  return std::none_of(region.peers.begin(), region.peers.end(),
+                      [&](const pdpb::Peer& peer) { return peer.store_id == store_id; });
+}
+
+void PdService::MarkReporter(std::uint64_t region_id, std::uint64_t store_id) {
+  const auto [mark, inserted] = heartbeat_marks.try_emplace(region_id, store_id);
+  if (!inserted) {
+    const auto previous = marks_per_store.find(mark->second);
+    if (--previous->second == 0) marks_per_store.erase(previous);
+    mark->second = store_id;
+  }
+  ++marks_per_store[store_id];
+}
+
+std::uint64_t PdService::ReportedRegions(std::uint64_t store_id) const {
+  const auto found = marks_per_store.find(store_id);
+  return found == marks_per_store.end() ? 0 : found->second;
+}
+
+// Moves leadership to the candidate whose store leads least, where that is clearly less than here.
+void PdService::TransferLeaders(const pdpb::RegionHeartbeatRequest& request,
+                                std::vector<ScheduleCommand>* commands) {
+  const std::uint64_t own = ReportedRegions(request.store_id);
+  if (own < 2) return;
+  IdSet candidates;
+  for (const RegionHeartbeatEntry& entry : request.regions) {
+    candidates.Assign(entry.candidate_store_ids);
+    std::uint64_t least = own - 1;  // to be chosen, a store must lead fewer
+    const std::uint64_t* chosen = nullptr;
+    for (const std::uint64_t& member : entry.member_store_ids) {
+      if (member == request.store_id || !candidates.Contains(member)) continue;
+      const std::uint64_t count = ReportedRegions(member);
+      if (count >= least) continue;
+      least = count;
+      chosen = &member;
+    }
+    if (chosen == nullptr) continue;
+    commands->push_back({ScheduleKind::kTransferLeader, entry.region_id, *chosen, {}});
+  }
+}
+
+}  // namespace kandb::meta

@@ -1,0 +1,178 @@
+// The encoding of messages: a flat sequence of tagged fields, no header, no count, no terminator.
+//
+//   offset   size  field
+//   0        2     tag: number of the field, little-endian like every number here
+//   2        4     L = length of the value
+//   6        L     value
+//
+//   value                      encoding
+//   integer, enumeration       8 bytes; a reader keeps as many low bytes as its member has
+//   boolean                    1 byte, any non-zero byte is true
+//   bytes                      as they are
+//   message                    its own encoding
+//   repeated field (vector)    one field an element, all with the same tag
+//
+// A message type lists its fields once, in ascending order of their tags:
+//
+//   static constexpr auto Fields() { return std::tuple{Field{1, &Peer::id}, ...}; }
+//
+// and Encode and Decode both follow that list. Stateless; safe from any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <vector>
+
+#include "common/endian.h"
+
+namespace kandb::pdpb {
+
+// A member that is always written (a vector: once for each element).
+template <class M, class T>
+struct Field {
+  static constexpr bool kWrittenWhenEmpty = true;
+  std::uint16_t tag;
+  T M::*member;
+  constexpr Field(std::uint16_t field_tag, T M::*field_member)
+      : tag(field_tag), member(field_member) {}
+};
+
+// A member of bytes that is not written when it is empty.
+template <class M, class T>
+struct OptionalField {
+  static constexpr bool kWrittenWhenEmpty = false;
+  std::uint16_t tag;
+  T M::*member;
+  constexpr OptionalField(std::uint16_t field_tag, T M::*field_member)
+      : tag(field_tag), member(field_member) {}
+};
+
+template <class M>
+concept Message = requires {
+  M::Fields();
+};
+
+template <Message M>
+void AppendTo(const M& message, std::string* out);
+template <Message M>
+bool Decode(std::string_view bytes, M* message);
+
+// --- The three append operations, from which every encoder is made ---
+
+inline constexpr std::size_t kFieldHeaderSize = 2 + 4;  // bytes
+
+inline void AppendFieldHeader(std::uint16_t tag, std::size_t length, std::string* out) {
+  AppendU16(tag, out);
+  AppendU32(static_cast<std::uint32_t>(length), out);
+}
+
+void AppendField(std::uint16_t tag, std::string_view value, std::string* out);
+void AppendInteger(std::uint16_t tag, std::uint64_t value, std::string* out);
+
+// The message is encoded in place and its length filled in afterwards, so that each byte is written
+// once.
+template <Message M>
+void AppendMessage(std::uint16_t tag, const M& message, std::string* out) {
+  AppendFieldHeader(tag, 0, out);
+  const std::size_t start = out->size();
+  AppendTo(message, out);
+  StoreLittleEndian(static_cast<std::uint32_t>(out->size() - start), out->data() + start - 4);
+}
+
+// --- Encoding by the type of a member ---
+
+template <class T>
+void AppendValue(std::uint16_t tag, const T& value, std::string* out) {
+  if constexpr (Message<T>) {
+    AppendMessage(tag, value, out);
+  } else if constexpr (std::is_same_v<T, bool>) {
+    AppendField(tag, std::string_view(value ? "\1" : "\0", 1), out);
+  } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
+    AppendInteger(tag, static_cast<std::uint64_t>(value), out);
+  } else {
+    AppendField(tag, value, out);
+  }
+}
+
+template <class T>
+void AppendValue(std::uint16_t tag, const std::vector<T>& values, std::string* out) {
+  for (const T& value : values) AppendValue(tag, value, out);
+}
+
+// Appends the encoding of `message`.
+template <Message M>
+void AppendTo(const M& message, std::string* out) {
+  const auto append = [&](const auto& field) {
+    const auto& value = message.*field.member;
+    if constexpr (!std::remove_cvref_t<decltype(field)>::kWrittenWhenEmpty) {
+      if (value.empty()) return;
+    }
+    AppendValue(field.tag, value, out);
+  };
+  std::apply([&](const auto&... field) { (append(field), ...); }, M::Fields());
+}
+
+template <Message M>
+std::string Encode(const M& message) {
+  std::string out;
+  AppendTo(message, &out);
+  return out;
+}
+
+// --- Decoding by the type of a member; false when the value does not fit it ---
+
+template <class T>
+bool DecodeValue(std::string_view value, T* member) {
+  if constexpr (Message<T>) {
+    // A field that occurs again replaces what came before, whole.
+    *member = T{};
+    return Decode(value, member);
+  } else if constexpr (std::is_same_v<T, bool>) {
+    if (value.size() != 1) return false;
+    *member = value[0] != 0;
+    return true;
+  } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
+    if (value.size() != 8) return false;
+    *member = static_cast<T>(LoadU64(value.data()));
+    return true;
+  } else {
+    *member = value;
+    return true;
+  }
+}
+
+template <class T>
+bool DecodeValue(std::string_view value, std::vector<T>* members) {
+  return DecodeValue(value, &members->emplace_back());
+}
+
+// Decodes into a freshly constructed message; fields that do not occur keep their defaults, unknown
+// ones are skipped. False when `bytes` are not a whole number of fields or a known field does not
+// fit its member; the message then holds part of the input. Members of type std::string_view point
+// into `bytes`.
+template <Message M>
+bool Decode(std::string_view bytes, M* message) {
+  while (bytes.size() >= kFieldHeaderSize) {
+    const std::uint16_t tag = LoadU16(bytes.data());
+    const std::uint32_t length = LoadU32(bytes.data() + 2);
+    if (length > bytes.size() - kFieldHeaderSize) return false;
+    const std::string_view value = bytes.substr(kFieldHeaderSize, length);
+    bytes.remove_prefix(kFieldHeaderSize + length);
+
+    // Stops at the field that has the tag: true when it decoded, and also when no field has it.
+    const auto fits = [&](const auto&... field) {
+      bool good = true;
+      (void)((field.tag == tag && (good = DecodeValue(value, &(message->*field.member)), true)) ||
+             ...);
+      return good;
+    };
+    if (!std::apply(fits, M::Fields())) return false;
+  }
+  return bytes.empty();
+}
+
+}  // namespace kandb::pdpb

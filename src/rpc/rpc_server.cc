@@ -1,0 +1,199 @@
+#include "rpc/rpc_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <limits>
+#include <system_error>
+
+#include "rpc/frame.h"
+#include "rpc/socket_io.h"
+
+namespace kandb::kanrpc {
+
+namespace {
+
+constexpr int kListenBacklog = 256;
+constexpr int kWriteTimeoutMs = 30000;
+// Most of a response buffer's memory that a connection keeps between requests.
+constexpr std::size_t kKeptResponseSize = std::size_t{64} << 10;  // bytes
+// Descriptors kept free for the storage engine's files. Accepting up to the limit would make accept
+// fail, which ends the server.
+constexpr int kReservedDescriptors = 64;
+
+void SetFlag(int socket, int level, int option) {
+  const int on = 1;
+  // Neither SO_REUSEADDR nor TCP_NODELAY can fail on a TCP socket, and none is needed for
+  // correctness.
+  (void)::setsockopt(socket, level, option, &on, sizeof(on));
+}
+
+// The lowest descriptor that a connection may not have. Descriptors are handed out lowest first, so
+// a connection with this number or a higher one says that almost all are in use.
+int FirstRefusedDescriptor() {
+  rlimit limit{};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return std::numeric_limits<int>::max();
+  const rlim_t highest = std::min<rlim_t>(limit.rlim_cur, std::numeric_limits<int>::max());
+  const int descriptors = static_cast<int>(highest);
+  return descriptors - std::min(kReservedDescriptors, descriptors / 4);
+}
+
+Status BindFailure(const std::string& bind_addr, int port, int error) {
+  return Status::Corruption("bind " + bind_addr + ":" + std::to_string(port) +
+                            " failed: " + ErrnoText(error));
+}
+
+}  // namespace
+
+class RpcServer::HandlerAdmission {
+ public:
+  // Announces itself before it looks at `stopping`, while Stop sets `stopping` before it looks at
+  // the count: in their single total order one of the two sees the other.
+  explicit HandlerAdmission(Shared* server) : shared(server) {
+    shared->running_handlers.fetch_add(1);
+    admitted = !shared->stopping.load();
+  }
+  ~HandlerAdmission() {
+    shared->running_handlers.fetch_sub(1);
+    if (shared->stopping.load()) shared->running_handlers.notify_all();
+  }
+  HandlerAdmission(const HandlerAdmission&) = delete;
+  HandlerAdmission& operator=(const HandlerAdmission&) = delete;
+
+  bool admitted;
+
+ private:
+  Shared* shared;
+};
+
+RpcServer::RpcServer() : shared(std::make_shared<Shared>()) {}
+
+RpcServer::~RpcServer() { Stop(); }
+
+void RpcServer::SetHandler(const std::string& method, Handler handler) {
+  shared->methods[method] = std::move(handler);
+}
+
+Status RpcServer::Start(int port, const std::string& bind_addr) {
+  UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket.valid()) return Status::Corruption("socket() failed");
+  SetFlag(socket.get(), SOL_SOCKET, SO_REUSEADDR);
+
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  if (::inet_pton(AF_INET, bind_addr.c_str(), &address.sin_addr) != 1) {
+    return Status::InvalidArgument("invalid IPv4 bind address: " + bind_addr);
+  }
+  // The address has room for 16 bits: a port beyond them must not turn into another one.
+  if (port < 0 || port > std::numeric_limits<std::uint16_t>::max()) {
+    return BindFailure(bind_addr, port, EINVAL);
+  }
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  auto* raw_address = reinterpret_cast<sockaddr*>(&address);
+  if (::bind(socket.get(), raw_address, sizeof(address)) != 0) {
+    return BindFailure(bind_addr, port, errno);
+  }
+  socklen_t address_size = sizeof(address);
+  if (::listen(socket.get(), kListenBacklog) != 0 ||
+      ::getsockname(socket.get(), raw_address, &address_size) != 0) {
+    return Status::Corruption("listen failed");
+  }
+
+  listen_socket = std::move(socket);
+  bound_port = ntohs(address.sin_port);
+  MutexLock lock(&accept_mutex);
+  accept_thread = std::thread([this] { AcceptLoop(); });
+  return {};
+}
+
+void RpcServer::Wait() {
+  MutexLock lock(&accept_mutex);
+  if (accept_thread.joinable()) accept_thread.join();
+}
+
+void RpcServer::Stop() {
+  bool running = false;
+  if (!shared->stopping.compare_exchange_strong(running, true)) return;
+  // The shutdown makes a waiting accept fail. The descriptor is closed only after its thread has
+  // ended, because until then its number must not come to mean another file.
+  if (listen_socket.valid()) ::shutdown(listen_socket.get(), SHUT_RDWR);
+  Wait();
+  listen_socket.Reset();
+  while (const int running_handlers = shared->running_handlers.load()) {
+    shared->running_handlers.wait(running_handlers);
+  }
+}
+
+void RpcServer::AcceptLoop() {
+  const int first_refused = FirstRefusedDescriptor();
+  while (!shared->stopping.load()) {
+    UniqueFd connection(::accept4(listen_socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!connection.valid()) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    if (connection.get() >= first_refused) continue;
+    SetFlag(connection.get(), IPPROTO_TCP, TCP_NODELAY);
+    try {
+      std::thread([connection = std::move(connection), state = shared]() mutable {
+        Serve(std::move(connection), state);
+      }).detach();
+    } catch (const std::exception&) {
+      // No thread or no memory for it: the connection closes as its owner goes, the server goes on.
+    }
+  }
+}
+
+void RpcServer::Serve(UniqueFd connection, const std::shared_ptr<Shared>& shared) try {
+  FrameReader reader(connection.get());
+  std::string response;
+  while (!shared->stopping.load()) {
+    Frame request;
+    if (!reader.Read(&request, -1).ok()) return;
+    if (!Answer(shared.get(), request.method, request.request_id, request.payload, &response)) {
+      return;
+    }
+    if (!WriteAll(connection.get(), response, kWriteTimeoutMs).ok()) return;
+    if (response.capacity() > kKeptResponseSize) std::string().swap(response);
+  }
+} catch (const std::exception&) {
+  // Out of memory, say: this connection closes, the others go on.
+}
+
+bool RpcServer::Answer(Shared* shared, std::string_view method, std::uint64_t request_id,
+                       std::string_view payload, std::string* response) {
+  const auto found = shared->methods.find(method);
+  if (found == shared->methods.end()) {
+    BeginFrame(kError, request_id, method, response);
+    response->append("unknown method: ").append(method);
+    FinishFrame(response);
+    return true;
+  }
+
+  // The handler appends its payload to the frame begun here, so that no byte is copied again.
+  BeginFrame(kResponse, request_id, method, response);
+  Status status;
+  {
+    const HandlerAdmission admission(shared);
+    if (!admission.admitted) return false;
+    status = found->second(payload, response);
+  }
+  if (status.ok() && response->size() - PayloadOffset(method) > kMaxPayloadSize) {
+    status = Status::Corruption("kanrpc: payload too large");
+  }
+  if (!status.ok()) {
+    BeginFrame(kError, request_id, method, response);
+    response->append(status.ToString());
+  }
+  FinishFrame(response);
+  return true;
+}
+
+}  // namespace kandb::kanrpc

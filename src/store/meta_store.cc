@@ -1,0 +1,84 @@
+#include "store/meta_store.h"
+
+#include <algorithm>
+
+#include "crypto/sm3.h"
+#include "lsm/lsm_db.h"
+#include "store/value_envelope.h"
+
+namespace kandb::store {
+
+namespace {
+
+constexpr std::uint64_t kWriteBufferSize = std::uint64_t{64} << 20;  // bytes
+constexpr std::uint64_t kMaxTableFiles = 8;
+
+}  // namespace
+
+Status MetaStore::Open(const std::string& directory, const std::string& passphrase, int sync,
+                       std::unique_ptr<MetaStore>* out) {
+  auto opened = std::make_unique<MetaStore>(Private());
+  if (!passphrase.empty()) {
+    const auto digest = crypto::Sm3(passphrase);
+    opened->crypto->encrypted = true;
+    std::copy_n(digest.begin(), opened->crypto->key.size(), opened->crypto->key.begin());
+  }
+  const lsm::LsmDb::Options options{
+      .write_buffer_size = kWriteBufferSize, .max_table_files = kMaxTableFiles, .sync = sync != 0};
+  if (Status s = lsm::LsmDb::Open(directory, options, &opened->db); !s.ok()) return s;
+  *out = std::move(opened);
+  return {};
+}
+
+MetaStore::MetaStore(Private) : crypto(std::make_unique<StoreCrypto>()) {}
+
+MetaStore::~MetaStore() = default;
+
+Status MetaStore::Get(std::string_view key, std::string* value, bool* found) const {
+  std::string stored;
+  bool stored_found = false;
+  if (Status s = db->Get(key, &stored, &stored_found); !s.ok()) return s;
+  if (stored_found) {
+    if (Status s = OpenValue(*crypto, stored, value); !s.ok()) return s;
+  }
+  *found = stored_found;
+  return {};
+}
+
+Status MetaStore::Put(const std::vector<KeyValue>& puts) { return Write(puts, {}); }
+
+Status MetaStore::Delete(const std::vector<std::string>& keys) { return Write({}, keys); }
+
+Status MetaStore::Write(const std::vector<KeyValue>& puts,
+                        const std::vector<std::string>& deletes) {
+  std::vector<lsm::Entry> batch;
+  batch.reserve(puts.size() + deletes.size());
+  for (const auto& [key, value] : puts)
+    batch.push_back({lsm::kPut, key, SealValue(*crypto, value)});
+  for (const std::string& key : deletes) batch.push_back({lsm::kDelete, key, {}});
+  return db->Write(batch);
+}
+
+Status MetaStore::Scan(std::string_view start, std::string_view end, std::uint32_t limit,
+                       std::vector<KeyValue>* out) const {
+  return ForEach(start, end, limit, [out](std::string_view key, std::string_view value) {
+    out->emplace_back(key, value);
+    return true;
+  });
+}
+
+Status MetaStore::ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
+                          const Visitor& visit) const {
+  if (!crypto->encrypted) return db->ForEach(start, end, limit, visit);
+
+  std::string opened;
+  Status open_status;
+  const auto open_and_visit = [&](std::string_view key, std::string_view stored) {
+    open_status = OpenValue(*crypto, stored, &opened);
+    return open_status.ok() && visit(key, opened);
+  };
+  if (Status s = db->ForEach(start, end, limit, open_and_visit); !s.ok()) return s;
+  return open_status;
+}
+
+}  // namespace kandb::store

@@ -1,0 +1,68 @@
+// The store of the cluster's metadata: one engine, its options, and the sealing of values.
+// Thread-safe. Failures are those of the engine and of the envelope (store/value_envelope.h),
+// unchanged.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "common/status.h"
+
+namespace kandb::lsm {
+class LsmDb;
+struct Entry;
+}  // namespace kandb::lsm
+
+namespace kandb::store {
+
+struct StoreCrypto;
+
+using KeyValue = std::pair<std::string, std::string>;
+
+class MetaStore {
+  struct Private {};  // only Open can make one
+
+ public:
+  // Opens the store on `directory`, which is created when missing. A non-empty passphrase seals
+  // every value under a key derived from it; opening with another one is not noticed here, values
+  // then fail to open one by one. With `sync` not 0 every write is durable when it returns. On
+  // success `*out` is replaced and the store that it held before destroyed.
+  static Status Open(const std::string& directory, const std::string& passphrase, int sync,
+                     std::unique_ptr<MetaStore>* out);
+
+  explicit MetaStore(Private);
+  ~MetaStore();
+
+  // An absent key succeeds with `*found` false and leaves `*value` alone.
+  Status Get(std::string_view key, std::string* value, bool* found) const;
+
+  // Each of these is one batch: applied as a whole, and whole or absent after a crash. Write puts
+  // first.
+  Status Put(const std::vector<KeyValue>& puts);
+  Status Delete(const std::vector<std::string>& keys);
+  Status Write(const std::vector<KeyValue>& puts, const std::vector<std::string>& deletes);
+
+  // Appends the pairs with start <= key < end (an empty bound is none) in key order, at most
+  // `limit`. A value that cannot be opened ends it with that failure; the pairs before it stay in
+  // `*out`.
+  Status Scan(std::string_view start, std::string_view end, std::uint32_t limit,
+              std::vector<KeyValue>* out) const;
+
+  // Hands the same pairs to `visit`, holding no list of them; false from it ends the walk. The
+  // views live only during the call.
+  using Visitor = std::function<bool(std::string_view key, std::string_view value)>;
+  Status ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
+                 const Visitor& visit) const;
+
+ private:
+  // Never change after Open.
+  std::unique_ptr<lsm::LsmDb> db;
+  std::unique_ptr<StoreCrypto> crypto;
+};
+
+}  // namespace kandb::store

@@ -1,0 +1,319 @@
+// The engine's files against bytes written by hand: batches, logs, tables, manifests.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <filesystem>
+
+#include "crypto/crc32c.h"
+#include "lsm/manifest.h"
+#include "lsm/sst_reader.h"
+#include "lsm/table_writer.h"
+#include "lsm/wal.h"
+#include "lsm/write_batch.h"
+#include "support/hex.h"
+#include "support/temp_dir.h"
+
+namespace kandb::lsm {
+namespace {
+
+using testing::Hex;
+using testing::ReadFile;
+using testing::TempDir;
+using testing::WriteFile;
+
+// put "k" = "vw", delete "x"
+const char kBatchBytes[] = "02000000  01 01000000 6b 02000000 7677  02 01000000 78 00000000";
+const std::vector<Entry> kBatch = {{kPut, "k", "vw"}, {kDelete, "x", ""}};
+
+// A record as the log holds it, around any payload.
+std::string LogRecord(const std::string& payload) {
+  std::string record;
+  AppendU32(crypto::Crc32c(payload), &record);
+  AppendU32(static_cast<std::uint32_t>(payload.size()), &record);
+  return record + payload;
+}
+
+std::vector<Entry> Own(const std::vector<EntryView>& views) {
+  std::vector<Entry> entries;
+  for (const EntryView& view : views) {
+    entries.push_back({view.op, std::string(view.key), std::string(view.value)});
+  }
+  return entries;
+}
+
+TEST(Batch, NamesTheDamage) {
+  const struct {
+    const char* name;
+    const char* bytes;
+    std::size_t entries;
+    const char* status;
+  } cases[] = {
+      {"both ops", kBatchBytes, 2, "OK"},
+      {"no entries", "00000000 ff", 0, "OK"},
+      {"bytes behind the last entry", "01000000 02 00000000 00000000 01", 1, "OK"},
+      {"no count", "010000", 0, "Corruption: batch: too short"},
+      {"count beyond the bytes", "ffffffff", 0, "Corruption: batch: truncated entry"},
+      {"4 bytes of an entry", "01000000 03000000", 0, "Corruption: batch: truncated entry"},
+      {"op 0", "01000000 00 00000000 00000000", 0, "Corruption: batch: bad op"},
+      {"op 3", "01000000 03 00000000", 0, "Corruption: batch: bad op"},
+      {"no value length", "01000000 01 01000000 6b 000000", 0, "Corruption: batch: truncated key"},
+      {"length wraps", "01000000 01 ffffffff 6b6b6b6b", 0, "Corruption: batch: truncated key"},
+      {"short value", "01000000 01 01000000 6b 02000000 76", 0,
+       "Corruption: batch: truncated value"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<EntryView> entries;
+    EXPECT_EQ(DecodeBatch(Hex(c.bytes), &entries).ToString(), c.status);
+    EXPECT_EQ(entries.size(), c.entries);
+  }
+}
+
+TEST(Wal, IsWrittenAndReplayed) {
+  TempDir dir;
+  Log log;
+  ASSERT_TRUE(OpenLogForAppend(dir.File("log"), &log).ok());
+  ASSERT_TRUE(log.Append(BuildLogRecord(kBatch)).ok());
+  ASSERT_TRUE(log.Sync().ok());
+  EXPECT_EQ(ReadFile(dir.File("log")), LogRecord(Hex(kBatchBytes)));
+  EXPECT_EQ(OpenLogForAppend(dir.File("no/log"), &log).ToString(),
+            "Corruption: wal open " + dir.File("no/log") + ": No such file or directory");
+
+  std::vector<Entry> replayed;
+  const auto collect = [&](const std::vector<EntryView>& batch) { replayed = Own(batch); };
+  EXPECT_TRUE(ReplayLog(dir.File("missing"), collect).ok());
+  EXPECT_EQ(replayed.size(), 0u);
+  EXPECT_TRUE(ReplayLog(dir.File("log"), collect).ok());
+  EXPECT_EQ(replayed, kBatch);
+}
+
+TEST(Wal, ReplaysUpToTheDamage) {
+  const std::string good = LogRecord(Hex(kBatchBytes));
+  // Larger than the reader's buffer, so that it grows and records straddle its pieces.
+  const std::string large = BuildLogRecord({{kPut, "large", std::string(3 << 20, 'l')}});
+  std::string flipped = good;
+  flipped.back() ^= 1;
+  const struct {
+    const char* name;
+    std::string bytes;
+    int batches;
+  } cases[] = {
+      {"whole", good + large + good + LogRecord(Hex("00000000")), 4},
+      {"last byte missing", good + large + good.substr(0, good.size() - 1), 2},
+      {"half a header", good + good.substr(0, 7), 1},
+      {"a flipped bit", good + flipped + good, 1},
+      {"record too long", good + Hex("00000000 01000004") + good, 1},
+      {"longest record cut", good + Hex("00000000 00000004") + good, 1},
+      {"empty payload", good + LogRecord("") + good, 1},
+      {"undecodable payload", good + LogRecord(Hex("01000000 07")) + good, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir dir;
+    WriteFile(dir.File("log"), c.bytes);
+    int batches = 0;
+    EXPECT_TRUE(ReplayLog(dir.File("log"), [&](const auto&) { ++batches; }).ok());
+    EXPECT_EQ(batches, c.batches);
+  }
+}
+
+// Table keys in order: "k000", "k002", ... with a deletion at every fifth.
+Entry TableEntry(int i) {
+  char key[8];
+  std::snprintf(key, sizeof(key), "k%03d", 2 * i);
+  if (i % 5 == 4) return {kDelete, key, ""};
+  return {kPut, key, std::string(static_cast<std::size_t>(i % 7) * 900, 'v')};
+}
+
+std::string WriteEntries(const TempDir& dir, int count) {
+  TableBuilder builder;
+  for (int i = 0; i < count; ++i) builder.Add(TableEntry(i));
+  EXPECT_EQ(WriteTable(dir.File("t"), builder).ToString(), "OK");
+  EXPECT_FALSE(std::filesystem::exists(dir.File("t.tmp")));
+  return ReadFile(dir.File("t"));
+}
+
+// index_offset, index_size, filter_offset, filter_size, entry_count
+std::string Footer(const std::array<std::uint64_t, 5>& fields) {
+  std::string footer;
+  for (const std::uint64_t field : fields) AppendU64(field, &footer);
+  AppendU32(crypto::Crc32c(footer), &footer);
+  return footer + Hex("3737 2746 e616 b606");
+}
+
+std::string With(std::string bytes, std::size_t offset, char byte) {
+  bytes[offset] = byte;
+  return bytes;
+}
+
+TEST(Table, FindsAndWalks) {
+  for (const int count : {0, 1, 16, 17, 33, 400}) {
+    SCOPED_TRACE(count);
+    TempDir dir;
+    WriteEntries(dir, count);
+    std::shared_ptr<SstReader> reader;
+    ASSERT_TRUE(SstReader::Open(dir.File("t"), &reader).ok());
+    for (int i = 0; i < count; ++i) {
+      const Entry expected = TableEntry(i);
+      bool found = false;
+      Entry got;
+      ASSERT_TRUE(reader->Get(expected.key, &found, &got.op, &got.value).ok());
+      EXPECT_TRUE(found);
+      EXPECT_EQ(got.op, expected.op);
+      EXPECT_EQ(got.value, expected.value);
+      ASSERT_TRUE(reader->Get(expected.key + "x", &found, &got.op, &got.value).ok());
+      EXPECT_FALSE(found);
+    }
+    // From each key, from just before it, from in front of all and from behind all.
+    for (int from = -1; from <= count; ++from) {
+      std::string target = from < 0 ? "" : TableEntry(from).key;
+      if (from % 2 == 1) target.back() = static_cast<char>(target.back() - 1);
+      SstReader::Iterator iterator(reader.get(), 64);
+      ASSERT_TRUE(iterator.Seek(target).ok());
+      for (int i = std::max(from, 0); i < count; ++i) {
+        ASSERT_TRUE(iterator.valid());
+        EXPECT_EQ(iterator.entry().key, TableEntry(i).key);
+        EXPECT_EQ(iterator.entry().value, TableEntry(i).value);
+        ASSERT_TRUE(iterator.Next().ok());
+      }
+      EXPECT_FALSE(iterator.valid());
+    }
+  }
+}
+
+TEST(Table, DamageIsNamed) {
+  const std::string record = Hex("01 01000000 6b 01000000 76");  // put "k" = "v", 11 bytes
+  const std::string empty = Footer({});
+  const std::uint64_t far = std::uint64_t{0xff} << 56;
+  const struct {
+    const char* name;
+    std::string bytes;
+    std::string open_status;
+    std::string scan_status;
+  } cases[] = {
+      {"empty table", empty, "OK", "OK"},
+      {"51 bytes", empty.substr(1), "Corruption: sst too small: ", ""},
+      {"magic", With(empty, 51, 7), "Corruption: sst bad magic", ""},
+      {"footer bit", With(empty, 0, 1), "Corruption: sst footer crc mismatch", ""},
+      {"index outside", Footer({0, far, 0, 0, 0}), "Corruption: sst: unexpected EOF", ""},
+      {"index wraps", Footer({far, far, 0, 0, 0}), "Corruption: sst: unexpected EOF", ""},
+      {"filter outside", Footer({0, 0, far, 1, 0}), "Corruption: sst: unexpected EOF", ""},
+      {"torn index", record + Footer({0, 11, 0, 0, 0}), "Corruption: sst index truncated", ""},
+      {"no index, no filter", record + Footer({11, 0, 0, 0, 1}), "OK", "OK"},
+      {"op 3", With(record, 0, 3) + Footer({11, 0, 0, 0, 1}), "OK",
+       "Corruption: sst bad record op"},
+      {"record runs over", record + Footer({10, 0, 0, 0, 1}), "OK",
+       "Corruption: sst record truncated"},
+      {"data outside", Hex("01 00ffffff") + Footer({far, 0, 0, 0, 1}), "OK",
+       "Corruption: sst: unexpected EOF"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir dir;
+    WriteFile(dir.File("t"), c.bytes);
+    std::shared_ptr<SstReader> reader;
+    const std::string status = SstReader::Open(dir.File("t"), &reader).ToString();
+    EXPECT_TRUE(status.starts_with(c.open_status)) << status;
+    if (c.scan_status.empty()) continue;
+    SstReader::Iterator iterator(reader.get(), 64);
+    Status scan = iterator.Seek("");
+    while (scan.ok() && iterator.valid()) scan = iterator.Next();
+    EXPECT_EQ(scan.ToString(), c.scan_status);
+  }
+  std::shared_ptr<SstReader> reader;
+  EXPECT_EQ(SstReader::Open("/nowhere/t", &reader).ToString(),
+            "Corruption: sst open /nowhere/t: No such file or directory");
+}
+
+// Whatever byte is damaged: open, lookups and a walk end, with or without an error.
+TEST(Table, SurvivesAnyFlippedByte) {
+  TempDir dir;
+  const std::string whole = WriteEntries(dir, 20);
+  int opened = 0;
+  for (std::size_t i = 0; i < whole.size(); i += i < 300 || i + 700 > whole.size() ? 1 : 37) {
+    std::string damaged = whole;
+    damaged[i] = static_cast<char>(~damaged[i]);
+    WriteFile(dir.File("t"), damaged);
+    std::shared_ptr<SstReader> reader;
+    if (!SstReader::Open(dir.File("t"), &reader).ok()) continue;
+    ++opened;
+    bool found = false;
+    Entry got;
+    (void)reader->Get("k016", &found, &got.op, &got.value);
+    SstReader::Iterator iterator(reader.get(), 64);
+    Status scan = iterator.Seek("k01");
+    while (scan.ok() && iterator.valid()) scan = iterator.Next();
+  }
+  EXPECT_GT(opened, 100);
+}
+
+TEST(Table, AFailedWriteLeavesNothing) {
+  TempDir dir;
+  EXPECT_EQ(WriteTable(dir.File("no/t"), TableBuilder()).ToString(),
+            "Corruption: sst create: " + dir.File("no/t.tmp"));
+  std::filesystem::create_directory(dir.File("t"));
+  EXPECT_EQ(WriteTable(dir.File("t"), TableBuilder()).ToString(), "Corruption: sst rename failed");
+  std::filesystem::create_symlink("/dev/full", dir.File("full.tmp"));
+  TableBuilder builder;
+  builder.Add(TableEntry(0));
+  EXPECT_EQ(WriteTable(dir.File("full"), builder).ToString(),
+            "Corruption: sst write: No space left on device");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
+}
+
+TEST(Manifest, IsTextThatToleratesStrangers) {
+  const struct {
+    const char* text;
+    std::uint64_t next_file;
+    std::vector<std::uint64_t> tables;
+  } cases[] = {
+      {"next_file 12\nsst 9\nsst 3\n", 12, {9, 3}},
+      {"", 77, {}},
+      {"next_file 5\nsst 1\nfoo 7\nsst 2\nnext_file 6\n", 6, {1, 2}},
+      {"sst 1\nsst x\nsst 2\n", 77, {1}},
+      {"sst 1\nsst", 77, {1}},
+  };
+  TempDir dir;
+  for (const auto& c : cases) {
+    WriteFile(dir.File("MANIFEST"), c.text);
+    ManifestState state{.next_file = 77, .sst_files = {8}};
+    bool exists = false;
+    ASSERT_TRUE(ReadManifest(dir.path(), &state, &exists).ok());
+    EXPECT_TRUE(exists);
+    EXPECT_EQ(state.next_file, c.next_file) << c.text;
+    EXPECT_EQ(state.sst_files, c.tables) << c.text;
+  }
+
+  ASSERT_TRUE(WriteManifest(dir.path(), {.next_file = 12, .sst_files = {9, 3}}).ok());
+  EXPECT_EQ(ReadFile(dir.File("MANIFEST")), cases[0].text);
+
+  std::filesystem::remove(dir.File("MANIFEST"));
+  ManifestState untouched{.next_file = 77, .sst_files = {8}};
+  bool exists = true;
+  EXPECT_TRUE(ReadManifest(dir.path(), &untouched, &exists).ok());
+  EXPECT_FALSE(exists);
+  EXPECT_EQ(untouched.sst_files.size(), 1u);
+
+  std::filesystem::create_directory(dir.File("MANIFEST"));
+  EXPECT_EQ(WriteManifest(dir.path(), {}).ToString(), "Corruption: manifest rename failed");
+  EXPECT_EQ(WriteManifest(dir.File("no"), {}).ToString(),
+            "Corruption: manifest create: No such file or directory");
+}
+
+TEST(FileNames, AreWrittenPaddedAndReadByTheirDigits) {
+  EXPECT_EQ(TableFileName("d", 5), "d/sst-000005.sst");
+  EXPECT_EQ(LogFileName("d", 1234567), "d/wal-1234567.log");
+  TempDir dir;
+  for (const char* name : {"wal-000010.log", "wal-7.tmp", "wal-007", "wal-x.log", "xwal-1.log",
+                           "sst-3.sst.part", "sst-000002.sst", "MANIFEST"}) {
+    WriteFile(dir.File(name), "");
+  }
+  const FileNumbers numbers = ListFileNumbers(dir.path());
+  EXPECT_EQ(numbers.logs, (std::vector<std::uint64_t>{7, 10}));
+  EXPECT_EQ(numbers.tables, (std::vector<std::uint64_t>{2, 3}));
+}
+
+}  // namespace
+}  // namespace kandb::lsm
