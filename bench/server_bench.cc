@@ -1,0 +1,186 @@
+// How fast is the server over TCP, and how does its cost grow? The server runs in this process,
+// with state on disk as in operation; every benchmark thread is a client with a connection of its
+// own, so that clients and server share the cores. Times are those of a call as its client sees it;
+// items_per_second is the sum over all clients.
+
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "meta/pd_service.h"
+#include "support/temp_dir.h"
+#include "support/test_client.h"
+
+namespace kandb {
+namespace {
+
+using testing::TempDir;
+using testing::TestClient;
+
+std::string RegionKeyAt(std::int64_t i) {
+  char key[24];
+  std::snprintf(key, sizeof(key), "k%09lld", static_cast<long long>(i));
+  return key;
+}
+
+// A realistic region of about 250 bytes: three peers and keys of ten bytes.
+pdpb::Region MakeRegion(std::int64_t i) {
+  const auto id = static_cast<std::uint64_t>(1000000 + i);
+  return {id,
+          RegionKeyAt(i),
+          RegionKeyAt(i + 1),
+          {1, 1},
+          {{id * 10, 1, {}}, {id * 10 + 1, 2, {}}, {id * 10 + 2, 3, {}}}};
+}
+
+// Three stores and `region_count` regions side by side.
+class Cluster {
+ public:
+  explicit Cluster(std::int64_t region_count) {
+    Check(store::MetaStore::Open(dir.path(), "", 1, &store));
+    service = std::make_unique<meta::PdService>(store.get(), 3);
+    service->RegisterTo(&server);
+    for (std::uint64_t id = 1; id <= 3; ++id) {
+      pdpb::BootstrapResponse response;
+      pdpb::BootstrapRequest request;
+      request.store = {id, "store.example:20160", 0};
+      request.region = MakeRegion(0);
+      Check(service->Bootstrap(request, &response));
+    }
+    for (std::int64_t i = 0; i < region_count;) {
+      pdpb::UpsertRegionRequest request;
+      for (int n = 0; n < 1000 && i < region_count; ++n) request.regions.push_back(MakeRegion(i++));
+      pdpb::UpsertRegionResponse response;
+      Check(service->UpsertRegion(request, &response));
+    }
+    Check(server.Start(0, "127.0.0.1"));
+  }
+  ~Cluster() { server.Stop(); }
+
+  int port() const { return server.port(); }
+
+  static void Check(const Status& status) {
+    if (!status.ok()) throw std::runtime_error(status.ToString());
+  }
+
+ private:
+  TempDir dir;
+  std::unique_ptr<store::MetaStore> store;
+  std::unique_ptr<meta::PdService> service;
+  kanrpc::RpcServer server;
+};
+
+// The cluster of the present benchmark, made by its first thread before the others start.
+std::unique_ptr<Cluster> cluster;
+
+void MakeCluster(const benchmark::State& state) {
+  cluster = std::make_unique<Cluster>(state.range(0));
+}
+void DropCluster(const benchmark::State&) { cluster = nullptr; }
+
+// Calls `method` until the time is up, with a request made by `make(i)` for the i-th call of a
+// thread.
+template <pdpb::Message Resp, class MakeRequest>
+void CallInALoop(benchmark::State& state, const char* method, MakeRequest make) {
+  TestClient client(cluster->port());
+  std::int64_t i = 0;
+  for (auto _ : state) {
+    Resp response;
+    Cluster::Check(client.Call(method, make(i++), &response));
+    benchmark::DoNotOptimize(response);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+
+void Tso(benchmark::State& state) {
+  CallInALoop<pdpb::TsoResponse>(state, "Pd.Tso", [](std::int64_t) { return pdpb::TsoRequest{1}; });
+}
+BENCHMARK(Tso)
+    ->Arg(0)
+    ->ThreadRange(1, 64)
+    ->UseRealTime()
+    ->Setup(MakeCluster)
+    ->Teardown(DropCluster);
+
+// Every call writes one region durably.
+void UpsertRegion(benchmark::State& state) {
+  const std::int64_t first = (state.thread_index() + 1) * std::int64_t{10000000};
+  CallInALoop<pdpb::UpsertRegionResponse>(state, "Pd.UpsertRegion", [&](std::int64_t i) {
+    pdpb::UpsertRegionRequest request;
+    request.regions.push_back(MakeRegion(first + i));
+    return request;
+  });
+}
+BENCHMARK(UpsertRegion)
+    ->Arg(0)
+    ->Threads(1)
+    ->Threads(8)
+    ->Threads(64)
+    ->UseRealTime()
+    ->Setup(MakeCluster)
+    ->Teardown(DropCluster);
+
+// Keys spread evenly over the regions, so that a lookup passes half of them on average.
+void GetRegion(benchmark::State& state) {
+  const std::int64_t regions = state.range(0);
+  CallInALoop<pdpb::GetRegionResponse>(state, "Pd.GetRegion", [&](std::int64_t i) {
+    return pdpb::GetRegionRequest{RegionKeyAt(i * 7919 % regions)};
+  });
+}
+BENCHMARK(GetRegion)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->UseRealTime()
+    ->Setup(MakeCluster)
+    ->Teardown(DropCluster);
+
+// A store reports 1000 regions while the cluster has as many as the argument says.
+void RegionHeartbeat(benchmark::State& state) {
+  pdpb::RegionHeartbeatRequest request;
+  request.store_id = 1;
+  for (std::uint64_t id = 0; id < 1000; ++id)
+    request.regions.push_back({id, {1, 2, 3}, {}, {2, 3}});
+  CallInALoop<pdpb::RegionHeartbeatResponse>(
+      state, "Pd.RegionHeartbeat", [&](std::int64_t) -> const auto& { return request; });
+}
+BENCHMARK(RegionHeartbeat)
+    ->Arg(1000)
+    ->Arg(100000)
+    ->UseRealTime()
+    ->Setup(MakeCluster)
+    ->Teardown(DropCluster);
+
+// Opening a store whose log holds about 60 MB of regions.
+void Recovery(benchmark::State& state) {
+  TempDir dir;
+  std::unique_ptr<store::MetaStore> store;
+  Cluster::Check(store::MetaStore::Open(dir.path(), "", 0, &store));
+  for (std::int64_t i = 0; i < state.range(0);) {
+    std::vector<store::KeyValue> puts;
+    for (int n = 0; n < 10 && i < state.range(0); ++n, ++i) {
+      puts.emplace_back("pd/region/" + std::to_string(1000000 + i), Encode(MakeRegion(i)));
+    }
+    Cluster::Check(store->Put(puts));
+  }
+  store = nullptr;
+  std::int64_t log_bytes = 0;
+  for (const auto& file : std::filesystem::directory_iterator(dir.path())) {
+    log_bytes += static_cast<std::int64_t>(file.file_size());
+  }
+  for (auto _ : state) {
+    Cluster::Check(store::MetaStore::Open(dir.path(), "", 0, &store));
+    state.PauseTiming();
+    store = nullptr;
+    state.ResumeTiming();
+  }
+  state.SetBytesProcessed(state.iterations() * log_bytes);
+}
+BENCHMARK(Recovery)->Arg(220000)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+}  // namespace
+}  // namespace kandb
