@@ -24,8 +24,8 @@ using testing::TempDir;
 using testing::WriteFile;
 
 // put "k" = "vw", delete "x"
-const char kBatchBytes[] = "02000000  01 01000000 6b 02000000 7677  02 01000000 78 00000000";
-const std::vector<Entry> kBatch = {{kPut, "k", "vw"}, {kDelete, "x", ""}};
+constexpr char kBatchBytes[] = "02000000  01 01000000 6b 02000000 7677  02 01000000 78 00000000";
+const std::vector<Entry> batch_entries = {{kPut, "k", "vw"}, {kDelete, "x", ""}};
 
 // A record as the log holds it, around any payload.
 std::string LogRecord(const std::string& payload) {
@@ -75,7 +75,7 @@ TEST(Wal, IsWrittenAndReplayed) {
   TempDir dir;
   Log log;
   ASSERT_TRUE(OpenLogForAppend(dir.File("log"), &log).ok());
-  ASSERT_TRUE(log.Append(BuildLogRecord(kBatch)).ok());
+  ASSERT_TRUE(log.Append(BuildLogRecord(batch_entries)).ok());
   ASSERT_TRUE(log.Sync().ok());
   EXPECT_EQ(ReadFile(dir.File("log")), LogRecord(Hex(kBatchBytes)));
   EXPECT_EQ(OpenLogForAppend(dir.File("no/log"), &log).ToString(),
@@ -86,7 +86,7 @@ TEST(Wal, IsWrittenAndReplayed) {
   EXPECT_TRUE(ReplayLog(dir.File("missing"), collect).ok());
   EXPECT_EQ(replayed.size(), 0u);
   EXPECT_TRUE(ReplayLog(dir.File("log"), collect).ok());
-  EXPECT_EQ(replayed, kBatch);
+  EXPECT_EQ(replayed, batch_entries);
 }
 
 TEST(Wal, ReplaysUpToTheDamage) {

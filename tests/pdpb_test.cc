@@ -11,7 +11,7 @@ namespace {
 using testing::Hex;
 
 // A region with two peers, as it travels and is stored.
-const char kRegionBytes[] =
+constexpr char kRegionBytes[] =
     "0100 08000000 0004000000000000"  // id 1024
     "0200 01000000 62"                // start_key "b"
     "0300 02000000 6400"              // end_key "d\0"

@@ -46,7 +46,7 @@ bool Eventually(Condition condition) {
   return true;
 }
 
-const char kPingFrame[] = "4b525043 00 0807060504030201 0200 5064 03000000 616263";
+constexpr char kPingFrame[] = "4b525043 00 0807060504030201 0200 5064 03000000 616263";
 
 std::string PingFrame() { return Hex(kPingFrame) + Hex("73a319da"); }
 

@@ -61,12 +61,9 @@ class LsmDb {
   // `*value` is set only when `*found`. Fails only as reading a table does.
   Status Get(std::string_view key, std::string* value, bool* found) const EXCLUDES(db_mutex);
 
-  // Hands the live pairs with start <= key < end (an empty bound is none) to `visit`, in key order
-  // and at most `limit` of them; `visit` returns false to end the walk. The views live only during
-  // the call.
-  using Visitor = std::function<bool(std::string_view key, std::string_view value)>;
+  // Hands the live pairs of a range to `visit`, as ForEachLive does.
   Status ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
-                 const Visitor& visit) const EXCLUDES(db_mutex);
+                 const PairVisitor& visit) const EXCLUDES(db_mutex);
 
   // The same as a list, which replaces `*out`.
   Status Scan(std::string_view start, std::string_view end, std::uint32_t limit,

@@ -8,6 +8,7 @@
 
 #include "lsm/lsm_db.h"
 #include "lsm/manifest.h"
+#include "lsm/recovery.h"
 
 namespace kandb::lsm {
 
@@ -72,11 +73,7 @@ Status LsmDb::Recover() {
 
   const FileNumbers files = ListFileNumbers(directory);
   DeleteOrphans(directory, files.tables, live_tables);
-  for (const std::uint64_t number : live_tables) {
-    std::shared_ptr<SstReader> reader;
-    if (Status s = SstReader::Open(TableFileName(directory, number), &reader); !s.ok()) return s;
-    table_readers.push_back(std::move(reader));
-  }
+  if (Status s = OpenTables(directory, live_tables, &table_readers); !s.ok()) return s;
 
   // New files must sort after every old one, the deleted ones included.
   next_file = manifest.next_file;
@@ -88,14 +85,7 @@ Status LsmDb::Recover() {
   }
 
   active = std::make_shared<MemTable>();
-  for (const std::uint64_t number : files.logs) {
-    const std::string path = LogFileName(directory, number);
-    const auto apply = [memtable = active](const std::vector<EntryView>& batch) {
-      memtable->Apply(batch);
-    };
-    if (Status s = ReplayLog(path, apply); !s.ok()) return s;
-    active->wal_files.push_back(path);
-  }
+  if (Status s = ReplayLogs(directory, files.logs, active.get()); !s.ok()) return s;
   if (Status s = StartLog(); !s.ok()) return s;
   PublishView();
   return SaveManifest();

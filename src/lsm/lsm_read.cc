@@ -8,13 +8,6 @@
 
 namespace kandb::lsm {
 
-namespace {
-
-// The first read of a scan in a table: enough for the few records of a short range.
-constexpr std::size_t kScanReadSize = 16384;  // bytes
-
-}  // namespace
-
 std::shared_ptr<const ReadView> LsmDb::CaptureView() const {
   MutexLock lock(&db_mutex);
   return view;
@@ -49,30 +42,8 @@ Status LsmDb::Get(std::string_view key, std::string* value, bool* found) const {
 }
 
 Status LsmDb::ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
-                      const Visitor& visit) const {
-  const std::shared_ptr<const ReadView> captured = CaptureView();
-  std::vector<std::unique_ptr<EntrySource>> sources;
-  sources.reserve(captured->memtables.size() + captured->tables.size());
-  for (const auto& memtable : captured->memtables) {
-    sources.push_back(std::make_unique<MemTableSource>(memtable, end));
-  }
-  for (const auto& table : captured->tables) {
-    sources.push_back(std::make_unique<SstReader::Iterator>(table.get(), kScanReadSize));
-  }
-
-  MergingIterator merged(std::move(sources));
-  Status status = merged.Seek(start);
-  std::uint32_t visited = 0;
-  while (status.ok() && merged.valid() && visited < limit) {
-    const EntryView& entry = merged.entry();
-    if (!end.empty() && entry.key >= end) break;
-    if (entry.op == kPut) {
-      ++visited;
-      if (!visit(entry.key, entry.value)) break;
-    }
-    status = merged.Next();
-  }
-  return status;
+                      const PairVisitor& visit) const {
+  return ForEachLive(*CaptureView(), start, end, limit, visit);
 }
 
 Status LsmDb::Scan(std::string_view start, std::string_view end, std::uint32_t limit,

@@ -6,6 +6,9 @@ namespace {
 
 constexpr std::size_t kChunkSize = 4096;  // entries
 
+// The first read in a table: enough for the few records of a short range.
+constexpr std::size_t kFirstReadSize = 16384;  // bytes
+
 }  // namespace
 
 Status MemTableSource::Seek(std::string_view target) {
@@ -60,6 +63,32 @@ void MergingIterator::Choose() {
   for (const auto& source : sources) {
     if (winner == nullptr || source->entry().key < winner->entry().key) winner = source.get();
   }
+}
+
+Status ForEachLive(const ReadView& view, std::string_view start, std::string_view end,
+                   std::uint32_t limit, const PairVisitor& visit) {
+  std::vector<std::unique_ptr<EntrySource>> sources;
+  sources.reserve(view.memtables.size() + view.tables.size());
+  for (const auto& memtable : view.memtables) {
+    sources.push_back(std::make_unique<MemTableSource>(memtable, end));
+  }
+  for (const auto& table : view.tables) {
+    sources.push_back(std::make_unique<SstReader::Iterator>(table.get(), kFirstReadSize));
+  }
+
+  MergingIterator merged(std::move(sources));
+  Status status = merged.Seek(start);
+  std::uint32_t visited = 0;
+  while (status.ok() && merged.valid() && visited < limit) {
+    const EntryView& entry = merged.entry();
+    if (!end.empty() && entry.key >= end) break;
+    if (entry.op == kPut) {
+      ++visited;
+      if (!visit(entry.key, entry.value)) break;
+    }
+    status = merged.Next();
+  }
+  return status;
 }
 
 }  // namespace kandb::lsm

@@ -1,6 +1,8 @@
 // Merges sorted runs into one: a read's memtables and tables, or the tables of a compaction.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -63,5 +65,12 @@ class MergingIterator {
   std::vector<std::unique_ptr<EntrySource>> sources;
   EntrySource* winner = nullptr;
 };
+
+// Hands the live pairs of `view` with start <= key < end (an empty bound is none) to `visit`, in
+// key order and at most `limit` of them; `visit` returns false to end the walk. The views that it
+// is given live only during the call. Fails only as reading a table does.
+using PairVisitor = std::function<bool(std::string_view key, std::string_view value)>;
+Status ForEachLive(const ReadView& view, std::string_view start, std::string_view end,
+                   std::uint32_t limit, const PairVisitor& visit);
 
 }  // namespace kandb::lsm

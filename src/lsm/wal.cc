@@ -5,9 +5,9 @@
 
 #include <cassert>
 #include <cerrno>
+#include <utility>
 
 #include "common/endian.h"
-#include "common/input_buffer.h"
 #include "crypto/crc32c.h"
 #include "lsm/write_batch.h"
 
@@ -16,21 +16,10 @@ namespace kandb::lsm {
 namespace {
 
 constexpr std::size_t kRecordHeaderSize = 4 + 4;
-constexpr std::size_t kReplayReadSize = std::size_t{1} << 20;  // bytes a read
+constexpr std::size_t kReadSize = std::size_t{1} << 20;  // bytes that a replay reads at once
 
 Status OpenFailure(const std::string& path, int error) {
   return Status::Corruption("wal open " + path + ": " + ErrnoText(error));
-}
-
-// Reads on until `size` bytes are unread; false when the file ends or fails before.
-bool Fill(int file, std::size_t size, InputBuffer* buffer) {
-  while (buffer->unread().size() < size) {
-    char* room = buffer->Reserve(size - buffer->unread().size());
-    const ssize_t count = ReadFully(file, room, buffer->free_size());
-    if (count <= 0) return false;
-    buffer->Commit(static_cast<std::size_t>(count));
-  }
-  return true;
 }
 
 }  // namespace
@@ -84,28 +73,56 @@ Status OpenLogForAppend(const std::string& path, Log* log) {
   return {};
 }
 
+Status LogReader::Open(const std::string& path, bool* exists) {
+  file = UniqueFd(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
+  const int error = errno;
+  *exists = file.valid();
+  if (!file.valid()) return error == ENOENT ? Status() : OpenFailure(path, error);
+  buffer.Reserve(kReadSize);
+  return {};
+}
+
+bool LogReader::Next(std::vector<EntryView>* batch) {
+  buffer.Consume(std::exchange(record_size, 0));
+  if (!file.valid() || !damage_status.ok()) return false;
+  if (!Fill(kRecordHeaderSize)) {
+    return buffer.unread().empty() ? false : Stop("torn record header");
+  }
+  const std::uint32_t crc = LoadU32(buffer.unread().data());
+  const std::size_t length = LoadU32(buffer.unread().data() + 4);
+  if (length > kMaxLogPayloadSize) return Stop("record too long");
+  if (!Fill(kRecordHeaderSize + length)) return Stop("torn record");
+  const std::string_view payload = buffer.unread().substr(kRecordHeaderSize, length);
+  if (crypto::Crc32c(payload) != crc) return Stop("record crc mismatch");
+  if (Status s = DecodeBatch(payload, batch); !s.ok()) return Stop(s.message().c_str());
+  record_size = kRecordHeaderSize + length;
+  next_offset += record_size;
+  return true;
+}
+
+bool LogReader::Fill(std::size_t size) {
+  while (buffer.unread().size() < size) {
+    const std::size_t missing = size - buffer.unread().size();
+    char* room = buffer.Reserve(missing);
+    const ssize_t count = ReadFully(file.get(), room, buffer.free_size());
+    if (count <= 0) return false;
+    buffer.Commit(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+bool LogReader::Stop(const char* damage) {
+  damage_status = Status::Corruption(damage);
+  return false;
+}
+
 Status ReplayLog(const std::string& path,
                  const std::function<void(const std::vector<EntryView>&)>& apply) {
-  const UniqueFd file(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
-  if (!file.valid()) {
-    const int error = errno;
-    return error == ENOENT ? Status() : OpenFailure(path, error);
-  }
-
-  InputBuffer buffer;
-  buffer.Reserve(kReplayReadSize);
-  std::vector<EntryView> entries;
-  while (Fill(file.get(), kRecordHeaderSize, &buffer)) {
-    const std::uint32_t crc = LoadU32(buffer.unread().data());
-    const std::size_t length = LoadU32(buffer.unread().data() + 4);
-    if (length > kMaxLogPayloadSize) break;
-    if (!Fill(file.get(), kRecordHeaderSize + length, &buffer)) break;
-    const std::string_view payload = buffer.unread().substr(kRecordHeaderSize, length);
-    if (crypto::Crc32c(payload) != crc) break;
-    if (!DecodeBatch(payload, &entries).ok()) break;
-    apply(entries);
-    buffer.Consume(kRecordHeaderSize + length);
-  }
+  LogReader reader;
+  bool exists = false;
+  if (Status s = reader.Open(path, &exists); !s.ok()) return s;
+  std::vector<EntryView> batch;
+  while (reader.Next(&batch)) apply(batch);
   return {};
 }
 

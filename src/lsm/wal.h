@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/input_buffer.h"
 #include "common/posix_file.h"
 #include "common/status.h"
 #include "lsm/entry.h"
@@ -56,11 +57,40 @@ class Log {
 // Corruption "wal open <path>: " and the system's text.
 Status OpenLogForAppend(const std::string& path, Log* log);
 
+// Reads the records of a log one after another, in large pieces.
+class LogReader {
+ public:
+  // Corruption "wal open <path>: " and the system's text; `*exists` tells whether there is a file.
+  // A missing one holds no records and is no failure.
+  Status Open(const std::string& path, bool* exists);
+
+  // Reads the next batch; false at the end of the log, which is the end of the file or the first
+  // record that is damaged. The entries live until the next call.
+  bool Next(std::vector<EntryView>* batch);
+
+  // Where the record that Next returned last ends, in bytes from the start of the file; at the end
+  // of the log, where the damage or the end of the file begins.
+  std::uint64_t offset() const { return next_offset; }
+
+  // At the end of the log: what is wrong with the record there. OK at the end of the file.
+  const Status& damage() const { return damage_status; }
+
+ private:
+  // Reads on until `size` bytes are unread; false when the file ends or fails before.
+  bool Fill(std::size_t size);
+  bool Stop(const char* damage);
+
+  UniqueFd file;
+  InputBuffer buffer;
+  std::size_t record_size = 0;  // of the record returned last, still in the buffer
+  std::uint64_t next_offset = 0;
+  Status damage_status;
+};
+
 // Hands every batch of the log to `apply`, in order; the entries live only during the call. The
-// first record that is short, too long, fails its checksum or does not decode ends the replay
-// silently, as the end of the file does: it is what a crash leaves of a write that nobody was told
-// had succeeded. A missing file holds nothing. Fails only when an existing file cannot be opened,
-// as above.
+// first damaged record ends the replay silently, as the end of the file does: it is what a crash
+// leaves of a write that nobody was told had succeeded. A missing file holds nothing. Fails only as
+// opening does.
 Status ReplayLog(const std::string& path,
                  const std::function<void(const std::vector<EntryView>&)>& apply);
 

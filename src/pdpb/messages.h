@@ -20,7 +20,8 @@ struct RegionEpoch {
   std::uint64_t version = 0;       // counts changes of the key range
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &RegionEpoch::conf_version}, Field{2, &RegionEpoch::version}};
+    return std::tuple{Field{1, "conf_version", &RegionEpoch::conf_version},
+                      Field{2, "version", &RegionEpoch::version}};
   }
   bool operator==(const RegionEpoch&) const = default;
 };
@@ -34,7 +35,8 @@ struct Peer {
   PeerRole role = PeerRole::kVoter;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &Peer::id}, Field{2, &Peer::store_id}, Field{3, &Peer::role}};
+    return std::tuple{Field{1, "id", &Peer::id}, Field{2, "store_id", &Peer::store_id},
+                      Field{3, "role", &Peer::role}};
   }
   bool operator==(const Peer&) const = default;
 };
@@ -46,7 +48,8 @@ struct Store {
   std::uint8_t state = 0;  // the store's own business, kept as it was reported
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &Store::id}, Field{2, &Store::address}, Field{3, &Store::state}};
+    return std::tuple{Field{1, "id", &Store::id}, Field{2, "address", &Store::address},
+                      Field{3, "state", &Store::state}};
   }
   bool operator==(const Store&) const = default;
 };
@@ -60,9 +63,9 @@ struct Region {
   std::vector<Peer> peers;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &Region::id}, Field{2, &Region::start_key},
-                      Field{3, &Region::end_key}, Field{4, &Region::epoch},
-                      Field{5, &Region::peers}};
+    return std::tuple{Field{1, "id", &Region::id}, Field{2, "start_key", &Region::start_key},
+                      Field{3, "end_key", &Region::end_key}, Field{4, "epoch", &Region::epoch},
+                      Field{5, "peers", &Region::peers}};
   }
   bool operator==(const Region&) const = default;
 };
@@ -73,7 +76,8 @@ struct RegionRange {
   std::string_view end_key;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{2, &RegionRange::start_key}, Field{3, &RegionRange::end_key}};
+    return std::tuple{Field{2, "start_key", &RegionRange::start_key},
+                      Field{3, "end_key", &RegionRange::end_key}};
   }
 };
 
@@ -82,7 +86,7 @@ struct RegionRange {
 struct TsoRequest {
   std::uint32_t count = 0;  // 0 is read as 1
 
-  static constexpr auto Fields() { return std::tuple{Field{1, &TsoRequest::count}}; }
+  static constexpr auto Fields() { return std::tuple{Field{1, "count", &TsoRequest::count}}; }
 };
 
 struct TsoResponse {
@@ -90,7 +94,8 @@ struct TsoResponse {
   std::uint32_t count = 0;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &TsoResponse::timestamp}, Field{2, &TsoResponse::count}};
+    return std::tuple{Field{1, "timestamp", &TsoResponse::timestamp},
+                      Field{2, "count", &TsoResponse::count}};
   }
 };
 
@@ -99,7 +104,7 @@ struct TsoResponse {
 struct AllocIdRequest {
   std::uint32_t count = 0;  // 0 is read as 1
 
-  static constexpr auto Fields() { return std::tuple{Field{1, &AllocIdRequest::count}}; }
+  static constexpr auto Fields() { return std::tuple{Field{1, "count", &AllocIdRequest::count}}; }
 };
 
 struct AllocIdResponse {
@@ -107,7 +112,8 @@ struct AllocIdResponse {
   std::uint32_t count = 0;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &AllocIdResponse::first_id}, Field{2, &AllocIdResponse::count}};
+    return std::tuple{Field{1, "first_id", &AllocIdResponse::first_id},
+                      Field{2, "count", &AllocIdResponse::count}};
   }
 };
 
@@ -119,8 +125,9 @@ struct BootstrapRequest {
   std::vector<Region> extra_regions;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &BootstrapRequest::store}, Field{2, &BootstrapRequest::region},
-                      Field{3, &BootstrapRequest::extra_regions}};
+    return std::tuple{Field{1, "store", &BootstrapRequest::store},
+                      Field{2, "region", &BootstrapRequest::region},
+                      Field{3, "extra_regions", &BootstrapRequest::extra_regions}};
   }
 };
 
@@ -128,7 +135,7 @@ struct BootstrapResponse {
   bool already_bootstrapped = false;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &BootstrapResponse::already_bootstrapped}};
+    return std::tuple{Field{1, "already_bootstrapped", &BootstrapResponse::already_bootstrapped}};
   }
 };
 
@@ -137,7 +144,7 @@ struct BootstrapResponse {
 struct GetRegionRequest {
   std::string key;
 
-  static constexpr auto Fields() { return std::tuple{Field{1, &GetRegionRequest::key}}; }
+  static constexpr auto Fields() { return std::tuple{Field{1, "key", &GetRegionRequest::key}}; }
 };
 
 struct GetRegionResponse {
@@ -147,9 +154,10 @@ struct GetRegionResponse {
   std::vector<Store> stores;  // of the peers, in their order
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &GetRegionResponse::region}, Field{2, &GetRegionResponse::leader},
-                      Field{3, &GetRegionResponse::leader_store},
-                      Field{4, &GetRegionResponse::stores}};
+    return std::tuple{Field{1, "region", &GetRegionResponse::region},
+                      Field{2, "leader", &GetRegionResponse::leader},
+                      Field{3, "leader_store", &GetRegionResponse::leader_store},
+                      Field{4, "stores", &GetRegionResponse::stores}};
   }
 };
 
@@ -160,8 +168,8 @@ struct UpsertRegionRequest {
   std::vector<std::uint64_t> removed_region_ids;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &UpsertRegionRequest::regions},
-                      Field{2, &UpsertRegionRequest::removed_region_ids}};
+    return std::tuple{Field{1, "regions", &UpsertRegionRequest::regions},
+                      Field{2, "removed_region_ids", &UpsertRegionRequest::removed_region_ids}};
   }
 };
 
@@ -169,7 +177,7 @@ struct UpsertRegionResponse {
   std::string message;
 
   static constexpr auto Fields() {
-    return std::tuple{OptionalField{1, &UpsertRegionResponse::message}};
+    return std::tuple{OptionalField{1, "message", &UpsertRegionResponse::message}};
   }
 };
 
@@ -184,10 +192,11 @@ struct RegionHeartbeatEntry {
   std::vector<std::uint64_t> candidate_store_ids;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &RegionHeartbeatEntry::region_id},
-                      Field{2, &RegionHeartbeatEntry::member_store_ids},
-                      Field{3, &RegionHeartbeatEntry::caught_up_learner_store_ids},
-                      Field{4, &RegionHeartbeatEntry::candidate_store_ids}};
+    return std::tuple{
+        Field{1, "region_id", &RegionHeartbeatEntry::region_id},
+        Field{2, "member_store_ids", &RegionHeartbeatEntry::member_store_ids},
+        Field{3, "caught_up_learner_store_ids", &RegionHeartbeatEntry::caught_up_learner_store_ids},
+        Field{4, "candidate_store_ids", &RegionHeartbeatEntry::candidate_store_ids}};
   }
 };
 
@@ -198,9 +207,9 @@ struct RegionHeartbeatRequest {
       region_ids;  // replicas that the store holds, to be checked for staleness
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &RegionHeartbeatRequest::store_id},
-                      Field{2, &RegionHeartbeatRequest::regions},
-                      Field{3, &RegionHeartbeatRequest::region_ids}};
+    return std::tuple{Field{1, "store_id", &RegionHeartbeatRequest::store_id},
+                      Field{2, "regions", &RegionHeartbeatRequest::regions},
+                      Field{3, "region_ids", &RegionHeartbeatRequest::region_ids}};
   }
 };
 
@@ -220,8 +229,10 @@ struct ScheduleCommand {
   std::string address;  // of the store chosen by kAddPeer, else empty
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &ScheduleCommand::kind}, Field{2, &ScheduleCommand::region_id},
-                      Field{3, &ScheduleCommand::store_id}, Field{4, &ScheduleCommand::address}};
+    return std::tuple{Field{1, "kind", &ScheduleCommand::kind},
+                      Field{2, "region_id", &ScheduleCommand::region_id},
+                      Field{3, "store_id", &ScheduleCommand::store_id},
+                      Field{4, "address", &ScheduleCommand::address}};
   }
   bool operator==(const ScheduleCommand&) const = default;
 };
@@ -230,7 +241,7 @@ struct RegionHeartbeatResponse {
   std::vector<ScheduleCommand> commands;
 
   static constexpr auto Fields() {
-    return std::tuple{Field{1, &RegionHeartbeatResponse::commands}};
+    return std::tuple{Field{1, "commands", &RegionHeartbeatResponse::commands}};
   }
 };
 

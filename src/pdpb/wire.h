@@ -14,7 +14,7 @@
 //
 // A message type lists its fields once, in ascending order of their tags:
 //
-//   static constexpr auto Fields() { return std::tuple{Field{1, &Peer::id}, ...}; }
+//   static constexpr auto Fields() { return std::tuple{Field{1, "id", &Peer::id}, ...}; }
 //
 // and Encode and Decode both follow that list. Stateless; safe from any thread.
 #pragma once
@@ -36,9 +36,10 @@ template <class M, class T>
 struct Field {
   static constexpr bool kWrittenWhenEmpty = true;
   std::uint16_t tag;
+  const char* name;  // for people
   T M::*member;
-  constexpr Field(std::uint16_t field_tag, T M::*field_member)
-      : tag(field_tag), member(field_member) {}
+  constexpr Field(std::uint16_t field_tag, const char* field_name, T M::*field_member)
+      : tag(field_tag), name(field_name), member(field_member) {}
 };
 
 // A member of bytes that is not written when it is empty.
@@ -46,9 +47,10 @@ template <class M, class T>
 struct OptionalField {
   static constexpr bool kWrittenWhenEmpty = false;
   std::uint16_t tag;
+  const char* name;  // for people
   T M::*member;
-  constexpr OptionalField(std::uint16_t field_tag, T M::*field_member)
-      : tag(field_tag), member(field_member) {}
+  constexpr OptionalField(std::uint16_t field_tag, const char* field_name, T M::*field_member)
+      : tag(field_tag), name(field_name), member(field_member) {}
 };
 
 template <class M>

@@ -1,8 +1,5 @@
 #include "store/meta_store.h"
 
-#include <algorithm>
-
-#include "crypto/sm3.h"
 #include "lsm/lsm_db.h"
 #include "store/value_envelope.h"
 
@@ -17,12 +14,7 @@ constexpr std::uint64_t kMaxTableFiles = 8;
 
 Status MetaStore::Open(const std::string& directory, const std::string& passphrase, int sync,
                        std::unique_ptr<MetaStore>* out) {
-  auto opened = std::make_unique<MetaStore>(Private());
-  if (!passphrase.empty()) {
-    const auto digest = crypto::Sm3(passphrase);
-    opened->crypto->encrypted = true;
-    std::copy_n(digest.begin(), opened->crypto->key.size(), opened->crypto->key.begin());
-  }
+  auto opened = std::make_unique<MetaStore>(Private(), passphrase);
   const lsm::LsmDb::Options options{
       .write_buffer_size = kWriteBufferSize, .max_table_files = kMaxTableFiles, .sync = sync != 0};
   if (Status s = lsm::LsmDb::Open(directory, options, &opened->db); !s.ok()) return s;
@@ -30,7 +22,8 @@ Status MetaStore::Open(const std::string& directory, const std::string& passphra
   return {};
 }
 
-MetaStore::MetaStore(Private) : crypto(std::make_unique<StoreCrypto>()) {}
+MetaStore::MetaStore(Private, const std::string& passphrase)
+    : crypto(std::make_unique<StoreCrypto>(CryptoFor(passphrase))) {}
 
 MetaStore::~MetaStore() = default;
 

@@ -35,7 +35,7 @@ class MetaStore {
   static Status Open(const std::string& directory, const std::string& passphrase, int sync,
                      std::unique_ptr<MetaStore>* out);
 
-  explicit MetaStore(Private);
+  MetaStore(Private, const std::string& passphrase);
   ~MetaStore();
 
   // An absent key succeeds with `*found` false and leaves `*value` alone.
@@ -62,7 +62,7 @@ class MetaStore {
  private:
   // Never change after Open.
   std::unique_ptr<lsm::LsmDb> db;
-  std::unique_ptr<StoreCrypto> crypto;
+  const std::unique_ptr<const StoreCrypto> crypto;
 };
 
 }  // namespace kandb::store

@@ -3,11 +3,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
 #include "common/endian.h"
 #include "common/posix_file.h"
+#include "crypto/sm3.h"
 
 namespace kandb::store {
 
@@ -38,6 +40,15 @@ struct IvSource {
 };
 
 }  // namespace
+
+StoreCrypto CryptoFor(std::string_view passphrase) {
+  StoreCrypto store_crypto;
+  if (passphrase.empty()) return store_crypto;
+  const crypto::Sm3Digest digest = crypto::Sm3(passphrase);
+  store_crypto.encrypted = true;
+  std::copy_n(digest.begin(), store_crypto.key.size(), store_crypto.key.begin());
+  return store_crypto;
+}
 
 std::string SealValue(const StoreCrypto& store_crypto, std::string_view plaintext) {
   if (!store_crypto.encrypted) return std::string(plaintext);

@@ -22,6 +22,9 @@ struct StoreCrypto {
   crypto::Sm4Key key{};  // unused when not encrypted
 };
 
+// Sealing under a key derived from the passphrase; none with an empty one.
+StoreCrypto CryptoFor(std::string_view passphrase);
+
 // The sealed value, or a copy of it when the store is not encrypted.
 std::string SealValue(const StoreCrypto& store_crypto, std::string_view plaintext);
 

@@ -1,0 +1,55 @@
+// kandb-ctl: talks to a running server, and looks into the state directory of a stopped one.
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "kandb_ctl/command.h"
+
+namespace kandb::ctl {
+
+int Fail(const Status& status) {
+  std::fprintf(stderr, "kandb-ctl: %s\n", status.message().c_str());
+  return kExitFailed;
+}
+
+namespace {
+
+int Run(int argc, char** argv) {
+  CLI::App app("Talks to a kandb-meta server, and looks into the state directory of a stopped one.",
+               "kandb-ctl");
+  Context context;
+  app.require_subcommand(1);
+  app.fallthrough();  // global options may stand behind the command too
+  app.add_option("--server", context.server, "server to talk to, HOST:PORT")->capture_default_str();
+  app.add_option("--timeout-ms", context.client_options.timeout_ms,
+                 "longest wait for the server in milliseconds, negative for no limit")
+      ->capture_default_str();
+  app.add_option("--attempts", context.client_options.attempts, "how often a call is tried")
+      ->capture_default_str();
+  app.add_flag("--json", context.json, "print JSON");
+  AddClusterCommands(&app, &context);
+  AddRegionCommands(&app, &context);
+  AddLoadCommand(&app, &context);
+  AddStateCommands(&app, &context);
+  AddFileCommands(&app, &context);
+  AddReportCommand(&app, &context);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kExitOk : kExitUsage;
+  }
+  return context.run();
+}
+
+}  // namespace
+}  // namespace kandb::ctl
+
+int main(int argc, char** argv) {
+  try {
+    return kandb::ctl::Run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kandb-ctl: %s\n", error.what());
+    return kandb::ctl::kExitFailed;
+  }
+}
