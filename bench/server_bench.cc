@@ -11,15 +11,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "client/pd_client.h"
 #include "meta/pd_service.h"
 #include "support/temp_dir.h"
-#include "support/test_client.h"
 
 namespace kandb {
 namespace {
 
 using testing::TempDir;
-using testing::TestClient;
 
 std::string RegionKeyAt(std::int64_t i) {
   char key[24];
@@ -82,22 +81,20 @@ void MakeCluster(const benchmark::State& state) {
 }
 void DropCluster(const benchmark::State&) { cluster = nullptr; }
 
-// Calls `method` until the time is up, with a request made by `make(i)` for the i-th call of a
-// thread.
-template <pdpb::Message Resp, class MakeRequest>
-void CallInALoop(benchmark::State& state, const char* method, MakeRequest make) {
-  TestClient client(cluster->port());
+// Calls `call(client, i)` for i = 0, 1, ... until the time is up, over a connection of this
+// thread's own.
+template <class Call>
+void CallInALoop(benchmark::State& state, Call call) {
+  kanrpc::RpcClient rpc("127.0.0.1:" + std::to_string(cluster->port()), {});
+  client::PdClient client(&rpc);
   std::int64_t i = 0;
-  for (auto _ : state) {
-    Resp response;
-    Cluster::Check(client.Call(method, make(i++), &response));
-    benchmark::DoNotOptimize(response);
-  }
+  for (auto _ : state) Cluster::Check(call(&client, i++));
   state.SetItemsProcessed(state.iterations());
 }
 
 void Tso(benchmark::State& state) {
-  CallInALoop<pdpb::TsoResponse>(state, "Pd.Tso", [](std::int64_t) { return pdpb::TsoRequest{1}; });
+  pdpb::TsoResponse response;
+  CallInALoop(state, [&](auto* client, std::int64_t) { return client->Tso({1}, &response); });
 }
 BENCHMARK(Tso)
     ->Arg(0)
@@ -109,10 +106,9 @@ BENCHMARK(Tso)
 // Every call writes one region durably.
 void UpsertRegion(benchmark::State& state) {
   const std::int64_t first = (state.thread_index() + 1) * std::int64_t{10000000};
-  CallInALoop<pdpb::UpsertRegionResponse>(state, "Pd.UpsertRegion", [&](std::int64_t i) {
-    pdpb::UpsertRegionRequest request;
-    request.regions.push_back(MakeRegion(first + i));
-    return request;
+  pdpb::UpsertRegionResponse response;
+  CallInALoop(state, [&](auto* client, std::int64_t i) {
+    return client->UpsertRegion({{MakeRegion(first + i)}, {}}, &response);
   });
 }
 BENCHMARK(UpsertRegion)
@@ -127,8 +123,9 @@ BENCHMARK(UpsertRegion)
 // Keys spread evenly over the regions, so that a lookup passes half of them on average.
 void GetRegion(benchmark::State& state) {
   const std::int64_t regions = state.range(0);
-  CallInALoop<pdpb::GetRegionResponse>(state, "Pd.GetRegion", [&](std::int64_t i) {
-    return pdpb::GetRegionRequest{RegionKeyAt(i * 7919 % regions)};
+  pdpb::GetRegionResponse response;
+  CallInALoop(state, [&](auto* client, std::int64_t i) {
+    return client->GetRegion({RegionKeyAt(i * 7919 % regions)}, &response);
   });
 }
 BENCHMARK(GetRegion)
@@ -145,8 +142,10 @@ void RegionHeartbeat(benchmark::State& state) {
   request.store_id = 1;
   for (std::uint64_t id = 0; id < 1000; ++id)
     request.regions.push_back({id, {1, 2, 3}, {}, {2, 3}});
-  CallInALoop<pdpb::RegionHeartbeatResponse>(
-      state, "Pd.RegionHeartbeat", [&](std::int64_t) -> const auto& { return request; });
+  pdpb::RegionHeartbeatResponse response;
+  CallInALoop(state, [&](auto* client, std::int64_t) {
+    return client->RegionHeartbeat(request, &response);
+  });
 }
 BENCHMARK(RegionHeartbeat)
     ->Arg(1000)

@@ -1,3 +1,5 @@
+// Checksums, hashes and ciphers against published values and an independent library.
+
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 
@@ -14,19 +16,12 @@
 #include "crypto/crc32c.h"
 #include "crypto/sm3.h"
 #include "crypto/sm4.h"
+#include "support/hex.h"
 
 namespace kandb::crypto {
 namespace {
 
-// Bytes from hexadecimal digits; spaces are for the reader.
-std::string Hex(std::string digits) {
-  std::erase(digits, ' ');
-  std::string bytes;
-  for (std::size_t i = 0; i < digits.size(); i += 2) {
-    bytes.push_back(static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-  }
-  return bytes;
-}
+using kandb::testing::Hex;
 
 // The bytes 0, 1, 2, ..., 255, 0, ...
 std::string Ascending(std::size_t size) {
@@ -106,7 +101,7 @@ TEST(Sm4Cbc, AgreesWithOpenSsl) {
                       reinterpret_cast<const std::uint8_t*>(all_bytes.data()),
                       static_cast<int>(size));
     ASSERT_EQ(EVP_EncryptFinal_ex(context.get(), expected.data() + length, &last_length), 1);
-    expected.resize(static_cast<std::size_t>(length + last_length));
+    expected.resize(static_cast<std::size_t>(length) + static_cast<std::size_t>(last_length));
 
     const std::string plaintext = all_bytes.substr(0, size);
     const std::string ciphertext = Sm4CbcEncrypt(plaintext, key, iv);
@@ -136,7 +131,7 @@ TEST(Sm4Cbc, NamesTheDamage) {
       "x" + std::string(15, '\x10'),
   };
   for (std::string block : badly_padded) {
-    SCOPED_TRACE(testing::PrintToString(block));
+    SCOPED_TRACE(::testing::PrintToString(block));
     // Under an IV of zeros the first block of a chain is that of the bare cipher.
     Sm4(key).EncryptBlock(block.data(), block.data());
     EXPECT_EQ(decrypt(block), "InvalidArgument: sm4: bad padding");

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-#include <thread>
-
 #include "common/endian.h"
 #include "meta/pd_service.h"
 #include "support/temp_dir.h"
@@ -13,8 +10,6 @@ namespace kandb::meta {
 namespace {
 
 using pdpb::Region;
-using pdpb::ScheduleCommand;
-using pdpb::ScheduleKind;
 using pdpb::Store;
 
 std::uint64_t test_clock_ns = 0;
@@ -70,14 +65,20 @@ class PdServiceTest : public ::testing::Test {
     for (const std::uint64_t id : ids) Bootstrap({id, "s" + std::to_string(id), 0}, {});
   }
 
-  std::vector<ScheduleCommand> Heartbeat(std::uint64_t store_id,
-                                         std::vector<pdpb::RegionHeartbeatEntry> regions,
-                                         std::vector<std::uint64_t> region_ids = {}) {
+  // The commands that answer a heartbeat, as "<kind> <region> <store> <address>;" each.
+  std::string Heartbeat(std::uint64_t store_id, std::vector<pdpb::RegionHeartbeatEntry> regions,
+                        std::vector<std::uint64_t> region_ids = {}) {
+    const pdpb::RegionHeartbeatRequest request = {store_id, std::move(regions),
+                                                  std::move(region_ids)};
     pdpb::RegionHeartbeatResponse response;
-    EXPECT_TRUE(
-        service->RegionHeartbeat({store_id, std::move(regions), std::move(region_ids)}, &response)
-            .ok());
-    return response.commands;
+    EXPECT_TRUE(service->RegionHeartbeat(request, &response).ok());
+    std::string text;
+    for (const pdpb::ScheduleCommand& command : response.commands) {
+      text += std::to_string(static_cast<int>(command.kind)) + " " +
+              std::to_string(command.region_id) + " " + std::to_string(command.store_id) + " " +
+              command.address + ";";
+    }
+    return text;
   }
 
   testing::TempDir dir;
@@ -117,49 +118,23 @@ TEST_F(PdServiceTest, IdentifiersStayBelowThePersistedMark) {
   EXPECT_EQ(IdMark(), 1001u);
 }
 
-TEST_F(PdServiceTest, ConcurrentRunsDoNotOverlap) {
-  std::vector<std::set<std::uint64_t>> seen(4);
-  std::vector<std::thread> threads;
-  for (std::set<std::uint64_t>& mine : seen) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 500; ++i) {
-        pdpb::AllocIdResponse id;
-        pdpb::TsoResponse timestamp;
-        EXPECT_TRUE(service->AllocId({1}, &id).ok());
-        EXPECT_TRUE(service->Tso({1}, &timestamp).ok());
-        mine.insert(id.first_id);
-        mine.insert(timestamp.timestamp);
-      }
-    });
-  }
-  std::set<std::uint64_t> all;
-  for (std::size_t i = 0; i < threads.size(); ++i) {
-    threads[i].join();
-    all.merge(seen[i]);
-  }
-  EXPECT_EQ(all.size(), 4000u);
-}
-
 TEST_F(PdServiceTest, BootstrapsOnceAndThenRegistersStores) {
   EXPECT_EQ(Route("x"), "NotFound: cluster not bootstrapped");
-  EXPECT_FALSE(
-      Bootstrap({1, "a:1", 2},
-                {.id = 10, .start_key = "m", .end_key = "", .epoch = {}, .peers = {{100, 1, {}}}},
-                {{.id = 9, .start_key = "", .end_key = "m", .epoch = {}, .peers = {}}}));
-  EXPECT_EQ(Route("a"), "9");
-  EXPECT_TRUE(Bootstrap({3, "c:1", 0},
-                        {.id = 11, .start_key = "", .end_key = "", .epoch = {}, .peers = {}}));
+  const Region low = {9, "", "m", {}, {}};
+  const Region high = {10, "m", "", {}, {{100, 1, {}}}};
+  EXPECT_FALSE(Bootstrap({1, "a:1", 2}, high, {low}));
+  EXPECT_TRUE(Bootstrap({3, "c:1", 0}, {11, "", "", {}, {}}));
   EXPECT_EQ(Route("a"), "9");
   EXPECT_EQ(Route("z"), "10");
   EXPECT_EQ(routed.leader.id, 100u);
   EXPECT_EQ(routed.leader_store, (Store{1, "a:1", 2}));
   std::vector<store::KeyValue> pairs;
   ASSERT_TRUE(store->Scan("", "", 100, &pairs).ok());
-  std::vector<std::string> keys;
-  for (const auto& pair : pairs) keys.push_back(pair.first);
-  EXPECT_EQ(keys, (std::vector<std::string>{"pd/bootstrapped", "pd/region/10", "pd/region/9",
-                                            "pd/store/1", "pd/store/3"}));
-  EXPECT_EQ(pairs[0].second, "1");
+  EXPECT_EQ(pairs, (std::vector<store::KeyValue>{{"pd/bootstrapped", "1"},
+                                                 {"pd/region/10", Encode(high)},
+                                                 {"pd/region/9", Encode(low)},
+                                                 {"pd/store/1", Encode(Store{1, "a:1", 2})},
+                                                 {"pd/store/3", Encode(Store{3, "c:1", 0})}}));
 }
 
 TEST_F(PdServiceTest, RoutesByRangesInTheOrderOfTheKeys) {
@@ -170,22 +145,12 @@ TEST_F(PdServiceTest, RoutesByRangesInTheOrderOfTheKeys) {
       Bootstrap({1, "", 0}, region(9, "b", "d"),
                 {region(10, "c", "f"), region(2, std::string("\0\0", 2), std::string(1, 0)),
                  region(3, "\xff", ""), region(4, "f", "f\x80")}));
-  const struct {
-    std::string key;
-    const char* answer;
-  } cases[] = {
-      {"b", "9"},
-      {"bzz", "9"},
-      {"c", "10"},  // of two that cover it, region 10 is scanned first
-      {"c\xff", "10"},
-      {"f", "4"},
-      {"f\x7f", "4"},
-      {"f\x80", "NotFound: no region covers key"},
-      {"a", "NotFound: no region covers key"},
-      {"", "NotFound: no region covers key"},
-      {"\xff\xff", "3"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(Route(c.key), c.answer) << c.key;
+  const std::string nobody = "NotFound: no region covers key";
+  const std::pair<std::string, std::string> answers[] = {
+      {"b", "9"},      {"bzz", "9"}, {"c", "10"},  // of two, region 10 is scanned first
+      {"c\xff", "10"}, {"f", "4"},   {"f\x7f", "4"},   {"f\x80", nobody},
+      {"a", nobody},   {"", nobody}, {"\xff\xff", "3"}};
+  for (const auto& [key, answer] : answers) EXPECT_EQ(Route(key), answer) << key;
 
   pdpb::UpsertRegionResponse response;
   ASSERT_TRUE(
@@ -221,51 +186,41 @@ TEST_F(PdServiceTest, DamagedRecordsAreSkippedOrNamed) {
   EXPECT_EQ(routed.leader_store, Store());
 }
 
+// Commands: 1 promote, 2 add, 3 remove, 4 destroy, 5 transfer.
 TEST_F(PdServiceTest, HeartbeatsPromoteAndKeepTheMemberCount) {
   Bootstrap({0, "", 0}, {});
   RegisterStores({1, 2, 10, 3});
   ASSERT_TRUE(store->Put({{"pd/store/0", "garbage"}}).ok());
-  using Commands = std::vector<ScheduleCommand>;
-  const ScheduleCommand promote = {ScheduleKind::kPromoteLearner, 9, 5, ""};
   const struct {
-    const char* name;
     std::uint32_t target;
-    pdpb::RegionHeartbeatEntry entry;
-    Commands commands;
+    pdpb::RegionHeartbeatEntry entry;  // members, caught up, candidates
+    const char* commands;
   } cases[] = {
-      {"off", 0, {9, {1}, {5}, {}}, {promote}},
-      {"first free store by key",
-       3,
-       {9, {1, 2}, {5}, {}},
-       {promote, {ScheduleKind::kAddPeer, 9, 10, "s10"}}},
-      {"one at a time", 5, {9, {10, 1, 2}, {}, {}}, {{ScheduleKind::kAddPeer, 9, 3, "s3"}}},
-      {"no store left", 9, {9, {1, 2, 10, 3}, {}, {}}, {}},
-      {"at the target", 2, {9, {1, 2}, {}, {}}, {}},
-      {"surplus: a candidate first",
-       2,
-       {9, {1, 2, 3}, {}, {7, 3, 1}},
-       {{ScheduleKind::kRemovePeer, 9, 3, ""}}},
-      {"surplus: else the first", 1, {9, {1, 6}, {}, {}}, {{ScheduleKind::kRemovePeer, 9, 6, ""}}},
-      {"surplus: only the reporter", 1, {9, {1, 1}, {}, {1}}, {}},
-      {"surplus: store 0", 1, {9, {1, 0, 2}, {}, {}}, {}},
+      {0, {9, {1}, {5}, {}}, "1 9 5 ;"},                // off
+      {3, {9, {1, 2}, {5}, {}}, "1 9 5 ;2 9 10 s10;"},  // the first free store by key
+      {5, {9, {10, 1, 2}, {}, {}}, "2 9 3 s3;"},        // one at a time
+      {9, {9, {1, 2, 10, 3}, {}, {}}, ""},              // no store left
+      {2, {9, {1, 2}, {}, {}}, ""},                     // at the target
+      {2, {9, {1, 2, 3}, {}, {7, 3, 1}}, "3 9 3 ;"},    // a candidate is removed first,
+      {1, {9, {1, 6}, {}, {}}, "3 9 6 ;"},              // else the first member,
+      {1, {9, {1, 1}, {}, {1}}, ""},                    // but never the reporter's own,
+      {1, {9, {1, 0, 2}, {}, {}}, ""},                  // nor store 0
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
     Restart(c.target);
     EXPECT_EQ(Heartbeat(1, {c.entry}), c.commands);
   }
   // A store without an address cannot take a replica.
   Bootstrap({10, "", 0}, {});
   Restart(3);
-  EXPECT_EQ(Heartbeat(1, {{9, {1, 2}, {}, {}}}), (Commands{{ScheduleKind::kAddPeer, 9, 3, "s3"}}));
+  EXPECT_EQ(Heartbeat(1, {{9, {1, 2}, {}, {}}}), "2 9 3 s3;");
 }
 
 TEST_F(PdServiceTest, StaleReplicasNeedTheEvidenceOfARecord) {
   ASSERT_FALSE(Bootstrap({1, "a", 0}, {8, "", "", {}, {{80, 1, {}}, {81, 2, {}}}}));
   ASSERT_TRUE(store->Put({{"pd/region/7", "garbage"}}).ok());
-  EXPECT_EQ(Heartbeat(1, {}, {8, 7, 404}), std::vector<ScheduleCommand>());
-  EXPECT_EQ(Heartbeat(3, {}, {8, 7, 404, 8}),
-            (std::vector<ScheduleCommand>(2, {ScheduleKind::kDestroyStaleReplica, 8, 3, ""})));
+  EXPECT_EQ(Heartbeat(1, {}, {8, 7, 404}), "");
+  EXPECT_EQ(Heartbeat(3, {}, {8, 7, 404, 8}), "4 8 3 ;4 8 3 ;");
 }
 
 TEST_F(PdServiceTest, LeadersMoveToClearlyEmptierCandidates) {
@@ -273,33 +228,24 @@ TEST_F(PdServiceTest, LeadersMoveToClearlyEmptierCandidates) {
   const auto report = [&](std::uint64_t store_id, std::uint64_t first, std::uint64_t count) {
     std::vector<pdpb::RegionHeartbeatEntry> entries;
     for (std::uint64_t i = 0; i < count; ++i) entries.push_back({first + i, {}, {}, {}});
-    EXPECT_EQ(Heartbeat(store_id, entries).size(), 0u);
+    EXPECT_EQ(Heartbeat(store_id, entries), "");
   };
-  const auto transfers = [&](const std::vector<std::uint64_t>& members,
-                             const std::vector<std::uint64_t>& candidates) {
-    std::vector<std::uint64_t> targets;
-    for (const auto& command : Heartbeat(1, {{100, members, {}, candidates}})) {
-      EXPECT_EQ(command.kind, ScheduleKind::kTransferLeader);
-      EXPECT_EQ(command.region_id, 100u);
-      targets.push_back(command.store_id);
-    }
-    return targets;
-  };
-  using Targets = std::vector<std::uint64_t>;
   report(1, 100, 5);
-  EXPECT_EQ(transfers({1, 2}, {2}), Targets());  // a single store: nothing to balance
+  EXPECT_EQ(Heartbeat(1, {{100, {1, 2}, {}, {2}}}), "");  // a single store: nothing to balance
   RegisterStores({2, 3, 4});
   report(2, 200, 2);
   report(3, 300, 4);
   report(4, 400, 2);
-  EXPECT_EQ(transfers({1, 3, 2, 4}, {3, 2, 4}), (Targets{2}));  // the least, the earlier of equals
-  EXPECT_EQ(transfers({1, 3}, {3}), Targets());                 // 4 is not below 5 - 1
-  EXPECT_EQ(transfers({1, 2}, {}), Targets());                  // no candidate
-  EXPECT_EQ(transfers({1, 3, 99}, {3, 99}), (Targets{99}));     // one that never reported has none
-  report(2, 101, 4);  // the regions change hands, and the counts with them: 1 has 1, 2 has 6
-  EXPECT_EQ(transfers({1, 99}, {99}), Targets());
+  // The least, and the earlier one of equals; 4 is not below 5 - 1; who never reported has none.
+  EXPECT_EQ(Heartbeat(1, {{100, {1, 3, 2, 4}, {}, {3, 2, 4}}}), "5 100 2 ;");
+  EXPECT_EQ(Heartbeat(1, {{100, {1, 3}, {}, {3}}}), "");
+  EXPECT_EQ(Heartbeat(1, {{100, {1, 2}, {}, {}}}), "");
+  EXPECT_EQ(Heartbeat(1, {{100, {1, 3, 99}, {}, {3, 99}}}), "5 100 99 ;");
+  // The regions change hands, and the counts with them: store 1 has 1, store 2 has 6.
+  report(2, 101, 4);
+  EXPECT_EQ(Heartbeat(1, {{100, {1, 99}, {}, {99}}}), "");
   report(1, 101, 4);
-  EXPECT_EQ(transfers({1, 2}, {2}), (Targets{2}));
+  EXPECT_EQ(Heartbeat(1, {{100, {1, 2}, {}, {2}}}), "5 100 2 ;");
 }
 
 }  // namespace

@@ -1,0 +1,49 @@
+// A connection to a server on this machine, for tests that speak frames and bytes themselves.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <string_view>
+
+#include "common/posix_file.h"
+#include "rpc/frame.h"
+#include "rpc/socket_io.h"
+
+namespace kandb::testing {
+
+class RawConnection {
+ public:
+  explicit RawConnection(int port) : socket(Connect(port)), reader(socket.get()) {}
+
+  int fd() const { return socket.get(); }
+  bool Send(std::string_view bytes) { return kanrpc::WriteAll(fd(), bytes, kTimeoutMs).ok(); }
+  Status Read(kanrpc::Frame* frame) { return reader.Read(frame, kTimeoutMs); }
+
+  // Sends a request without payload; whether anything answers.
+  bool Answers() {
+    kanrpc::Frame frame;
+    return Send(kanrpc::BuildFrame(kanrpc::kRequest, 1, "any", "")) && Read(&frame).ok();
+  }
+
+ private:
+  static constexpr int kTimeoutMs = 60000;
+
+  static UniqueFd Connect(int port) {
+    UniqueFd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+      fd.Reset();
+    }
+    return fd;
+  }
+
+  UniqueFd socket;
+  kanrpc::FrameReader reader;
+};
+
+}  // namespace kandb::testing
