@@ -190,6 +190,15 @@ TEST_F(ClusterTest, KillNineLosesNothingAcknowledged) {
   }
 }
 
+TEST_F(ClusterTest, ASecondServerOnTheDirectoryIsRefused) {
+  ServerProcess second({"--port=0"}, dir.path());
+  std::string error;
+  EXPECT_EQ(second.WaitForExit(&error), 1);
+  EXPECT_EQ(error,
+            "failed to open pd state at ./pd-data: InvalidArgument: ./pd-data is in use by another "
+            "process\n");
+}
+
 TEST_F(ClusterTest, ServesOthersWhileManyConnectionsIdleOrSpeakGarbage) {
   std::vector<std::unique_ptr<RawConnection>> others;
   for (int i = 0; i < 300; ++i) {

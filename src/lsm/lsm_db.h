@@ -18,6 +18,7 @@
 
 #include "common/mutex.h"
 #include "common/status.h"
+#include "lsm/directory_lock.h"
 #include "lsm/entry.h"
 #include "lsm/memtable.h"
 #include "lsm/scan_iterator.h"
@@ -42,7 +43,7 @@ class LsmDb {
   // again.
   static Status Open(const std::string& dir, const Options& options, std::unique_ptr<LsmDb>* out);
 
-  LsmDb(Private, const std::string& dir, const Options& engine_options);
+  LsmDb(Private, const std::string& dir, const Options& engine_options, DirectoryLock lock);
 
   // Waits for a flush or compaction in progress. Flushes nothing: the logs hold what the memtables
   // held.
@@ -107,6 +108,7 @@ class LsmDb {
   bool TooManyTables() const REQUIRES(db_mutex);
 
   // Never change after Open.
+  const DirectoryLock directory_lock;
   const std::string directory;
   const Options options;
 

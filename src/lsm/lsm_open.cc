@@ -45,15 +45,18 @@ void DeleteOrphans(const std::string& dir, const std::vector<std::uint64_t>& tab
 
 Status LsmDb::Open(const std::string& dir, const Options& options, std::unique_ptr<LsmDb>* out) {
   if (Status s = EnsureDirectory(dir); !s.ok()) return s;
-  auto db = std::make_unique<LsmDb>(Private(), dir, options);
+  // Before anything in the directory is looked at: another process may be about to change it.
+  DirectoryLock lock;
+  if (Status s = LockDirectory(dir, &lock); !s.ok()) return s;
+  auto db = std::make_unique<LsmDb>(Private(), dir, options, std::move(lock));
   if (Status s = db->Recover(); !s.ok()) return s;
   db->background = std::thread([engine = db.get()] { engine->BackgroundLoop(); });
   *out = std::move(db);
   return {};
 }
 
-LsmDb::LsmDb(Private, const std::string& dir, const Options& engine_options)
-    : directory(dir), options(engine_options) {}
+LsmDb::LsmDb(Private, const std::string& dir, const Options& engine_options, DirectoryLock lock)
+    : directory_lock(std::move(lock)), directory(dir), options(engine_options) {}
 
 LsmDb::~LsmDb() {
   {

@@ -20,8 +20,8 @@ constexpr std::size_t kPayloadLengthSize = 4;
 constexpr std::size_t kCrcSize = 4;
 static_assert(kMethodOffset + kPayloadLengthSize == kBeforePayloadSize);
 
-// What a connection's buffer starts with, and what it may keep between frames: most frames fit the
-// first, and an idle connection shall not hold on to the memory of a large one.
+// What a connection's buffer holds at least, and what it may keep between frames: most frames fit
+// the first, and an idle connection shall not hold on to the memory of a large one.
 constexpr std::size_t kFirstBufferSize = std::size_t{4} << 10;
 constexpr std::size_t kKeptBufferSize = std::size_t{64} << 10;
 
@@ -61,6 +61,7 @@ Status FrameReader::Read(Frame* frame, int timeout_ms) {
   buffer.Consume(frame_size);
   frame_size = 0;
   buffer.Release(kKeptBufferSize);
+  if (buffer.unread().empty()) buffer.Reserve(kFirstBufferSize);
 
   if (Status s = Fill(kMethodOffset, timeout_ms); !s.ok()) return s;
   if (!buffer.unread().starts_with(kMagic)) return Status::Corruption("kanrpc: bad magic");
