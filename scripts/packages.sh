@@ -6,6 +6,8 @@ build_packages=(g++ cmake ninja-build)
 tool_packages=(libcli11-dev nlohmann-json3-dev)
 test_packages=(libgtest-dev libbenchmark-dev libssl-dev)
 check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
+# For cpack; see docs/operations.md.
+package_packages=(dpkg-dev file)
 
 install_missing() {
   local package missing=()
@@ -20,8 +22,10 @@ install_missing() {
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -qy --no-install-recommends "${missing[@]}" >&2
 }
 
-# configure_and_build PRESET
+# configure_and_build PRESET [--target TARGET]
 configure_and_build() {
-  cmake --preset "$1" >&2
-  cmake --build --preset "$1" >&2
+  local preset=$1
+  shift
+  cmake --preset "$preset" >&2
+  cmake --build --preset "$preset" "$@" >&2
 }

@@ -7,15 +7,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <memory>
-#include <string_view>
+#include <utility>
 
 #include "common/posix_file.h"
 
 namespace kandb::lsm {
 
 namespace {
-
-std::string ManifestName(const std::string& dir) { return dir + "/MANIFEST"; }
 
 std::string NumberedName(const std::string& dir, const char* format, std::uint64_t number) {
   char name[sizeof("/wal-.log") + 20];  // 20 digits hold any number
@@ -35,7 +33,7 @@ Status WriteManifest(const std::string& dir, const ManifestState& state) {
   std::string text = "next_file " + std::to_string(state.next_file) + "\n";
   for (const std::uint64_t number : state.sst_files) text += "sst " + std::to_string(number) + "\n";
 
-  const std::string path = ManifestName(dir);
+  const std::string path = ManifestFileName(dir);
   const std::string temporary = path + ".tmp";
   UniqueFd file(file_calls.open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (!file.valid()) {
@@ -52,8 +50,26 @@ Status WriteManifest(const std::string& dir, const ManifestState& state) {
 }
 
 Status ReadManifest(const std::string& dir, ManifestState* state, bool* exists) {
+  std::vector<std::uint64_t> sst_files;
+  const auto take = [&](const ManifestRecord& record) {
+    if (record.word == "next_file") state->next_file = record.number;
+    if (record.word == "sst") sst_files.push_back(record.number);
+  };
+  std::optional<std::uint64_t> damage_offset;
+  if (Status s = ForEachManifestRecord(ManifestFileName(dir), take, exists, &damage_offset);
+      !s.ok()) {
+    return s;
+  }
+  if (*exists) state->sst_files = std::move(sst_files);
+  return {};
+}
+
+Status ForEachManifestRecord(const std::string& path,
+                             const std::function<void(const ManifestRecord&)>& visit, bool* exists,
+                             std::optional<std::uint64_t>* damage_offset) {
   *exists = false;
-  UniqueFd file(file_calls.open(ManifestName(dir).c_str(), O_RDONLY | O_CLOEXEC, 0));
+  damage_offset->reset();
+  UniqueFd file(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
   std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(nullptr, std::fclose);
   if (file.valid()) stream.reset(::fdopen(file.get(), "r"));
   if (stream == nullptr) {
@@ -63,15 +79,24 @@ Status ReadManifest(const std::string& dir, ManifestState* state, bool* exists) 
   (void)file.release();  // the stream closes it
 
   *exists = true;
-  state->sst_files.clear();
-  char word[32];
-  unsigned long long number = 0;
-  while (std::fscanf(stream.get(), "%31s %llu", word, &number) == 2) {
-    if (std::string_view(word) == "next_file") state->next_file = number;
-    if (std::string_view(word) == "sst") state->sst_files.push_back(number);
+  std::uint64_t offset = 0;  // behind the last record
+  for (;;) {
+    char word[32];
+    unsigned long long number = 0;
+    int blanks = 0;
+    int size = 0;
+    const int taken = std::fscanf(stream.get(), " %n%31s %llu%n", &blanks, word, &number, &size);
+    const std::uint64_t start = offset + static_cast<std::uint64_t>(blanks);
+    if (taken != 2) {
+      if (taken != EOF) *damage_offset = start;
+      return {};
+    }
+    visit({start, word, number});
+    offset += static_cast<std::uint64_t>(size);
   }
-  return {};
 }
+
+std::string ManifestFileName(const std::string& dir) { return dir + "/MANIFEST"; }
 
 std::string TableFileName(const std::string& dir, std::uint64_t number) {
   return NumberedName(dir, "/sst-%06llu.sst", number);

@@ -10,7 +10,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/status.h"
@@ -32,8 +35,21 @@ Status WriteManifest(const std::string& dir, const ManifestState& state);
 // system's text.
 Status ReadManifest(const std::string& dir, ManifestState* state, bool* exists);
 
-// The paths of a table and of a log: "sst-000007.sst", "wal-000007.log" (six digits or more) in
-// `dir`.
+// A record as it stands in the file, unknown words too.
+struct ManifestRecord {
+  std::uint64_t offset;   // of the word
+  std::string_view word;  // lives during the visit
+  std::uint64_t number;
+};
+// Hands the records of the manifest at `path` to `visit`, in their order. `*damage_offset` becomes
+// where a rest that is no record begins, if there is one. Opens and fails as ReadManifest does.
+Status ForEachManifestRecord(const std::string& path,
+                             const std::function<void(const ManifestRecord&)>& visit, bool* exists,
+                             std::optional<std::uint64_t>* damage_offset);
+
+// The paths of the manifest, of a table and of a log: "MANIFEST", "sst-000007.sst",
+// "wal-000007.log" (six digits or more) in `dir`.
+std::string ManifestFileName(const std::string& dir);
 std::string TableFileName(const std::string& dir, std::uint64_t number);
 std::string LogFileName(const std::string& dir, std::uint64_t number);
 

@@ -36,6 +36,11 @@ class SstReader {
 
   std::uint64_t EntryCount() const { return footer.entry_count; }
 
+  // For those who check the file: what it says of itself, and whether its filter admits a key.
+  const TableFooter& Footer() const { return footer; }
+  const std::vector<IndexElement>& Index() const { return index; }
+  bool MayContain(std::string_view key) const { return filter->MayContain(key); }
+
   class Iterator;
 
  private:
@@ -69,6 +74,9 @@ class SstReader::Iterator final : public EntrySource {
 
   Status Seek(std::string_view target) override;
   Status Next() override { return ReadEntry(); }
+
+  // Where in the file the current entry begins; after a failure, where the damaged one does.
+  std::uint64_t offset() const { return next_offset - consume; }
 
  private:
   // Makes the entry at `next_offset` the current one; invalid at the end of the data.

@@ -1,10 +1,174 @@
+#include <algorithm>
+#include <chrono>
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <thread>
+
+#include "kandb_ctl/bootstrap_command.h"
 #include "kandb_ctl/command.h"
+#include "kandb_ctl/online.h"
+#include "kandb_ctl/text_table.h"
 
 namespace kandb::ctl {
 
+namespace {
+
+// --- tso ---
+
+constexpr int kLogicalBits = 18;                                    // of a timestamp
+constexpr std::uint32_t kMaxTimestamps = (1u << kLogicalBits) - 1;  // more would run over
+
+std::string UtcDate(std::uint64_t unix_ms) {
+  const auto seconds = static_cast<std::time_t>(unix_ms / 1000);
+  std::tm date{};
+  char day_and_time[64] = "";
+  // Years that no calendar of the system reaches stay empty.
+  if (::gmtime_r(&seconds, &date) != nullptr) {
+    (void)std::strftime(day_and_time, sizeof(day_and_time), "%Y-%m-%dT%H:%M:%S", &date);
+  }
+  char fraction[8];
+  (void)std::snprintf(fraction, sizeof(fraction), ".%03uZ", static_cast<unsigned>(unix_ms % 1000));
+  return std::string(day_and_time) + fraction;
+}
+
+int RunTso(const Context& context, std::uint32_t count) {
+  Connection connection(context);
+  pdpb::TsoResponse answer;
+  if (Status s = connection.pd.Tso({count}, &answer); !s.ok()) return Fail(s);
+  Json row = ToJson(answer);
+  row["physical"] = UtcDate(answer.timestamp >> kLogicalBits);
+  row["logical"] = answer.timestamp & kMaxTimestamps;
+  PrintRow(context, row);
+  return kExitOk;
+}
+
+void AddTso(CLI::App* app, Context* context) {
+  auto count = std::make_shared<std::uint32_t>(1);
+  CLI::App* command = app->add_subcommand("tso", "Takes timestamps and shows the first of them");
+  command->add_option("--count", *count, "how many consecutive ones")
+      ->check(CLI::Range(std::uint32_t{1}, kMaxTimestamps))
+      ->capture_default_str();
+  command->callback([=] { context->run = [=] { return RunTso(*context, *count); }; });
+}
+
+// --- alloc-id ---
+
+int RunAllocId(const Context& context, std::uint32_t count) {
+  Connection connection(context);
+  pdpb::AllocIdResponse answer;
+  if (Status s = connection.pd.AllocId({count}, &answer); !s.ok()) return Fail(s);
+  PrintRow(context, {{"first_id", answer.first_id},
+                     {"last_id", answer.first_id + answer.count - 1},
+                     {"count", answer.count}});
+  return kExitOk;
+}
+
+void AddAllocId(CLI::App* app, Context* context) {
+  auto count = std::make_shared<std::uint32_t>(1);
+  CLI::App* command = app->add_subcommand(
+      "alloc-id", "Takes identifiers, which the server then never hands out again");
+  command->add_option("--count", *count, "how many consecutive ones")
+      ->check(CLI::Range(std::uint32_t{1}, std::uint32_t{0xffffffff}))
+      ->capture_default_str();
+  command->callback([=] { context->run = [=] { return RunAllocId(*context, *count); }; });
+}
+
+// --- heartbeat ---
+
+int RunHeartbeat(const Context& context) {
+  pdpb::RegionHeartbeatRequest request;
+  if (!ReadJson([&](const Json& json) { FromJson(json, "request", &request); })) return kExitUsage;
+  Connection connection(context);
+  pdpb::RegionHeartbeatResponse answer;
+  if (Status s = connection.pd.RegionHeartbeat(request, &answer); !s.ok()) return Fail(s);
+  if (context.json) {
+    PrintJson(ToJson(answer));
+    return kExitOk;
+  }
+  TextTable table({"command", "region", "store", "address"});
+  for (const pdpb::ScheduleCommand& command : answer.commands) {
+    table.AddRow({EnumText(command.kind), std::to_string(command.region_id),
+                  std::to_string(command.store_id), KeyText(command.address)});
+  }
+  table.Print();
+  return kExitOk;
+}
+
+void AddHeartbeat(CLI::App* app, Context* context) {
+  CLI::App* command = app->add_subcommand(
+      "heartbeat",
+      "Sends a heartbeat, JSON from standard input, and shows the commands for the store.\n"
+      "The server takes it for the store's own: leadership is balanced by it until the next one.");
+  command->footer(
+      "The JSON is an object with store_id, regions and region_ids; a region has region_id,\n"
+      "member_store_ids, caught_up_learner_store_ids and candidate_store_ids.");
+  command->callback([=] { context->run = [=] { return RunHeartbeat(*context); }; });
+}
+
+// --- ping ---
+
+using MicrosecondsF = std::chrono::duration<double, std::micro>;
+
+int RunPing(const Context& context, std::uint32_t count, std::uint32_t interval_ms) {
+  Context once = context;
+  once.client_options.attempts = 1;  // a call that is tried again makes more than one round trip
+  Connection connection(once);
+  pdpb::TsoResponse answer;
+  // Connects, which is not to be measured.
+  if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return Fail(s);
+  std::vector<double> round_trips_us;
+  for (std::uint32_t i = 1; i <= count; ++i) {
+    const auto start = std::chrono::steady_clock::now();
+    if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return Fail(s);
+    round_trips_us.push_back(MicrosecondsF(std::chrono::steady_clock::now() - start).count());
+    if (!context.json) {
+      std::printf("%" PRIu32 ": %.1f us\n", i, round_trips_us.back());
+      (void)std::fflush(stdout);
+    }
+    if (i < count) std::this_thread::sleep_for(std::chrono::milliseconds(interval_ms));
+  }
+  std::vector<double> sorted = round_trips_us;
+  std::sort(sorted.begin(), sorted.end());
+  const double median_us = (sorted[(sorted.size() - 1) / 2] + sorted[sorted.size() / 2]) / 2;
+  if (context.json) {
+    PrintJson({{"round_trips_us", round_trips_us},
+               {"min_us", sorted.front()},
+               {"median_us", median_us},
+               {"max_us", sorted.back()}});
+  } else {
+    std::printf("min/median/max: %.1f/%.1f/%.1f us\n", sorted.front(), median_us, sorted.back());
+  }
+  return kExitOk;
+}
+
+void AddPing(CLI::App* app, Context* context) {
+  struct Arguments {
+    std::uint32_t count = 5;
+    std::uint32_t interval_ms = 200;
+  };
+  auto arguments = std::make_shared<Arguments>();
+  CLI::App* command =
+      app->add_subcommand("ping", "Measures round trips to the server, a timestamp each");
+  command->add_option("--count", arguments->count, "how many")
+      ->check(CLI::Range(std::uint32_t{1}, std::uint32_t{1000000}))
+      ->capture_default_str();
+  command->add_option("--interval-ms", arguments->interval_ms, "pause between them")
+      ->capture_default_str();
+  command->callback([=] {
+    context->run = [=] { return RunPing(*context, arguments->count, arguments->interval_ms); };
+  });
+}
+
+}  // namespace
+
 void AddClusterCommands(CLI::App* app, Context* context) {
-  (void)app;
-  (void)context;
+  AddTso(app, context);
+  AddAllocId(app, context);
+  AddBootstrapCommand(app, context);
+  AddHeartbeat(app, context);
+  AddPing(app, context);
 }
 
 }  // namespace kandb::ctl

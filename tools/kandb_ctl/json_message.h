@@ -20,6 +20,11 @@ namespace kandb::ctl {
 
 using Json = nlohmann::ordered_json;
 
+// JSON on one line. Bytes that are no UTF-8, as a path may have, are replaced.
+std::string JsonText(const Json& json);
+// The same with a newline, on standard output.
+void PrintJson(const Json& json);
+
 template <class Enum>
 constexpr std::array<std::pair<Enum, const char*>, 0> kEnumNames = {};
 template <>

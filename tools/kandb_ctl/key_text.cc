@@ -23,6 +23,11 @@ std::optional<char> ParseByte(std::string_view digits) {
 std::string KeyText(std::string_view key) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string text;
+  // A key that itself begins like the other notation must not be read back as it.
+  if (key.starts_with(kHexPrefix)) {
+    text = "\\x68";
+    key.remove_prefix(1);
+  }
   for (const char c : key) {
     const auto byte = static_cast<std::uint8_t>(c);
     if (c == '\\') {

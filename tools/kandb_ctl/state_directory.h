@@ -4,11 +4,15 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <variant>
 #include <vector>
 
 #include "common/status.h"
+#include "lsm/sst_reader.h"
 #include "pdpb/messages.h"
 #include "store/value_envelope.h"
 
@@ -28,6 +32,31 @@ struct ClusterState {
 // it.
 Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto, ClusterState* cluster);
 
+// A stored pair, decoded as what its key says it is.
+struct StoredRecord {
+  const char* kind = "unknown";  // or "bootstrapped", "id_mark", "store", "region"
+  std::variant<std::string, std::uint64_t, pdpb::Store, pdpb::Region> content;
+};
+
+// Opens and decodes a stored value. The kind is set in any case, the content on success; that of an
+// unknown kind is the bytes.
+Status DecodeStored(std::string_view key, std::string_view stored, const store::StoreCrypto& crypto,
+                    StoredRecord* record);
+
+// Takes a live pair into `*cluster`, all but `oddities`. Returns what is odd about the pair; empty
+// when nothing is.
+std::string AddToCluster(std::string_view key, std::string_view stored,
+                         const store::StoreCrypto& crypto, ClusterState* cluster);
+
+// The sealing that a file with the passphrase asks for; a newline at its end is cut. No file, an
+// empty `path`, is none.
+Status ReadPassphraseFile(const std::string& path, store::StoreCrypto* crypto);
+
+// Opens a table for a look at it. On failure `*damage_offset` is the offset of what is damaged, if
+// the file goes so far.
+Status OpenTable(const std::string& path, std::shared_ptr<lsm::SstReader>* table,
+                 std::optional<std::uint64_t>* damage_offset);
+
 // Something wrong with the directory or the records in it.
 struct Finding {
   std::string where;  // a file with an offset, or a key
@@ -35,9 +64,8 @@ struct Finding {
 };
 
 // Checks every file and record on its own and the records against one another; see `kandb-ctl state
-// verify
-// --help` for what is checked. `progress` is called now and then with the share of the bytes done,
-// 0 to 1.
+// verify --help` for what is checked. `progress` is called now and then with the share of the bytes
+// done, 0 to 1.
 std::vector<Finding> VerifyDirectory(const std::string& dir, const store::StoreCrypto& crypto,
                                      const std::function<void(double)>& progress);
 

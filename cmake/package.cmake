@@ -1,0 +1,38 @@
+# The Debian package: the programs, their manual pages, and what makes the server a service. What is for the
+# system alone, outside of any prefix, is the component system, which `cmake --install` leaves out.
+
+install(FILES packaging/kandb-meta.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES README.md docs/operations.md docs/protocol.md docs/file-formats.md docs/architecture.md
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kandb-meta)
+if(KANDB_TOOLS)
+  install(FILES packaging/kandb-ctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES packaging/kandb-ctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+    RENAME kandb-ctl)
+endif()
+install(FILES packaging/kandb-meta.service DESTINATION /lib/systemd/system
+  COMPONENT system EXCLUDE_FROM_ALL)
+install(FILES packaging/kandb-meta.default DESTINATION /etc/default RENAME kandb-meta
+  COMPONENT system EXCLUDE_FROM_ALL)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_COMPONENTS_ALL server system)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING ALL_COMPONENTS_IN_ONE)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR})
+set(CPACK_PACKAGE_CONTACT "kandb-meta developers <root@localhost>" CACHE STRING "Maintainer of the package")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "metadata and placement-driver server of a key-value database")
+set(CPACK_PACKAGE_DESCRIPTION
+"kandb-meta hands out timestamps and ids, keeps the records of regions and stores,
+routes keys to regions and schedules replicas. kandb-ctl talks to a running
+server and looks into the state of a stopped one.")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION database)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS adduser)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/packaging/conffiles ${PROJECT_SOURCE_DIR}/packaging/postinst
+  ${PROJECT_SOURCE_DIR}/packaging/prerm ${PROJECT_SOURCE_DIR}/packaging/postrm)
+include(CPack)

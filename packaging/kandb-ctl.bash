@@ -1,0 +1,79 @@
+# Bash completion of kandb-ctl: commands, their options, and the files and directories that they read.
+
+_kandb_ctl() {
+  local global="--server --timeout-ms --attempts --json --help"
+  local range="--start-key --end-key --conf-version --version --peer --stdin"
+  local word command="" sub="" skip="" candidates="" current=${COMP_WORDS[COMP_CWORD]}
+  local previous=${COMP_WORDS[COMP_CWORD - 1]}
+  COMPREPLY=()
+
+  # The command, and the sub-command of those that have one: the first words that are neither an option nor
+  # the value of one.
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    case $word in
+      --json | --help | --stdin | --yes | --keep) skip= ;;
+      --*) skip=1 ;;
+      = | :) skip=1 ;; # bash takes --name=value and host:port apart at these
+      *)
+        if [[ $skip ]]; then
+          skip=
+        elif [[ ! $command ]]; then
+          command=$word
+        elif [[ ! $sub ]]; then
+          sub=$word
+        fi
+        ;;
+    esac
+  done
+
+  case $previous in
+    --out | --passphrase-file)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      return
+      ;;
+    --json | --help | --stdin | --yes | --keep) ;;
+    --*) return ;; # a value that only the caller knows
+  esac
+
+  case $command in
+    "") candidates="tso alloc-id bootstrap region heartbeat ping load state wal table manifest report" ;;
+    tso | alloc-id) candidates="--count" ;;
+    bootstrap) candidates="--store-id --store-address --region-id $range" ;;
+    ping) candidates="--count --interval-ms" ;;
+    load)
+      candidates="--connections --seconds --regions --yes --keep"
+      [[ $sub ]] || candidates+=" tso alloc-id get-region upsert-region heartbeat"
+      ;;
+    region)
+      case $sub in
+        "") candidates="get list upsert remove" ;;
+        list) candidates="--start-key --limit" ;;
+        upsert) candidates="--id $range" ;;
+      esac
+      ;;
+    state)
+      candidates="summary dump verify"
+      [[ ! $sub ]] || candidates="--passphrase-file"
+      ;;
+    wal | table) candidates="--passphrase-file" ;;
+    report) candidates="--out --passphrase-file" ;;
+  esac
+  # Options are offered where one is begun, or where nothing else can stand.
+  if [[ $current == -* ]]; then
+    mapfile -t COMPREPLY < <(compgen -W "$candidates $global" -- "$current")
+    return
+  fi
+  case $command/$sub in
+    state/?* | report/*)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -d -- "$current")
+      ;;
+    wal/* | table/* | manifest/*)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      ;;
+    *) mapfile -t COMPREPLY < <(compgen -W "$candidates" -- "$current") ;;
+  esac
+}
+complete -F _kandb_ctl kandb-ctl

@@ -1,0 +1,95 @@
+#include "kandb_ctl/cluster_check.h"
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <unordered_set>
+#include <utility>
+
+#include "kandb_ctl/key_text.h"
+#include "meta/keys.h"
+
+namespace kandb::ctl {
+
+namespace {
+
+void Add(std::vector<Finding>* findings, std::string where, std::string text) {
+  findings->push_back({std::move(where), std::move(text)});
+}
+
+// The service passes over the records beyond its limit.
+void CheckCount(std::size_t count, const meta::KeyRange& range, std::vector<Finding>* findings) {
+  if (count <= range.max_records) return;
+  Add(findings, std::string(range.begin),
+      std::to_string(count) + " records, of which the server looks at " +
+          std::to_string(range.max_records));
+}
+
+void CheckRanges(const ClusterState& cluster, std::vector<Finding>* findings) {
+  std::vector<const pdpb::Region*> order;
+  for (const pdpb::Region& region : cluster.regions) {
+    if (region.end_key.empty() || region.start_key < region.end_key) {
+      order.push_back(&region);
+    } else {
+      Add(findings, meta::RegionKey(region.id),
+          "an empty range: it ends where it starts, or before");
+    }
+  }
+  if (order.empty() && !cluster.bootstrapped) return;
+  std::sort(order.begin(), order.end(), [](const pdpb::Region* a, const pdpb::Region* b) {
+    return std::tie(a->start_key, a->id) < std::tie(b->start_key, b->id);
+  });
+
+  const pdpb::Region* furthest = nullptr;  // of those passed, the one that reaches furthest
+  std::string_view reach;                  // its end
+  bool reaches_end = false;                // which is no bound
+  const auto add_gap = [&](std::string_view end) {
+    const std::string_view regions = meta::kRegionKeys.begin;
+    Add(findings, furthest == nullptr ? std::string(regions) : meta::RegionKey(furthest->id),
+        "no region from " + (reach.empty() ? "the first key" : KeyText(reach)) + " to " +
+            (end.empty() ? "the last key" : KeyText(end)));
+  };
+  for (const pdpb::Region* region : order) {
+    if (!reaches_end && region->start_key > reach) {
+      add_gap(region->start_key);
+    } else if (reaches_end || region->start_key < reach) {
+      Add(findings, meta::RegionKey(region->id),
+          "overlaps region " + std::to_string(furthest->id) + " from " +
+              KeyText(region->start_key));
+    }
+    if (reaches_end || (!region->end_key.empty() && region->end_key <= reach)) continue;
+    furthest = region;
+    reach = region->end_key;
+    reaches_end = reach.empty();
+  }
+  if (!reaches_end) add_gap("");
+}
+
+void CheckPeers(const ClusterState& cluster, std::vector<Finding>* findings) {
+  std::unordered_set<std::uint64_t> known;
+  for (const pdpb::Store& store : cluster.stores) known.insert(store.id);
+  std::unordered_set<std::uint64_t> taken;
+  for (const pdpb::Region& region : cluster.regions) {
+    const std::string where = meta::RegionKey(region.id);
+    if (region.peers.empty()) Add(findings, where, "no peers");
+    taken.clear();
+    for (const pdpb::Peer& peer : region.peers) {
+      const std::string name = "peer " + std::to_string(peer.id);
+      const std::string store = "store " + std::to_string(peer.store_id);
+      if (!known.contains(peer.store_id)) Add(findings, where, name + " is on unknown " + store);
+      if (!taken.insert(peer.store_id).second) Add(findings, where, name + " shares " + store);
+    }
+  }
+}
+
+}  // namespace
+
+void CheckCluster(const ClusterState& cluster, std::vector<Finding>* findings) {
+  CheckCount(cluster.stores.size(), meta::kStoreKeys, findings);
+  CheckCount(cluster.regions.size(), meta::kRegionKeys, findings);
+  CheckRanges(cluster, findings);
+  CheckPeers(cluster, findings);
+}
+
+}  // namespace kandb::ctl

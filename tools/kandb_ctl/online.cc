@@ -1,0 +1,149 @@
+#include "kandb_ctl/online.h"
+
+#include <charconv>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "kandb_ctl/key_text.h"
+#include "kandb_ctl/text_table.h"
+
+namespace kandb::ctl {
+
+namespace {
+
+std::optional<std::uint64_t> ParseId(std::string_view text) {
+  std::uint64_t id = 0;
+  const char* end = text.data() + text.size();
+  const auto [stop, error] = std::from_chars(text.data(), end, id);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  return id;
+}
+
+std::uint64_t IdOrThrow(const std::string& option, const std::string& text) {
+  const std::optional<std::uint64_t> id = ParseId(text);
+  if (!id) throw CLI::ValidationError(option, "not an identifier: " + text);
+  return *id;
+}
+
+// ID:STORE, or ID:STORE:learner.
+std::optional<pdpb::Peer> ParsePeer(std::string_view text) {
+  constexpr std::string_view kLearnerSuffix = ":learner";
+  pdpb::Peer peer;
+  if (text.ends_with(kLearnerSuffix)) {
+    peer.role = pdpb::PeerRole::kLearner;
+    text.remove_suffix(kLearnerSuffix.size());
+  }
+  const std::size_t colon = text.find(':');
+  if (colon == std::string_view::npos) return std::nullopt;
+  const std::optional<std::uint64_t> id = ParseId(text.substr(0, colon));
+  const std::optional<std::uint64_t> store_id = ParseId(text.substr(colon + 1));
+  if (!id || !store_id) return std::nullopt;
+  peer.id = *id;
+  peer.store_id = *store_id;
+  return peer;
+}
+
+}  // namespace
+
+CLI::Option* AddKeyOption(CLI::App* command, const std::string& name, std::string* key,
+                          const std::string& help) {
+  return command
+      ->add_option_function<std::string>(
+          name,
+          [name, key](const std::string& text) {
+            std::optional<std::string> bytes = ParseKey(text);
+            if (!bytes) throw CLI::ValidationError(name, "not a key: " + text);
+            *key = std::move(*bytes);
+          },
+          help + "; text with \\\\ and \\xNN, or hex: and pairs of digits")
+      ->type_name("KEY");
+}
+
+CLI::Option* AddIdOption(CLI::App* command, const std::string& name, std::uint64_t* id,
+                         const std::string& help) {
+  return command
+      ->add_option_function<std::string>(
+          name, [name, id](const std::string& text) { *id = IdOrThrow(name, text); }, help)
+      ->type_name("ID");
+}
+
+CLI::Option* AddIdOption(CLI::App* command, const std::string& name,
+                         std::vector<std::uint64_t>* ids, const std::string& help) {
+  const auto take = [name, ids](const std::vector<std::string>& texts) {
+    for (const std::string& text : texts) ids->push_back(IdOrThrow(name, text));
+  };
+  return command->add_option_function<std::vector<std::string>>(name, take, help)->type_name("ID");
+}
+
+void AddRegionOptions(CLI::App* command, pdpb::Region* region) {
+  region->epoch = {1, 1};
+  AddKeyOption(command, "--start-key", &region->start_key,
+               "first key of the range; without it there is no bound");
+  AddKeyOption(command, "--end-key", &region->end_key,
+               "end of the range, exclusive; without it there is no bound");
+  AddIdOption(command, "--conf-version", &region->epoch.conf_version,
+              "epoch: changes of the members; 1 without it")
+      ->type_name("N");
+  AddIdOption(command, "--version", &region->epoch.version,
+              "epoch: changes of the key range; 1 without it")
+      ->type_name("N");
+  const auto take_peers = [region](const std::vector<std::string>& texts) {
+    for (const std::string& text : texts) {
+      const std::optional<pdpb::Peer> peer = ParsePeer(text);
+      if (!peer) throw CLI::ValidationError("--peer", "not ID:STORE or ID:STORE:learner: " + text);
+      region->peers.push_back(*peer);
+    }
+  };
+  command
+      ->add_option_function<std::vector<std::string>>(
+          "--peer", take_peers, "a replica, again for each; the first stands for the leader")
+      ->type_name("ID:STORE[:learner]")
+      ->allow_extra_args(false);
+}
+
+void CheckStdinOr(const CLI::Option& required, const CLI::App& command, bool from_stdin) {
+  if (!from_stdin && required.empty())
+    throw CLI::RequiredError(required.get_name() + " or --stdin");
+  for (const CLI::Option* option : command.get_options()) {
+    if (from_stdin && !option->empty() && option->get_name() != "--stdin") {
+      throw CLI::ExcludesError("--stdin", option->get_name());
+    }
+  }
+}
+
+bool ReadJson(const std::function<void(const Json&)>& take) {
+  try {
+    take(Json::parse(std::cin));
+    return true;
+  } catch (const std::exception& error) {
+    (void)Fail(Status::InvalidArgument(std::string("standard input: ") + error.what()));
+    return false;
+  }
+}
+
+void PrintRow(const Context& context, const Json& object) {
+  if (context.json) return PrintJson(object);
+  std::vector<std::string> names;
+  std::vector<std::string> cells;
+  for (const auto& [name, value] : object.items()) {
+    names.push_back(name);
+    if (value.is_number_float()) {
+      char text[64];
+      (void)std::snprintf(text, sizeof(text), "%.1f", value.get<double>());
+      cells.emplace_back(text);
+    } else {
+      cells.push_back(value.is_string() ? value.get<std::string>() : value.dump());
+    }
+  }
+  TextTable table(std::move(names));
+  table.AddRow(std::move(cells));
+  table.Print();
+}
+
+std::string KeyCell(const std::string& key) { return key.empty() ? "\"\"" : KeyText(key); }
+
+}  // namespace kandb::ctl

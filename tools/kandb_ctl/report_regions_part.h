@@ -1,0 +1,113 @@
+// The table of regions in the report page: its elements, and the script that reads the page's data
+// and fills them. Text reaches the page as text nodes only, never as markup.
+#pragma once
+
+#include <string_view>
+
+namespace kandb::ctl {
+
+inline constexpr std::string_view kRegionsHtml = R"html(<section id="regions">
+<h2>Regions</h2>
+<div class="tools">
+<label for="field">Find in</label>
+<select id="field"><option value="any">all fields</option><option value="id">region id</option>
+<option value="key">keys</option><option value="store">stores</option></select>
+<input id="filter" type="search" aria-label="Text to find" placeholder="text to find"
+autocomplete="off" spellcheck="false">
+<span id="match-count" class="muted" role="status"></span>
+</div>
+<div id="region-box" class="box" tabindex="0" role="region" aria-label="Regions"><table>
+<thead><tr><th>Region</th><th>Start</th><th>End</th><th>Epoch</th><th>Peers, leader first</th></tr>
+</thead><tbody id="region-rows"></tbody></table>
+<button id="more-rows">Show more</button></div>
+</section>
+)html";
+
+inline constexpr std::string_view kRegionsScript = R"js('use strict';
+const $ = id => document.getElementById(id);
+const data = JSON.parse($('data').textContent);
+const pieces = data.pieces;
+const addresses = new Map(data.stores);
+const regions = data.regions.map(([id, begin, end, confVersion, version, peers]) =>
+  ({id, begin, end, confVersion, version, peers: peers.map(([peerId, store, role]) =>
+    ({id: peerId, store, role}))}));
+
+function add(parent, tag, text = '', className = '') {
+  const child = parent.appendChild(document.createElement(tag));
+  child.textContent = text;
+  child.className = className;
+  return child;
+}
+
+// Key texts are ASCII, so no key looks like these two.
+const lowerText = bound => bound === 0 ? '-\u221e' : data.bounds[bound];
+const upperText = bound => bound === data.bounds.length ? '+\u221e' : data.bounds[bound];
+const rangeText = ({begin, end}) => `[${lowerText(begin)}, ${upperText(end)})`;
+const shortened = text => text.length > 80 ? `${text.slice(0, 79)}\u2026` : text;
+
+function peerText({id, store, role}) {
+  const unknown = addresses.has(store) ? '' : ', unknown';
+  return `${id} on store ${store}${unknown}${role ? ` (${role})` : ''}`;
+}
+
+const rowsAtOnce = 100;
+let matching = regions;
+let rowsShown = 0;
+
+function showMoreRows() {
+  for (const region of matching.slice(rowsShown, rowsShown + rowsAtOnce)) {
+    const row = add($('region-rows'), 'tr');
+    const idCell = add(row, 'td');
+    if (region.begin < region.end) {
+      const link = add(idCell, 'button', region.id, 'link');
+      link.title = `Show region ${region.id} in the key space`;
+      link.onclick = () => showInBand(region.begin);
+    } else {
+      idCell.textContent = `${region.id} (covers nothing)`;
+    }
+    add(row, 'td', shortened(lowerText(region.begin)), 'key');
+    add(row, 'td', shortened(upperText(region.end)), 'key');
+    add(row, 'td', `conf ${region.confVersion}, version ${region.version}`);
+    add(row, 'td', region.peers.map(peerText).join('; ') || 'none');
+  }
+  rowsShown = Math.min(rowsShown + rowsAtOnce, matching.length);
+  $('more-rows').hidden = rowsShown === matching.length;
+}
+
+const finders = {
+  id: (region, text) => region.id === text,
+  key: (region, text) => lowerText(region.begin).includes(text) || upperText(region.end).includes(text),
+  store: (region, text) => region.peers.some(({store}) =>
+    store === text || (addresses.get(store) || '').includes(text)),
+  any: (...question) => finders.id(...question) || finders.key(...question) || finders.store(...question),
+};
+
+function filterRows() {
+  const text = $('filter').value;
+  const finder = finders[$('field').value];
+  matching = text === '' ? regions : regions.filter(region => finder(region, text));
+  rowsShown = 0;
+  $('region-rows').replaceChildren();
+  $('region-box').scrollTop = 0;
+  $('match-count').textContent = `${matching.length} of ${regions.length}`;
+  showMoreRows();
+}
+
+$('filter').oninput = filterRows;
+$('field').onchange = filterRows;
+$('more-rows').onclick = showMoreRows;
+new IntersectionObserver(([entry]) => { if (entry.isIntersecting) showMoreRows(); },
+                         {root: $('region-box')}).observe($('more-rows'));
+for (const link of document.querySelectorAll('[data-store]')) {
+  link.onclick = () => {
+    $('field').value = 'store';
+    $('filter').value = link.dataset.store;
+    filterRows();
+    $('filter').focus();
+    $('regions').scrollIntoView();
+  };
+}
+filterRows();
+)js";
+
+}  // namespace kandb::ctl

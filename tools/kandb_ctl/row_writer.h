@@ -1,0 +1,37 @@
+// Rows that are written as they come, for lists too long to be held: a JSON object a line, or
+// columns for people, which get no wider than was said beforehand.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "kandb_ctl/json_message.h"
+#include "store/value_envelope.h"
+
+namespace kandb::ctl {
+
+class RowWriter {
+ public:
+  struct Column {
+    const char* name;
+    int width;  // characters that usual cells need
+  };
+
+  // For people the header is written at once.
+  RowWriter(std::vector<Column> row_columns, bool as_json);
+
+  // A row is an object. People see the members that have columns.
+  void Write(const Json& row) const;
+
+ private:
+  const std::vector<Column> columns;
+  const bool json;
+};
+
+// Adds "key", "kind" and the decoded "record" of a stored pair to `*row`; for a value that does not
+// decode, its bytes and the "error".
+void AddPair(std::string_view key, std::string_view stored, const store::StoreCrypto& crypto,
+             Json* row);
+
+}  // namespace kandb::ctl

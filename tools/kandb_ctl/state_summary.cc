@@ -1,0 +1,202 @@
+#include "kandb_ctl/state_summary.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <limits>
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "kandb_ctl/state_directory.h"
+#include "kandb_ctl/text_table.h"
+#include "lsm/manifest.h"
+#include "lsm/recovery.h"
+#include "lsm/wal.h"
+
+namespace kandb::ctl {
+
+namespace {
+
+// With these the server opens its store.
+constexpr std::uint64_t kWriteBufferSize = std::uint64_t{64} << 20;  // bytes
+constexpr std::uint64_t kMaxTableFiles = 8;
+
+constexpr const char* kLog = "log, replayed";
+constexpr const char* kLiveTable = "table";
+constexpr const char* kOrphan = "orphaned table, deleted by the next start";
+
+std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+// What the files are that the next start does not ignore, by their names.
+std::map<std::string, const char*> KnownFiles(const std::string& dir,
+                                              const lsm::ManifestState& manifest) {
+  std::map<std::string, const char*> known = {{NameOf(lsm::ManifestFileName(dir)), "manifest"}};
+  const lsm::FileNumbers numbers = lsm::ListFileNumbers(dir);
+  for (const std::uint64_t number : numbers.logs) {
+    known[NameOf(lsm::LogFileName(dir, number))] = kLog;
+  }
+  for (const std::uint64_t number : numbers.tables) {
+    known[NameOf(lsm::TableFileName(dir, number))] = kOrphan;
+  }
+  for (const std::uint64_t number : manifest.sst_files) {
+    known[NameOf(lsm::TableFileName(dir, number))] = kLiveTable;
+  }
+  return known;
+}
+
+void CountLog(const std::string& path, Json* file) {
+  lsm::LogReader reader;
+  bool exists = false;
+  if (Status s = reader.Open(path, &exists); !s.ok()) {
+    (*file)["error"] = s.message();
+    return;
+  }
+  std::uint64_t records = 0;
+  std::uint64_t entries = 0;
+  std::vector<lsm::EntryView> batch;
+  while (reader.Next(&batch)) {
+    ++records;
+    entries += batch.size();
+  }
+  (*file)["records"] = records;
+  (*file)["entries"] = entries;
+  if (!reader.damage().ok()) {
+    (*file)["error"] = reader.damage().message() + " at " + std::to_string(reader.offset());
+  }
+}
+
+void CountTable(const std::string& path, Json* file) {
+  std::shared_ptr<lsm::SstReader> table;
+  if (Status s = lsm::SstReader::Open(path, &table); !s.ok()) {
+    (*file)["error"] = s.message();
+  } else {
+    (*file)["entries"] = table->EntryCount();
+  }
+}
+
+Json DescribeFiles(const std::string& dir, const lsm::ManifestState& manifest) {
+  const std::map<std::string, const char*> known = KnownFiles(dir, manifest);
+  std::map<std::string, Json> files;
+  for (const auto& item : std::filesystem::directory_iterator(dir)) {
+    const std::string name = item.path().filename();
+    const auto found = known.find(name);
+    const char* what = found == known.end() ? "ignored" : found->second;
+    if (!item.is_regular_file()) what = "no regular file";
+    Json file = {{"name", KeyText(name)},
+                 {"bytes", item.is_regular_file() ? item.file_size() : 0},
+                 {"what", what}};
+    if (what == kLog) CountLog(item.path(), &file);
+    if (what == kLiveTable || what == kOrphan) CountTable(item.path(), &file);
+    files[name] = std::move(file);
+  }
+  Json list = Json::array();
+  for (auto& [name, file] : files) list.push_back(std::move(file));
+  return list;
+}
+
+// Counts record by record: the list of them would stand in memory a second time.
+Status CountCluster(const lsm::ReadView& view, const store::StoreCrypto& crypto, Json* cluster) {
+  std::map<std::string, std::uint64_t> counts;
+  std::optional<std::uint64_t> id_mark;
+  const auto count = [&](std::string_view key, std::string_view stored) {
+    StoredRecord record;
+    const bool sound = DecodeStored(key, stored, crypto, &record).ok();
+    ++counts[sound ? record.kind : "unknown"];
+    if (const auto* mark = std::get_if<std::uint64_t>(&record.content)) id_mark = *mark;
+    return true;
+  };
+  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
+  if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, count); !s.ok()) return s;
+  *cluster = {{"bootstrapped", counts["bootstrapped"] > 0},
+              {"id_mark", id_mark ? Json(*id_mark) : Json()},
+              {"stores", counts["store"]},
+              {"regions", counts["region"]},
+              {"oddities", counts["unknown"]}};
+  return {};
+}
+
+// What a start does with the files, from their descriptions.
+Json DescribeStart(const Json& files, const lsm::ManifestState& manifest) {
+  std::uint64_t logs = 0;
+  std::uint64_t records = 0;
+  std::uint64_t bytes = 0;
+  Json deletes = Json::array();
+  for (const Json& file : files) {
+    if (file["what"] == kOrphan) deletes.push_back(file["name"]);
+    if (file["what"] != kLog) continue;
+    ++logs;
+    records += file.value("records", std::uint64_t{0});
+    bytes += file["bytes"].get<std::uint64_t>();
+  }
+  return {{"fails", nullptr},
+          {"replays_logs", logs},
+          {"replays_records", records},
+          {"replays_bytes", bytes},
+          {"memtable_bytes", nullptr},
+          {"first_write_switches_memtable", nullptr},
+          {"merges_tables", manifest.sst_files.size() > kMaxTableFiles},
+          {"deletes", std::move(deletes)}};
+}
+
+std::string WithBlanks(std::string name) {
+  std::replace(name.begin(), name.end(), '_', ' ');
+  return name;
+}
+
+std::string ValueText(const Json& value) {
+  if (value.is_null()) return "none";
+  if (value.is_boolean()) return value ? "yes" : "no";
+  if (value.is_string()) return value;
+  if (!value.is_array()) return value.dump();
+  std::string text;
+  for (const Json& element : value) text += (text.empty() ? "" : ", ") + ValueText(element);
+  return text.empty() ? "none" : text;
+}
+
+}  // namespace
+
+Json SummarizeDirectory(const std::string& dir, const store::StoreCrypto& crypto) {
+  lsm::ManifestState manifest{.next_file = 1, .sst_files = {}};
+  bool exists = false;
+  Status status = lsm::ReadManifest(dir, &manifest, &exists);
+  Json files = DescribeFiles(dir, manifest);
+  Json start = DescribeStart(files, manifest);
+
+  Json cluster;
+  lsm::ReadView view;
+  if (status.ok()) status = lsm::LoadReadOnly(dir, &view);
+  if (status.ok()) {
+    const std::uint64_t memtable_bytes = view.memtables.front()->ApproximateBytes();
+    start["memtable_bytes"] = memtable_bytes;
+    start["first_write_switches_memtable"] = memtable_bytes >= kWriteBufferSize;
+    status = CountCluster(view, crypto, &cluster);
+  }
+  if (!status.ok()) start["fails"] = status.message();
+  return {{"files", std::move(files)},
+          {"manifest",
+           {{"exists", exists}, {"next_file", manifest.next_file}, {"tables", manifest.sst_files}}},
+          {"cluster", std::move(cluster)},
+          {"next_start", std::move(start)}};
+}
+
+void PrintForPeople(const Json& summary) {
+  TextTable files({"file", "bytes", "records", "entries", "what"});
+  for (const Json& file : summary["files"]) {
+    const auto cell = [&](const char* name) {
+      return file.contains(name) ? ValueText(file[name]) : "";
+    };
+    const std::string error = file.contains("error") ? "; " + cell("error") : "";
+    files.AddRow(
+        {cell("name"), cell("bytes"), cell("records"), cell("entries"), cell("what") + error});
+  }
+  files.Print();
+  for (const char* part : {"manifest", "cluster", "next_start"}) {
+    std::printf("\n%s\n", WithBlanks(part).c_str());
+    for (const auto& [name, value] : summary[part].items()) {
+      std::printf("  %-29s  %s\n", WithBlanks(name).c_str(), ValueText(value).c_str());
+    }
+  }
+}
+
+}  // namespace kandb::ctl

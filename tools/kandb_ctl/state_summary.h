@@ -1,0 +1,20 @@
+// What a state directory holds, in numbers, and what the next start of a server will do with it.
+#pragma once
+
+#include <string>
+
+#include "kandb_ctl/json_message.h"
+#include "store/value_envelope.h"
+
+namespace kandb::ctl {
+
+//   files       [{name, bytes, what, records, entries, error}], by name; what a file has not is
+//   left out manifest    {exists, next_file, tables: newest first} cluster     {bootstrapped,
+//   id_mark, stores, regions, oddities}; null when the next start fails next_start  {fails: null or
+//   why, replays_logs, replays_records, replays_bytes, memtable_bytes,
+//               first_write_switches_memtable, merges_tables, deletes: names}
+Json SummarizeDirectory(const std::string& dir, const store::StoreCrypto& crypto);
+
+void PrintForPeople(const Json& summary);
+
+}  // namespace kandb::ctl
