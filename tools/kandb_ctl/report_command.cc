@@ -1,10 +1,71 @@
+// kandb-ctl report: a stopped server's state directory as a page to look at.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+
+#include "common/posix_file.h"
 #include "kandb_ctl/command.h"
+#include "kandb_ctl/json_message.h"
+#include "kandb_ctl/report_page.h"
+#include "kandb_ctl/state_directory.h"
 
 namespace kandb::ctl {
 
+namespace {
+
+struct Arguments {
+  std::string dir;
+  std::string out;
+  std::string passphrase_file;
+};
+
+// Whole or not at all: a page that was there before stays until the new one is complete.
+Status WritePage(const std::string& path, const std::string& page) {
+  const std::string temporary = path + ".tmp";
+  UniqueFd file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  int error = file.valid() ? WriteFully(file.get(), page) : errno;
+  if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) error = errno;
+  if (error == 0) return {};
+  if (file.valid()) (void)::unlink(temporary.c_str());
+  return Status::Corruption("cannot write " + path + ": " + ErrnoText(error));
+}
+
+int Report(const Arguments& arguments, bool json) {
+  store::StoreCrypto crypto;
+  if (Status s = ReadPassphraseFile(arguments.passphrase_file, &crypto); !s.ok()) return Fail(s);
+  ClusterState cluster;
+  if (Status s = LoadCluster(arguments.dir, crypto, &cluster); !s.ok()) return Fail(s);
+  const std::vector<Finding> findings = VerifyDirectory(arguments.dir, crypto, [](double) {});
+  const std::string page =
+      ReportPage(arguments.dir, std::chrono::system_clock::now(), cluster, findings);
+  if (Status s = WritePage(arguments.out, page); !s.ok()) return Fail(s);
+  if (json) {
+    PrintJson({{"out", arguments.out}, {"findings", findings.size()}});
+  } else {
+    std::printf("%s: %zu findings\n", arguments.out.c_str(), findings.size());
+  }
+  return kExitOk;
+}
+
+}  // namespace
+
 void AddReportCommand(CLI::App* app, Context* context) {
-  (void)app;
-  (void)context;
+  const auto arguments = std::make_shared<Arguments>();
+  CLI::App* report = app->add_subcommand(
+      "report",
+      "Writes a page about a stopped server's state directory: one file for any browser.");
+  report->add_option("DIR", arguments->dir, "state directory")->required();
+  report->add_option("--out", arguments->out, "HTML file to write")->required();
+  report->add_option("--passphrase-file", arguments->passphrase_file,
+                     "file with the passphrase of sealed values");
+  report->callback([arguments, context] {
+    context->run = [arguments, context] { return Report(*arguments, context->json); };
+  });
 }
 
 }  // namespace kandb::ctl
