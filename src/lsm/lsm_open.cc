@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <limits>
 
 #include "lsm/lsm_db.h"
 #include "lsm/manifest.h"
@@ -13,9 +12,6 @@
 namespace kandb::lsm {
 
 namespace {
-
-// No engine gets so far; a name or manifest that says so would make the numbers run over.
-constexpr std::uint64_t kMaxFileNumber = std::numeric_limits<std::uint64_t>::max() / 2;
 
 std::uint64_t NextNumber(std::uint64_t number) { return std::max(number, number + 1); }
 

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,6 +25,10 @@ struct ManifestState {
   std::uint64_t next_file = 0;
   std::vector<std::uint64_t> sst_files;  // newest first
 };
+
+// An engine refuses to open a directory whose names or manifest say that it has got further: no
+// engine does, and the numbers would run over.
+inline constexpr std::uint64_t kMaxFileNumber = std::numeric_limits<std::uint64_t>::max() / 2;
 
 // Replaces the manifest of `dir` through "MANIFEST.tmp" and a rename. Corruption "manifest create:
 // " and the system's text, or "manifest rename failed". Failures between the two are deliberately

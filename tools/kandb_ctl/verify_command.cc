@@ -23,7 +23,6 @@ namespace kandb::ctl {
 namespace {
 
 constexpr std::size_t kReadSize = lsm::SstReader::Iterator::kMaxReadSize;
-constexpr std::uint64_t kMaxFileNumber = std::numeric_limits<std::uint64_t>::max() / 2;
 
 std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
@@ -141,7 +140,7 @@ void Verification::CheckManifest() {
   }
   if (damage_offset) Add(Place(path, *damage_offset), "no record; the rest is not read");
   if (!says_next_file) Add(NameOf(path), "no next_file");
-  if (next_file > kMaxFileNumber)
+  if (next_file > lsm::kMaxFileNumber)
     Add(NameOf(path), "next_file is out of range: the next start fails");
 }
 
@@ -155,7 +154,7 @@ void Verification::CheckNumbers() {
     Add(NameOf(path), "not named by the manifest: the next start deletes it");
   }
   for (const auto* numbers : {&files.logs, &files.tables}) {
-    if (numbers->empty() || numbers->back() < kMaxFileNumber) continue;
+    if (numbers->empty() || numbers->back() < lsm::kMaxFileNumber) continue;
     Add("file number " + std::to_string(numbers->back()), "out of range: the next start fails");
   }
 }
