@@ -5,13 +5,6 @@
 
 namespace kandb::store {
 
-namespace {
-
-constexpr std::uint64_t kWriteBufferSize = std::uint64_t{64} << 20;  // bytes
-constexpr std::uint64_t kMaxTableFiles = 8;
-
-}  // namespace
-
 Status MetaStore::Open(const std::string& directory, const std::string& passphrase, int sync,
                        std::unique_ptr<MetaStore>* out) {
   auto opened = std::make_unique<MetaStore>(Private(), passphrase);

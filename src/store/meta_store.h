@@ -22,6 +22,11 @@ namespace kandb::store {
 
 struct StoreCrypto;
 
+// The engine's limits: what its log may grow to before a memtable is flushed, and from when on
+// tables are merged.
+inline constexpr std::uint64_t kWriteBufferSize = std::uint64_t{64} << 20;  // bytes
+inline constexpr std::uint64_t kMaxTableFiles = 8;
+
 using KeyValue = std::pair<std::string, std::string>;
 
 class MetaStore {

@@ -71,14 +71,15 @@ void CheckPeers(const ClusterState& cluster, std::vector<Finding>* findings) {
   for (const pdpb::Store& store : cluster.stores) known.insert(store.id);
   std::unordered_set<std::uint64_t> taken;
   for (const pdpb::Region& region : cluster.regions) {
-    const std::string where = meta::RegionKey(region.id);
-    if (region.peers.empty()) Add(findings, where, "no peers");
+    const auto add = [&](const pdpb::Peer& peer, const char* text) {
+      Add(findings, meta::RegionKey(region.id),
+          "peer " + std::to_string(peer.id) + text + std::to_string(peer.store_id));
+    };
+    if (region.peers.empty()) Add(findings, meta::RegionKey(region.id), "no peers");
     taken.clear();
     for (const pdpb::Peer& peer : region.peers) {
-      const std::string name = "peer " + std::to_string(peer.id);
-      const std::string store = "store " + std::to_string(peer.store_id);
-      if (!known.contains(peer.store_id)) Add(findings, where, name + " is on unknown " + store);
-      if (!taken.insert(peer.store_id).second) Add(findings, where, name + " shares " + store);
+      if (!known.contains(peer.store_id)) add(peer, " is on unknown store ");
+      if (!taken.insert(peer.store_id).second) add(peer, " shares store ");
     }
   }
 }

@@ -13,14 +13,13 @@
 #include "lsm/manifest.h"
 #include "lsm/recovery.h"
 #include "lsm/wal.h"
+#include "store/meta_store.h"
 
 namespace kandb::ctl {
 
 namespace {
 
 // With these the server opens its store.
-constexpr std::uint64_t kWriteBufferSize = std::uint64_t{64} << 20;  // bytes
-constexpr std::uint64_t kMaxTableFiles = 8;
 
 constexpr const char* kLog = "log, replayed";
 constexpr const char* kLiveTable = "table";
@@ -135,7 +134,7 @@ Json DescribeStart(const Json& files, const lsm::ManifestState& manifest) {
           {"replays_bytes", bytes},
           {"memtable_bytes", nullptr},
           {"first_write_switches_memtable", nullptr},
-          {"merges_tables", manifest.sst_files.size() > kMaxTableFiles},
+          {"merges_tables", manifest.sst_files.size() > store::kMaxTableFiles},
           {"deletes", std::move(deletes)}};
 }
 
@@ -169,7 +168,7 @@ Json SummarizeDirectory(const std::string& dir, const store::StoreCrypto& crypto
   if (status.ok()) {
     const std::uint64_t memtable_bytes = view.memtables.front()->ApproximateBytes();
     start["memtable_bytes"] = memtable_bytes;
-    start["first_write_switches_memtable"] = memtable_bytes >= kWriteBufferSize;
+    start["first_write_switches_memtable"] = memtable_bytes >= store::kWriteBufferSize;
     status = CountCluster(view, crypto, &cluster);
   }
   if (!status.ok()) start["fails"] = status.message();
