@@ -19,8 +19,6 @@ namespace kandb::ctl {
 
 namespace {
 
-// With these the server opens its store.
-
 constexpr const char* kLog = "log, replayed";
 constexpr const char* kLiveTable = "table";
 constexpr const char* kOrphan = "orphaned table, deleted by the next start";
