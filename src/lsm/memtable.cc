@@ -8,33 +8,38 @@ constexpr std::uint64_t kEntryCharge = 32;  // bytes, besides key and value
 
 }  // namespace
 
+void MemTable::Reserve(std::size_t entry_count, std::size_t size) {
+  WriterLock lock(&mutex);
+  entries.Reserve(entry_count, size);
+}
+
 void MemTable::Set(const EntryView& entry) {
   approximate_bytes += kEntryCharge + entry.key.size() + entry.value.size();
-  const auto position = table.lower_bound(entry.key);
-  if (position != table.end() && position->first == entry.key) {
-    position->second.op = entry.op;
-    position->second.value = entry.value;
-  } else {
-    table.emplace_hint(position, entry.key, Operation{entry.op, std::string(entry.value)});
-  }
+  entries.Insert(entry);
 }
 
 bool MemTable::Lookup(std::string_view key, std::uint8_t* op, std::string* value) const {
-  ReaderLock lock(&mutex);
-  const auto found = table.find(key);
-  if (found == table.end()) return false;
-  *op = found->second.op;
-  if (*op == kPut) *value = found->second.value;
+  EntryView entry;
+  {
+    ReaderLock lock(&mutex);
+    const EntryTree::Position found = entries.LowerBound(key);
+    if (!found.valid()) return false;
+    entry = found.entry();
+  }
+  if (entry.key != key) return false;
+  *op = entry.op;
+  if (entry.op == kPut) *value = entry.value;
   return true;
 }
 
 void MemTable::Dump(std::string_view start, std::string_view end, std::size_t limit,
-                    EntryList* out) const {
-  out->Clear();
+                    std::vector<EntryView>* out) const {
+  out->clear();
   ReaderLock lock(&mutex);
-  for (auto at = table.lower_bound(start); at != table.end() && out->size() < limit; ++at) {
-    if (!end.empty() && at->first >= end) break;
-    out->Add({at->second.op, at->first, at->second.value});
+  for (auto at = entries.LowerBound(start); at.valid() && out->size() < limit; at.Next()) {
+    const EntryView entry = at.entry();
+    if (!end.empty() && entry.key >= end) break;
+    out->push_back(entry);
   }
 }
 

@@ -21,7 +21,12 @@ Status ReplayLogs(const std::string& dir, const std::vector<std::uint64_t>& numb
                   MemTable* memtable) {
   for (const std::uint64_t number : numbers) {
     const std::string path = LogFileName(dir, number);
-    const auto apply = [&](const std::vector<EntryView>& batch) { memtable->Apply(batch); };
+    const auto apply = [&](const std::vector<EntryView>& batch) {
+      std::size_t size = 0;
+      for (const EntryView& entry : batch) size += entry.key.size() + entry.value.size();
+      memtable->Reserve(batch.size(), size);
+      memtable->Apply(batch);
+    };
     if (Status s = ReplayLog(path, apply); !s.ok()) return s;
     memtable->wal_files.push_back(path);
   }

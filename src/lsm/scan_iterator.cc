@@ -24,7 +24,7 @@ Status MemTableSource::Next() {
     is_valid = false;
   } else {
     // The smallest key after the last one is that key and a zero byte.
-    std::string successor(chunk[chunk.size() - 1].key);
+    std::string successor(chunk.back().key);
     successor.push_back('\0');
     FillChunk(successor);
   }
@@ -34,7 +34,7 @@ Status MemTableSource::Next() {
 void MemTableSource::FillChunk(std::string_view start) {
   memtable->Dump(start, end, kChunkSize, &chunk);
   position = 0;
-  is_valid = chunk.size() > 0;
+  is_valid = !chunk.empty();
   if (is_valid) current = chunk[0];
 }
 

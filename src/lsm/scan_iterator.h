@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "common/status.h"
-#include "lsm/entry_list.h"
 #include "lsm/entry_source.h"
 #include "lsm/memtable.h"
 #include "lsm/sst_reader.h"
@@ -22,8 +21,8 @@ struct ReadView {
   std::vector<std::shared_ptr<const SstReader>> tables;
 };
 
-// A memtable as a source. It is copied out in chunks of at most 4096 entries, so that a long scan
-// neither holds the memtable's lock for long nor copies all of it. Each chunk is consistent; keys
+// A memtable as a source. It is read in chunks of at most 4096 entries, so that a long scan neither
+// holds the memtable's lock for long nor lists all of it. Each chunk is consistent; keys
 // written behind the current position later on may or may not be seen.
 class MemTableSource final : public EntrySource {
  public:
@@ -39,7 +38,7 @@ class MemTableSource final : public EntrySource {
 
   const std::shared_ptr<const MemTable> memtable;
   const std::string_view end;
-  EntryList chunk;
+  std::vector<EntryView> chunk;
   std::size_t position = 0;  // of the current entry in the chunk
 };
 

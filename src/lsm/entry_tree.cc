@@ -1,0 +1,256 @@
+#include "lsm/entry_tree.h"
+
+#include <algorithm>
+#include <bit>
+#include <cassert>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <type_traits>
+
+namespace kandb::lsm {
+
+namespace {
+
+constexpr std::size_t kCapacity = 32;  // entries of a leaf, separators of an inner node
+
+std::size_t CommonPrefixLength(std::string_view a, std::string_view b) {
+  const std::size_t limit = std::min(a.size(), b.size());
+  std::size_t length = 0;
+  while (length < limit && a[length] == b[length]) ++length;
+  return length;
+}
+
+// The 8 bytes of `key` behind its first `skip` ones, as a number with the order of the bytes.
+std::uint64_t Head(std::string_view key, std::size_t skip) {
+  std::uint64_t head = 0;
+  std::memcpy(&head, key.data() + skip, std::min(key.size() - skip, sizeof(head)));
+  static_assert(std::endian::native == std::endian::little);
+  return __builtin_bswap64(head);
+}
+
+}  // namespace
+
+// An entry in the arena; its key and then its value follow.
+struct EntryTree::Record {
+  std::uint32_t key_length;
+  std::uint32_t value_length;
+  std::uint8_t op;
+
+  const char* bytes() const { return reinterpret_cast<const char*>(this + 1); }
+  std::string_view key() const { return {bytes(), key_length}; }
+  std::string_view value() const { return {bytes() + key_length, value_length}; }
+};
+
+// The records of a node, by ascending keys. Records lie all over the memory, and to look at one
+// costs a cache miss. So a node also holds, side by side, what tells its keys apart in most cases:
+// the 8 bytes of each behind the prefix that all of them share.
+struct EntryTree::SortedRecords {
+  std::uint32_t count = 0;
+  std::uint32_t prefix_length = 0;
+  std::uint64_t heads[kCapacity];
+  const Record* records[kCapacity];
+
+  std::string_view key(std::size_t index) const { return records[index]->key(); }
+  bool full() const { return count == kCapacity; }
+
+  // The index of the first key that is not less than `target`.
+  std::size_t LowerBound(std::string_view target) const {
+    if (count == 0) return 0;
+    const std::string_view prefix = key(0).substr(0, prefix_length);
+    const int order = target.substr(0, prefix_length).compare(prefix);
+    if (order != 0) return order < 0 ? 0 : count;
+    const auto [first, last] = std::equal_range(heads, heads + count, Head(target, prefix_length));
+    const auto* found =
+        std::partition_point(records + (first - heads), records + (last - heads),
+                             [&](const Record* record) { return record->key() < target; });
+    return static_cast<std::size_t>(found - records);
+  }
+
+  bool Holds(std::size_t index, std::string_view target) const {
+    return index < count && key(index) == target;
+  }
+
+  // Not when full.
+  void Insert(std::size_t index, const Record* record) {
+    const std::size_t prefix =
+        count == 0 ? record->key_length
+                   : CommonPrefixLength(key(0).substr(0, prefix_length), record->key());
+    std::copy_backward(records + index, records + count, records + count + 1);
+    records[index] = record;
+    ++count;
+    if (prefix == prefix_length) {
+      std::copy_backward(heads + index, heads + count - 1, heads + count);
+      heads[index] = Head(record->key(), prefix_length);
+    } else {
+      RebuildHeads(prefix);
+    }
+  }
+
+  // Moves the records from `index` on to `right`, which is empty.
+  void MoveTail(std::size_t index, SortedRecords* right) {
+    std::copy(records + index, records + count, right->records);
+    right->count = count - static_cast<std::uint32_t>(index);
+    count = static_cast<std::uint32_t>(index);
+    for (SortedRecords* half : {this, right}) {
+      if (half->count == 0) continue;
+      half->RebuildHeads(CommonPrefixLength(half->key(0), half->key(half->count - 1)));
+    }
+  }
+
+  void RebuildHeads(std::size_t prefix) {
+    prefix_length = static_cast<std::uint32_t>(prefix);
+    for (std::size_t i = 0; i < count; ++i) heads[i] = Head(key(i), prefix);
+  }
+};
+
+struct EntryTree::Leaf : SortedRecords {
+  Leaf* next = nullptr;
+};
+
+// Child i + 1 has the keys from that of record i on, child 0 those before.
+struct EntryTree::Inner : SortedRecords {
+  void* children[kCapacity + 1];
+
+  std::size_t ChildFor(std::string_view target) const {
+    const std::size_t index = LowerBound(target);
+    return Holds(index, target) ? index + 1 : index;
+  }
+};
+
+void EntryTree::Reserve(std::size_t count, std::size_t size) {
+  // A leaf splits when it was full before, or after it has taken half of its capacity. Each split
+  // may go on to the root and put a new one above it.
+  const std::size_t splits = std::min(count, leaf_count) + count / (kCapacity / 2) + 1;
+  const std::size_t node_bytes = splits * (height + 2) * (sizeof(Inner) + alignof(Inner));
+  arena.Reserve(node_bytes + count * (sizeof(Record) + alignof(Record)) + size);
+}
+
+void EntryTree::Insert(const EntryView& entry) noexcept {
+  const Record* record = Copy(entry);
+  if (root == nullptr) root = NewNode<Leaf>();
+  Path path;
+  Leaf* leaf = FindLeaf(entry.key, &path);
+  std::size_t index = leaf->LowerBound(entry.key);
+  if (leaf->Holds(index, entry.key)) {
+    leaf->records[index] = record;
+    return;
+  }
+  if (leaf->full()) {
+    Leaf* right = NewNode<Leaf>();
+    // Behind the last key of all the left leaf stays full: keys that only ascend fill every leaf.
+    const bool at_end = leaf->next == nullptr && index == kCapacity;
+    const std::size_t middle = at_end ? kCapacity : kCapacity / 2;
+    right->next = leaf->next;
+    leaf->next = right;
+    leaf->MoveTail(middle, right);
+    AddToParent(path, height, at_end ? record : right->records[0], right);
+    if (index >= middle && (at_end || index > middle)) {
+      leaf = right;
+      index -= middle;
+    }
+  }
+  leaf->Insert(index, record);
+}
+
+// Puts a node that was split off into the inner node above, the last `level` one of the path.
+void EntryTree::AddToParent(const Path& path, std::size_t level, const Record* separator,
+                            void* right) {
+  while (level > 0) {
+    --level;
+    Inner* node = path.nodes[level];
+    std::size_t index = path.children[level];
+    Inner* split = nullptr;
+    const Record* middle_record = nullptr;
+    if (node->full()) {
+      // The record in the middle goes up and separates the halves.
+      split = NewNode<Inner>();
+      constexpr std::size_t kMiddle = kCapacity / 2;
+      middle_record = node->records[kMiddle];
+      node->MoveTail(kMiddle + 1, split);
+      std::copy(node->children + kMiddle + 1, node->children + kCapacity + 1, split->children);
+      --node->count;
+      if (index > kMiddle) {
+        node = split;
+        index -= kMiddle + 1;
+      }
+    }
+    node->Insert(index, separator);
+    std::copy_backward(node->children + index + 1, node->children + node->count,
+                       node->children + node->count + 1);
+    node->children[index + 1] = right;
+    if (split == nullptr) return;
+    separator = middle_record;
+    right = split;
+  }
+  Inner* above = NewNode<Inner>();
+  above->Insert(0, separator);
+  above->children[0] = root;
+  above->children[1] = right;
+  root = above;
+  ++height;
+  assert(height < kMaxHeight);
+}
+
+EntryTree::Leaf* EntryTree::FindLeaf(std::string_view key, Path* path) const {
+  void* node = root;
+  for (std::size_t level = 0; level < height; ++level) {
+    auto* inner = static_cast<Inner*>(node);
+    const std::size_t child = inner->ChildFor(key);
+    path->nodes[level] = inner;
+    path->children[level] = child;
+    node = inner->children[child];
+  }
+  return static_cast<Leaf*>(node);
+}
+
+const EntryTree::Record* EntryTree::Copy(const EntryView& entry) {
+  char* memory =
+      arena.Allocate(sizeof(Record) + entry.key.size() + entry.value.size(), alignof(Record));
+  const auto* record =
+      new (memory) Record{static_cast<std::uint32_t>(entry.key.size()),
+                          static_cast<std::uint32_t>(entry.value.size()), entry.op};
+  char* bytes = memory + sizeof(Record);
+  std::copy(entry.key.begin(), entry.key.end(), bytes);
+  std::copy(entry.value.begin(), entry.value.end(), bytes + entry.key.size());
+  return record;
+}
+
+template <class Node>
+Node* EntryTree::NewNode() {
+  static_assert(std::is_trivially_destructible_v<Node>, "an arena destroys nothing");
+  if constexpr (std::is_same_v<Node, Leaf>) ++leaf_count;
+  return new (arena.Allocate(sizeof(Node), alignof(Node))) Node;
+}
+
+EntryTree::Position EntryTree::LowerBound(std::string_view key) const {
+  if (root == nullptr) return {nullptr, 0};
+  Path path;
+  const Leaf* leaf = FindLeaf(key, &path);
+  return {leaf, leaf->LowerBound(key)};
+}
+
+EntryTree::Position::Position(const Leaf* entry_leaf, std::size_t entry_index)
+    : leaf(entry_leaf), index(entry_index) {
+  if (leaf != nullptr && index == leaf->count) {
+    leaf = leaf->next;
+    index = 0;
+  }
+}
+
+EntryView EntryTree::Position::entry() const {
+  const Record* record = leaf->records[index];
+  return {record->op, record->key(), record->value()};
+}
+
+void EntryTree::Position::Next() {
+  if (++index < leaf->count) return;
+  leaf = leaf->next;
+  index = 0;
+  if (leaf == nullptr) return;
+  // One cache miss after the other would be what a scan consists of.
+  __builtin_prefetch(leaf->next);
+  for (std::size_t i = 0; i < leaf->count; ++i) __builtin_prefetch(leaf->records[i]);
+}
+
+}  // namespace kandb::lsm

@@ -1,0 +1,76 @@
+// An ordered set of entries in memory, the newest for each key: a B+-tree whose nodes and entries
+// stand in one arena. An entry is never changed or moved once it is there; a newer one takes its
+// place in the tree, and the old one's memory stays taken. So a view of an entry lives as long as
+// the tree.
+//
+// Reading is safe from any number of threads while none inserts or reserves.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+#include "lsm/arena.h"
+#include "lsm/entry.h"
+
+namespace kandb::lsm {
+
+class EntryTree {
+ private:
+  struct Leaf;
+
+ public:
+  EntryTree() = default;
+  EntryTree(const EntryTree&) = delete;
+  EntryTree& operator=(const EntryTree&) = delete;
+
+  // Gets the memory that inserting `count` entries with `size` bytes of keys and values in all
+  // takes at most. Throws std::bad_alloc, and nothing has changed.
+  void Reserve(std::size_t count, std::size_t size);
+
+  // Adds a copy of the entry, or puts it in the place of the one with its key. Cannot fail when
+  // memory was reserved for it; otherwise the process ends when there is none.
+  void Insert(const EntryView& entry) noexcept;
+
+  // The place of an entry in the tree, or the end.
+  class Position {
+   public:
+    bool valid() const { return leaf != nullptr; }
+    EntryView entry() const;
+    void Next();
+
+   private:
+    friend class EntryTree;
+    Position(const Leaf* entry_leaf, std::size_t entry_index);
+
+    const Leaf* leaf;
+    std::size_t index;
+  };
+
+  // The first entry whose key is not less than `key`.
+  Position LowerBound(std::string_view key) const;
+
+ private:
+  struct Record;
+  struct SortedRecords;
+  struct Inner;
+  // Enough for any number of entries that memory can hold: each level multiplies it by 16 at least.
+  static constexpr std::size_t kMaxHeight = 16;
+  // Which child was taken in which inner node on the way from the root to a leaf.
+  struct Path {
+    Inner* nodes[kMaxHeight];
+    std::size_t children[kMaxHeight];
+  };
+
+  Leaf* FindLeaf(std::string_view key, Path* path) const;
+  const Record* Copy(const EntryView& entry);
+  template <class Node>
+  Node* NewNode();
+  void AddToParent(const Path& path, std::size_t level, const Record* separator, void* right);
+
+  Arena arena;
+  void* root = nullptr;    // a Leaf when the height is 0, else an Inner
+  std::size_t height = 0;  // inner nodes above each leaf
+  std::size_t leaf_count = 0;
+};
+
+}  // namespace kandb::lsm
