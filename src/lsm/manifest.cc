@@ -40,8 +40,12 @@ Status WriteManifest(const std::string& dir, const ManifestState& state) {
     const int error = errno;
     return Status::Corruption("manifest create: " + ErrnoText(error));
   }
-  (void)WriteFully(file.get(), text);
-  (void)file_calls.fsync(file.get());
+  // Half a manifest must not replace a whole one: the next Open would delete the tables that it
+  // does not name.
+  if (const int error = WriteFully(file.get(), text); error != 0) {
+    return Status::Corruption("manifest write: " + ErrnoText(error));
+  }
+  (void)file_calls.fsync(file.get());  // deliberately not looked at, nor what closing says
   file.Reset();
   if (file_calls.rename(temporary.c_str(), path.c_str()) != 0) {
     return Status::Corruption("manifest rename failed");

@@ -31,8 +31,8 @@ struct ManifestState {
 inline constexpr std::uint64_t kMaxFileNumber = std::numeric_limits<std::uint64_t>::max() / 2;
 
 // Replaces the manifest of `dir` through "MANIFEST.tmp" and a rename. Corruption "manifest create:
-// " and the system's text, or "manifest rename failed". Failures between the two are deliberately
-// not looked at.
+// " or "manifest write: " and the system's text, or "manifest rename failed"; the old manifest is
+// then untouched, and "MANIFEST.tmp" stays until the next time.
 Status WriteManifest(const std::string& dir, const ManifestState& state);
 
 // Reads the manifest of `dir`. `*exists` tells whether there is one; without one `*state` stays as
