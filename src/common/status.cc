@@ -1,5 +1,7 @@
 #include "common/status.h"
 
+#include <new>
+
 namespace kandb {
 
 namespace {
@@ -22,6 +24,17 @@ const char* KindText(std::uint32_t code) {
 std::string Status::ToString() const {
   if (ok()) return "OK";
   return std::string(KindText(status_code)) + ": " + status_message;
+}
+
+// The text is short enough to stand in the string object itself.
+Status OutOfMemory() noexcept { return Status::Corruption("out of memory"); }
+
+Status CopyOrOutOfMemory(const Status& status) noexcept {
+  try {
+    return status;
+  } catch (const std::bad_alloc&) {
+    return OutOfMemory();
+  }
 }
 
 }  // namespace kandb

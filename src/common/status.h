@@ -36,4 +36,10 @@ class [[nodiscard]] Status {
   std::string status_message;
 };
 
+// Corruption "out of memory". Needs no memory itself.
+Status OutOfMemory() noexcept;
+
+// A copy, or OutOfMemory() when there is no memory for one.
+Status CopyOrOutOfMemory(const Status& status) noexcept;
+
 }  // namespace kandb

@@ -3,6 +3,8 @@
 // result.
 
 #include <algorithm>
+#include <cerrno>
+#include <new>
 
 #include "lsm/lsm_db.h"
 #include "lsm/manifest.h"
@@ -29,7 +31,11 @@ void LsmDb::BackgroundLoop() {
     }
     // A failure is dropped on purpose: the work is still there and is tried again at once, until it
     // succeeds or the engine stops. Nothing is lost meanwhile, the logs hold it.
-    (void)(flush ? FlushOldestMemTable() : CompactAllTables());
+    try {
+      (void)(flush ? FlushOldestMemTable() : CompactAllTables());
+    } catch (const std::bad_alloc&) {
+      // A failure like others: memory may be there the next time.
+    }
   }
 }
 
@@ -55,19 +61,30 @@ Status LsmDb::FlushOldestMemTable() {
 
   {
     MutexLock lock(&db_mutex);
+    table_readers.reserve(table_readers.size() + 1);
+    live_tables.reserve(live_tables.size() + 1);  // both lists grow or, without memory, neither
     table_readers.insert(table_readers.begin(), std::move(reader));
     live_tables.insert(live_tables.begin(), number);
     PublishView();
     // On failure the table stays, and the memtable stays queued and is flushed again into another
     // one.
     if (Status s = SaveManifest(); !s.ok()) return s;
+    obsolete_logs.insert(obsolete_logs.end(), oldest->wal_files.begin(), oldest->wal_files.end());
     immutable_memtables.pop_front();
     PublishView();
   }
-  // A log that stays behind is replayed once more by the next Open and deleted after its next
-  // flush.
-  for (const std::string& wal_file : oldest->wal_files) (void)file_calls.unlink(wal_file.c_str());
+  DeleteObsoleteLogs();
   return {};
+}
+
+// Strictly from the oldest on: the next Open replays what is left over the tables. If an old log
+// outlived a newer one, its values would hide those that the tables have from the newer one. So a
+// log that cannot be deleted keeps the later ones too; the next flush tries again.
+void LsmDb::DeleteObsoleteLogs() {
+  while (!obsolete_logs.empty()) {
+    if (file_calls.unlink(obsolete_logs.front().c_str()) != 0 && errno != ENOENT) return;
+    obsolete_logs.pop_front();
+  }
 }
 
 Status LsmDb::CompactAllTables() {

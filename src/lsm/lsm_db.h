@@ -6,6 +6,7 @@
 // The roads through it: lsm_open.cc, lsm_write.cc, lsm_read.cc, lsm_background.cc.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -76,13 +77,10 @@ class LsmDb {
   std::uint64_t ImmutableMemTableCount() const EXCLUDES(db_mutex);
 
  private:
-  // One for each Write in progress, on its caller's stack.
-  struct WriterSlot {
-    const std::vector<Entry>* batch = nullptr;
-    std::string record;  // as it goes into the log
-    Status result;
-    bool done = false;  // `result` is final
-    CondVar cv;
+  struct WriterSlot;
+  struct GroupPlace {
+    std::uint32_t group;
+    bool leads;
   };
 
   // lsm_open.cc
@@ -91,8 +89,15 @@ class LsmDb {
   Status StartLog() REQUIRES(db_mutex);
 
   // lsm_write.cc
-  Status CommitGroup(const std::vector<WriterSlot*>& group) EXCLUDES(db_mutex);
-  Status LogGroup(const std::vector<WriterSlot*>& group) REQUIRES(db_mutex);
+  // Queues the slot. Returns at once if another slot leads its group, and else when the group
+  // before has ended; then the group is complete: the list that begins with `slot`.
+  GroupPlace JoinGroup(WriterSlot* slot) EXCLUDES(write_queue_mutex);
+  void WaitForCommit(std::uint32_t group);
+  Status CommitGroup(const WriterSlot* first) EXCLUDES(db_mutex);
+  // Tells the writers of the group its result and lets the next one begin.
+  void EndGroup(std::uint32_t group, WriterSlot* leader, const Status& status)
+      EXCLUDES(write_queue_mutex);
+  Status LogGroup(const WriterSlot* first) REQUIRES(db_mutex);
   Status SwitchMemTable() REQUIRES(db_mutex);
 
   // lsm_read.cc
@@ -103,6 +108,7 @@ class LsmDb {
   // lsm_background.cc
   void BackgroundLoop() EXCLUDES(db_mutex);
   Status FlushOldestMemTable() EXCLUDES(db_mutex);
+  void DeleteObsoleteLogs();
   Status CompactAllTables() EXCLUDES(db_mutex);
   Status SaveManifest() REQUIRES(db_mutex);
   bool TooManyTables() const REQUIRES(db_mutex);
@@ -112,9 +118,18 @@ class LsmDb {
   const std::string directory;
   const Options options;
 
-  // Guards the queue and the slots' results. Never held together with db_mutex.
+  // Guards the group that forms, whose first writer leads it, while another is committed. Never
+  // held together with db_mutex.
   Mutex write_queue_mutex;
-  std::deque<WriterSlot*> writer_queue GUARDED_BY(write_queue_mutex);
+  WriterSlot* first_writer GUARDED_BY(write_queue_mutex) = nullptr;
+  WriterSlot* last_writer GUARDED_BY(write_queue_mutex) = nullptr;
+  std::uint32_t forming_group GUARDED_BY(write_queue_mutex) = 2;
+  bool committing GUARDED_BY(write_queue_mutex) = false;
+  CondVar leader_cv;  // with write_queue_mutex: the group before has ended
+
+  // The last group committed of those with even and of those with odd numbers. Its writers wait on
+  // one of them, so that they are woken all at once and those of the next group are not.
+  std::atomic<std::uint32_t> committed_groups[2] = {0, 1};
 
   // Guards what the engine consists of; held by the leader of a write group while it logs, syncs
   // and applies, so that the log has the order of the memtable. A memtable's own lock may be taken
@@ -129,6 +144,9 @@ class LsmDb {
   std::shared_ptr<const ReadView> view GUARDED_BY(db_mutex);
   bool stopping GUARDED_BY(db_mutex) = false;
   CondVar background_cv;  // with db_mutex: there may be work, or the end has come
+
+  // Logs of flushed memtables, oldest first. Used by the background thread alone.
+  std::deque<std::string> obsolete_logs;
 
   std::thread background;
 };

@@ -91,9 +91,11 @@ Status LsmDb::Recover() {
 }
 
 Status LsmDb::StartLog() {
-  const std::string path = LogFileName(directory, next_file++);
+  std::string path = LogFileName(directory, next_file++);
+  // Room first: a log that is in use must also be known for deletion.
+  active->wal_files.reserve(active->wal_files.size() + 1);
   if (Status s = OpenLogForAppend(path, &log); !s.ok()) return s;
-  active->wal_files.push_back(path);
+  active->wal_files.push_back(std::move(path));
   return {};
 }
 

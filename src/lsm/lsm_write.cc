@@ -1,9 +1,23 @@
 // Writing: group commit, and the switch to a new memtable and log when the active one is full.
+//
+// Memory may run out anywhere on this road. Whatever a group needs is taken before its first record
+// is written, so that a failure leaves the log, the memtable and the queue as they were.
+
+#include <new>
+#include <utility>
 
 #include "lsm/lsm_db.h"
 #include "lsm/write_batch.h"
 
 namespace kandb::lsm {
+
+// One for each Write in progress, on its caller's stack.
+struct LsmDb::WriterSlot {
+  const std::vector<Entry>* batch = nullptr;
+  std::string record;  // as it goes into the log
+  Status result;       // final once the group is committed
+  WriterSlot* next = nullptr;
+};
 
 Status LsmDb::Write(const std::vector<Entry>& batch) {
   if (BatchSize(batch) > kMaxLogPayloadSize) return Status::InvalidArgument("batch: too large");
@@ -12,57 +26,101 @@ Status LsmDb::Write(const std::vector<Entry>& batch) {
   slot.batch = &batch;
   slot.record = BuildLogRecord(batch);
 
-  // Whoever is at the head of the queue leads: it commits for all who stand in the queue by then.
-  std::vector<WriterSlot*> group;
-  {
-    MutexLock lock(&write_queue_mutex);
-    writer_queue.push_back(&slot);
-    while (!slot.done && writer_queue.front() != &slot) slot.cv.Wait(&write_queue_mutex);
-    if (slot.done) return slot.result;
-    group.assign(writer_queue.begin(), writer_queue.end());
+  const GroupPlace place = JoinGroup(&slot);
+  if (!place.leads) {
+    WaitForCommit(place.group);
+    return slot.result;
   }
-
-  Status status = CommitGroup(group);
-
-  MutexLock lock(&write_queue_mutex);
-  for (WriterSlot* member : group) {
-    writer_queue.pop_front();
-    if (member == &slot) continue;
-    // Under the lock, because a slot is gone as soon as its writer sees that it is done.
-    member->result = status;
-    member->done = true;
-    member->cv.NotifyOne();
-  }
-  if (!writer_queue.empty()) writer_queue.front()->cv.NotifyOne();
+  const Status status = CommitGroup(&slot);
+  EndGroup(place.group, &slot, status);
   return status;
 }
 
-Status LsmDb::CommitGroup(const std::vector<WriterSlot*>& group) {
-  MutexLock lock(&db_mutex);
-  if (Status s = LogGroup(group); !s.ok()) return s;
-  // Only what is safely logged becomes visible: a value that was read must still be there after a
-  // crash.
-  for (const WriterSlot* slot : group) active->Apply(*slot->batch);
-  if (active->ApproximateBytes() >= options.write_buffer_size) return SwitchMemTable();
-  return {};
+LsmDb::GroupPlace LsmDb::JoinGroup(WriterSlot* slot) {
+  MutexLock lock(&write_queue_mutex);
+  const bool leads = first_writer == nullptr;
+  (leads ? first_writer : last_writer->next) = slot;
+  last_writer = slot;
+  if (leads) {
+    // Others join until the group before this one has ended.
+    while (committing) leader_cv.Wait(&write_queue_mutex);
+    committing = true;
+    first_writer = nullptr;
+    return {.group = forming_group++, .leads = true};
+  }
+  return {.group = forming_group, .leads = false};
 }
 
-Status LsmDb::LogGroup(const std::vector<WriterSlot*>& group) {
+void LsmDb::WaitForCommit(std::uint32_t group) {
+  std::atomic<std::uint32_t>& committed = committed_groups[group % 2];
+  for (;;) {
+    const std::uint32_t seen = committed.load();
+    // A later group may have ended already, and the numbers may have run over.
+    if (static_cast<std::int32_t>(seen - group) >= 0) return;
+    committed.wait(seen);
+  }
+}
+
+void LsmDb::EndGroup(std::uint32_t group, WriterSlot* leader, const Status& status) {
+  for (WriterSlot* slot = leader->next; slot != nullptr; slot = slot->next) {
+    slot->result = CopyOrOutOfMemory(status);
+  }
+  {
+    MutexLock lock(&write_queue_mutex);
+    committing = false;
+  }
+  // The next leader first: the disk is idle until it runs. The locks are free by now, so that
+  // nobody wakes only to wait for one.
+  leader_cv.NotifyOne();
+  // From here on the slots may be gone.
+  committed_groups[group % 2].store(group);
+  committed_groups[group % 2].notify_all();
+}
+
+Status LsmDb::CommitGroup(const WriterSlot* first) try {
+  MutexLock lock(&db_mutex);
+  std::size_t entry_count = 0;
+  std::size_t size = 0;
+  for (const WriterSlot* slot = first; slot != nullptr; slot = slot->next) {
+    entry_count += slot->batch->size();
+    size += slot->record.size();
+  }
+  active->Reserve(entry_count, size);
+  if (Status s = LogGroup(first); !s.ok()) return s;
+  // Only what is safely logged becomes visible: a value that was read must still be there after a
+  // crash.
+  for (const WriterSlot* slot = first; slot != nullptr; slot = slot->next) {
+    active->Apply(*slot->batch);
+  }
+  if (active->ApproximateBytes() >= options.write_buffer_size) return SwitchMemTable();
+  return {};
+} catch (const std::bad_alloc&) {
+  return OutOfMemory();
+}
+
+Status LsmDb::LogGroup(const WriterSlot* first) {
   const std::uint64_t group_start = log.size();
   Status status;
-  for (const WriterSlot* slot : group) {
-    status = log.Append(slot->record);
-    if (!status.ok()) break;
+  try {
+    for (const WriterSlot* slot = first; slot != nullptr && status.ok(); slot = slot->next) {
+      status = log.Append(slot->record);
+    }
+    if (status.ok() && options.sync) status = log.Sync();
+  } catch (const std::bad_alloc&) {
+    status = OutOfMemory();  // for the text of a failure
   }
-  if (status.ok() && options.sync) status = log.Sync();
   if (!status.ok()) log.CutBack(group_start, status);
   return status;
 }
 
 Status LsmDb::SwitchMemTable() {
+  auto next = std::make_shared<MemTable>();
+  auto next_view = std::make_shared<ReadView>(*view);
+  next_view->memtables.insert(next_view->memtables.begin(), next);
   immutable_memtables.push_back(active);
-  active = std::make_shared<MemTable>();
-  PublishView();
+  // Nothing that can fail stands between these two: readers must see where writers write.
+  active = std::move(next);
+  view = std::move(next_view);
   // When this fails, writes go on into the old log together with the new memtable. That log is
   // deleted once the old memtable is flushed: the one case in which an acknowledged write can be
   // lost.

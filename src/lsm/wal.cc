@@ -56,7 +56,7 @@ Status Log::Sync() {
 void Log::CutBack(std::uint64_t size, const Status& cause) {
   if (!failure.ok()) return;
   if (file_calls.ftruncate(file.get(), static_cast<off_t>(size)) != 0) {
-    failure = cause;
+    failure = CopyOrOutOfMemory(cause);
     return;
   }
   file_size = size;
