@@ -120,6 +120,27 @@ TEST(Decode, FollowsTheRules) {
   EXPECT_EQ(twice.region.end_key, "b");
 }
 
+// Six bytes in a message are an empty region, many times that in memory: few are fine, many are not.
+TEST(Decode, RefusesElementsThatTakeMuchMoreMemoryThanTheirEncoding) {
+  const std::string empty_region = Hex("0100 00000000");
+  std::string bytes;
+  for (int i = 0; i < 400; ++i) bytes += empty_region;
+  UpsertRegionRequest few;
+  EXPECT_TRUE(Decode(bytes, &few));
+  EXPECT_EQ(few.regions.size(), 400u);
+
+  for (int i = 0; i < 100000; ++i) bytes += empty_region;
+  UpsertRegionRequest many;
+  EXPECT_FALSE(Decode(bytes, &many));
+  EXPECT_EQ(many.regions.capacity(), 0u);
+
+  // The entries with the least that an encoder writes for them.
+  RegionHeartbeatRequest heartbeat;
+  heartbeat.regions.resize(100000);
+  RegionHeartbeatRequest decoded;
+  EXPECT_TRUE(Decode(Encode(heartbeat), &decoded));
+}
+
 // Every prefix of a message and every single flipped byte either decodes or does not; what decodes
 // must encode and decode again.
 TEST(Decode, SurvivesDamage) {

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <memory>
 
 #include "common/flags.h"
@@ -35,12 +36,7 @@ void RaiseDescriptorLimit() {
   (void)::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  flags::Parse(argc, argv);
-  RaiseDescriptorLimit();
-
+int Serve() {
   std::unique_ptr<kandb::store::MetaStore> store;
   // Without a passphrase, so values are plain; synced, so that what is acknowledged survives a
   // crash.
@@ -63,4 +59,16 @@ int main(int argc, char** argv) {
   std::fflush(stdout);
   server.Wait();
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  flags::Parse(argc, argv);
+  RaiseDescriptorLimit();
+  return Serve();
+} catch (const std::exception& failure) {
+  // Only while starting, for want of memory or of a thread; later each thread looks after itself.
+  std::fprintf(stderr, "failed to start pd: %s\n", failure.what());
+  return 1;
 }

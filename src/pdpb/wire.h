@@ -127,12 +127,38 @@ std::string Encode(const M& message) {
 
 // --- Decoding by the type of a member; false when the value does not fit it ---
 
+// An element of a repeated field can be six bytes in a message and over a hundred in memory. So
+// that a peer cannot make a small payload large, the elements of one message together may take
+// kDecodedSizeBase and kDecodedSizeFactor times the size of its encoding; beyond that it does not
+// decode. What an encoder of this catalogue writes takes less than the factor.
+inline constexpr std::size_t kDecodedSizeBase = std::size_t{64} << 10;  // bytes
+inline constexpr std::size_t kDecodedSizeFactor = 4;
+
+class DecodeBudget {
+ public:
+  explicit DecodeBudget(std::size_t encoded_size)
+      : left(kDecodedSizeBase + kDecodedSizeFactor * encoded_size) {}
+
+  // False when `size` bytes are too many.
+  bool Take(std::size_t size) {
+    if (size > left) return false;
+    left -= size;
+    return true;
+  }
+
+ private:
+  std::size_t left;  // bytes
+};
+
+template <Message M>
+bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget);
+
 template <class T>
-bool DecodeValue(std::string_view value, T* member) {
+bool DecodeValue(std::string_view value, T* member, DecodeBudget* budget) {
   if constexpr (Message<T>) {
     // A field that occurs again replaces what came before, whole.
     *member = T{};
-    return Decode(value, member);
+    return DecodeFields(value, member, budget);
   } else if constexpr (std::is_same_v<T, bool>) {
     if (value.size() != 1) return false;
     *member = value[0] != 0;
@@ -148,33 +174,71 @@ bool DecodeValue(std::string_view value, T* member) {
 }
 
 template <class T>
-bool DecodeValue(std::string_view value, std::vector<T>* members) {
-  return DecodeValue(value, &members->emplace_back());
+bool DecodeValue(std::string_view value, std::vector<T>* members, DecodeBudget* budget) {
+  return DecodeValue(value, &members->emplace_back(), budget);
 }
 
-// Decodes into a freshly constructed message; fields that do not occur keep their defaults, unknown
-// ones are skipped. False when `bytes` are not a whole number of fields or a known field does not
-// fit its member; the message then holds part of the input. Members of type std::string_view point
-// into `bytes`.
-template <Message M>
-bool Decode(std::string_view bytes, M* message) {
-  while (bytes.size() >= kFieldHeaderSize) {
-    const std::uint16_t tag = LoadU16(bytes.data());
-    const std::uint32_t length = LoadU32(bytes.data() + 2);
-    if (length > bytes.size() - kFieldHeaderSize) return false;
-    const std::string_view value = bytes.substr(kFieldHeaderSize, length);
-    bytes.remove_prefix(kFieldHeaderSize + length);
+// Takes the next field off `*bytes`; false when it is torn.
+inline bool TakeField(std::string_view* bytes, std::uint16_t* tag, std::string_view* value) {
+  if (bytes->size() < kFieldHeaderSize) return false;
+  *tag = LoadU16(bytes->data());
+  const std::uint32_t length = LoadU32(bytes->data() + 2);
+  if (length > bytes->size() - kFieldHeaderSize) return false;
+  *value = bytes->substr(kFieldHeaderSize, length);
+  bytes->remove_prefix(kFieldHeaderSize + length);
+  return true;
+}
 
+template <class T>
+bool ReserveElements(std::string_view, std::uint16_t, T*, DecodeBudget*) {
+  return true;
+}
+
+// Makes room for the elements that `bytes` hold of the repeated field `tag`; false when they would
+// take too much.
+template <class T>
+bool ReserveElements(std::string_view bytes, std::uint16_t tag, std::vector<T>* members,
+                     DecodeBudget* budget) {
+  std::size_t count = 0;
+  std::uint16_t field_tag = 0;
+  std::string_view value;
+  while (TakeField(&bytes, &field_tag, &value)) count += field_tag == tag ? 1 : 0;
+  if (!budget->Take(count * sizeof(T))) return false;
+  members->reserve(count);
+  return true;
+}
+
+template <Message M>
+bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget) {
+  const auto reserve = [&](const auto&... field) {
+    return (ReserveElements(bytes, field.tag, &(message->*field.member), budget) && ...);
+  };
+  if (!std::apply(reserve, M::Fields())) return false;
+
+  std::uint16_t tag = 0;
+  std::string_view value;
+  while (TakeField(&bytes, &tag, &value)) {
     // Stops at the field that has the tag: true when it decoded, and also when no field has it.
     const auto fits = [&](const auto&... field) {
       bool good = true;
-      (void)((field.tag == tag && (good = DecodeValue(value, &(message->*field.member)), true)) ||
+      (void)((field.tag == tag &&
+              (good = DecodeValue(value, &(message->*field.member), budget), true)) ||
              ...);
       return good;
     };
     if (!std::apply(fits, M::Fields())) return false;
   }
   return bytes.empty();
+}
+
+// Decodes into a freshly constructed message; fields that do not occur keep their defaults, unknown
+// ones are skipped. False when `bytes` are not a whole number of fields, a known field does not fit
+// its member, or the elements take too much memory; the message then holds part of the input.
+// Members of type std::string_view point into `bytes`.
+template <Message M>
+bool Decode(std::string_view bytes, M* message) {
+  DecodeBudget budget(bytes.size());
+  return DecodeFields(bytes, message, &budget);
 }
 
 }  // namespace kandb::pdpb

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <memory>
 #include <system_error>
 
 #include "rpc/frame.h"
@@ -27,6 +29,10 @@ constexpr std::size_t kKeptResponseSize = std::size_t{64} << 10;  // bytes
 // Descriptors kept free for the storage engine's files. Accepting up to the limit would make accept
 // fail, which ends the server.
 constexpr int kReservedDescriptors = 64;
+// Of a connection's thread. The deepest road, an answer with the engine below it, takes some KiB;
+// sanitizers multiply that. The usual 8 MiB would make thousands of connections run against limits
+// of address space.
+constexpr std::size_t kConnectionStackSize = std::size_t{256} << 10;  // bytes
 
 void SetFlag(int socket, int level, int option) {
   const int on = 1;
@@ -43,6 +49,41 @@ int FirstRefusedDescriptor() {
   const rlim_t highest = std::min<rlim_t>(limit.rlim_cur, std::numeric_limits<int>::max());
   const int descriptors = static_cast<int>(highest);
   return descriptors - std::min(kReservedDescriptors, descriptors / 4);
+}
+
+// Owns the attributes of a thread to be.
+class ThreadAttributes {
+ public:
+  ThreadAttributes() {
+    Check(::pthread_attr_init(&attributes));
+    (void)::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    (void)::pthread_attr_setstacksize(&attributes, kConnectionStackSize);
+  }
+  ~ThreadAttributes() { (void)::pthread_attr_destroy(&attributes); }
+  ThreadAttributes(const ThreadAttributes&) = delete;
+  ThreadAttributes& operator=(const ThreadAttributes&) = delete;
+
+  static void Check(int error) {
+    if (error != 0) throw std::system_error(error, std::generic_category());
+  }
+
+  pthread_attr_t attributes;
+};
+
+// Runs `body` in a thread of its own with a small stack, which the standard library cannot ask for.
+// Throws std::system_error or std::bad_alloc when there is no thread or memory for it.
+template <class Body>
+void StartDetached(Body body) {
+  const ThreadAttributes attributes;
+  auto owned_body = std::make_unique<Body>(std::move(body));
+  const auto run = [](void* argument) -> void* {
+    const std::unique_ptr<Body> thread_body(static_cast<Body*>(argument));
+    (*thread_body)();
+    return nullptr;
+  };
+  pthread_t thread{};
+  ThreadAttributes::Check(::pthread_create(&thread, &attributes.attributes, run, owned_body.get()));
+  (void)owned_body.release();  // the thread has it now
 }
 
 Status BindFailure(const std::string& bind_addr, int port, int error) {
@@ -142,9 +183,9 @@ void RpcServer::AcceptLoop() {
     if (connection.get() >= first_refused) continue;
     SetFlag(connection.get(), IPPROTO_TCP, TCP_NODELAY);
     try {
-      std::thread([connection = std::move(connection), state = shared]() mutable {
+      StartDetached([connection = std::move(connection), state = shared]() mutable {
         Serve(std::move(connection), state);
-      }).detach();
+      });
     } catch (const std::exception&) {
       // No thread or no memory for it: the connection closes as its owner goes, the server goes on.
     }

@@ -1,9 +1,11 @@
 // kandb-ctl: talks to a running server, and looks into the state directory of a stopped one.
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <exception>
 
+#include "common/posix_file.h"
 #include "kandb_ctl/command.h"
 
 namespace kandb::ctl {
@@ -39,7 +41,10 @@ int Run(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kExitOk : kExitUsage;
   }
-  return context.run();
+  const int exit_status = context.run();
+  // A full disk shows here: what was printed must not be taken for the whole.
+  if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return exit_status;
+  return Fail(Status::Corruption("standard output: " + ErrnoText(errno)));
 }
 
 }  // namespace
