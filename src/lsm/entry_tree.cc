@@ -12,7 +12,8 @@ namespace kandb::lsm {
 
 namespace {
 
-constexpr std::size_t kCapacity = 32;  // entries of a leaf, separators of an inner node
+constexpr std::size_t kCapacity = 32;         // entries of a leaf, separators of an inner node
+constexpr std::size_t kMaxPrefixLength = 24;  // bytes
 
 std::size_t CommonPrefixLength(std::string_view a, std::string_view b) {
   const std::size_t limit = std::min(a.size(), b.size());
@@ -44,46 +45,50 @@ struct EntryTree::Record {
 
 // The records of a node, by ascending keys. Records lie all over the memory, and to look at one
 // costs a cache miss. So a node also holds, side by side, what tells its keys apart in most cases:
-// the 8 bytes of each behind the prefix that all of them share.
+// the 8 bytes of each behind a prefix that all of them share.
 struct EntryTree::SortedRecords {
+  // Where a key stands or would stand, and whether it does.
+  struct Place {
+    std::size_t index;
+    bool exact;
+  };
+
   std::uint32_t count = 0;
   std::uint32_t prefix_length = 0;
+  char prefix[kMaxPrefixLength];
   std::uint64_t heads[kCapacity];
   const Record* records[kCapacity];
 
   std::string_view key(std::size_t index) const { return records[index]->key(); }
   bool full() const { return count == kCapacity; }
 
-  // The index of the first key that is not less than `target`.
-  std::size_t LowerBound(std::string_view target) const {
-    if (count == 0) return 0;
-    const std::string_view prefix = key(0).substr(0, prefix_length);
-    const int order = target.substr(0, prefix_length).compare(prefix);
-    if (order != 0) return order < 0 ? 0 : count;
-    const auto [first, last] = std::equal_range(heads, heads + count, Head(target, prefix_length));
-    const auto* found =
+  Place Find(std::string_view target) const {
+    const int order = target.substr(0, prefix_length).compare({prefix, prefix_length});
+    if (order != 0) return {.index = order < 0 ? 0 : count, .exact = false};
+    const std::uint64_t head = Head(target, prefix_length);
+    const std::uint64_t* const first = std::lower_bound(heads, heads + count, head);
+    const std::uint64_t* last = first;
+    while (last != heads + count && *last == head) ++last;
+    const auto* const found =
         std::partition_point(records + (first - heads), records + (last - heads),
                              [&](const Record* record) { return record->key() < target; });
-    return static_cast<std::size_t>(found - records);
-  }
-
-  bool Holds(std::size_t index, std::string_view target) const {
-    return index < count && key(index) == target;
+    const auto index = static_cast<std::size_t>(found - records);
+    return {.index = index, .exact = found != records + (last - heads) && key(index) == target};
   }
 
   // Not when full.
   void Insert(std::size_t index, const Record* record) {
-    const std::size_t prefix =
-        count == 0 ? record->key_length
-                   : CommonPrefixLength(key(0).substr(0, prefix_length), record->key());
+    const std::size_t shared = count == 0
+                                   ? std::min<std::size_t>(record->key_length, kMaxPrefixLength)
+                                   : CommonPrefixLength({prefix, prefix_length}, record->key());
     std::copy_backward(records + index, records + count, records + count + 1);
     records[index] = record;
     ++count;
-    if (prefix == prefix_length) {
+    if (shared == prefix_length && count > 1) {
       std::copy_backward(heads + index, heads + count - 1, heads + count);
       heads[index] = Head(record->key(), prefix_length);
     } else {
-      RebuildHeads(prefix);
+      SetPrefix(shared);
     }
   }
 
@@ -94,13 +99,15 @@ struct EntryTree::SortedRecords {
     count = static_cast<std::uint32_t>(index);
     for (SortedRecords* half : {this, right}) {
       if (half->count == 0) continue;
-      half->RebuildHeads(CommonPrefixLength(half->key(0), half->key(half->count - 1)));
+      const std::size_t shared = CommonPrefixLength(half->key(0), half->key(half->count - 1));
+      half->SetPrefix(std::min(shared, kMaxPrefixLength));
     }
   }
 
-  void RebuildHeads(std::size_t prefix) {
-    prefix_length = static_cast<std::uint32_t>(prefix);
-    for (std::size_t i = 0; i < count; ++i) heads[i] = Head(key(i), prefix);
+  void SetPrefix(std::size_t length) {
+    prefix_length = static_cast<std::uint32_t>(length);
+    std::copy_n(key(0).begin(), length, prefix);
+    for (std::size_t i = 0; i < count; ++i) heads[i] = Head(key(i), length);
   }
 };
 
@@ -113,8 +120,8 @@ struct EntryTree::Inner : SortedRecords {
   void* children[kCapacity + 1];
 
   std::size_t ChildFor(std::string_view target) const {
-    const std::size_t index = LowerBound(target);
-    return Holds(index, target) ? index + 1 : index;
+    const Place place = Find(target);
+    return place.exact ? place.index + 1 : place.index;
   }
 };
 
@@ -131,8 +138,9 @@ void EntryTree::Insert(const EntryView& entry) noexcept {
   if (root == nullptr) root = NewNode<Leaf>();
   Path path;
   Leaf* leaf = FindLeaf(entry.key, &path);
-  std::size_t index = leaf->LowerBound(entry.key);
-  if (leaf->Holds(index, entry.key)) {
+  const SortedRecords::Place place = leaf->Find(entry.key);
+  std::size_t index = place.index;
+  if (place.exact) {
     leaf->records[index] = record;
     return;
   }
@@ -227,7 +235,7 @@ EntryTree::Position EntryTree::LowerBound(std::string_view key) const {
   if (root == nullptr) return {nullptr, 0};
   Path path;
   const Leaf* leaf = FindLeaf(key, &path);
-  return {leaf, leaf->LowerBound(key)};
+  return {leaf, leaf->Find(key).index};
 }
 
 EntryTree::Position::Position(const Leaf* entry_leaf, std::size_t entry_index)
