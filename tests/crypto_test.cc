@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <numeric>
+#include <random>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -30,6 +31,14 @@ std::string Ascending(std::size_t size) {
   return bytes;
 }
 
+// Those that this processor offers.
+std::vector<Crc32cMethod> Methods() {
+  using enum Crc32cMethod;
+  std::vector<Crc32cMethod> methods = {kTable, kInstruction, kInterleaved};
+  methods.resize(static_cast<std::size_t>(FastestCrc32cMethod()) + 1);
+  return methods;
+}
+
 TEST(Crc32c, PublishedValues) {
   const std::pair<std::string, std::uint32_t> cases[] = {
       {"", 0},
@@ -40,17 +49,29 @@ TEST(Crc32c, PublishedValues) {
   };
   for (const auto& [bytes, crc] : cases) {
     EXPECT_EQ(Crc32c(bytes), crc);
-    EXPECT_EQ(Crc32cTable(bytes), crc);
+    for (const Crc32cMethod method : Methods()) EXPECT_EQ(Crc32c(bytes, method), crc);
   }
 }
 
-TEST(Crc32c, HardwareAgreesWithTable) {
-  if (!Crc32cHasHardware()) GTEST_SKIP() << "this processor has no CRC-32C instruction";
-  const std::string all_bytes = Ascending(70000);
-  for (std::size_t size = 0; size < 66000; size = size < 70 ? size + 1 : size * 2 + 1) {
-    for (std::size_t start = 0; start <= 8; ++start) {
-      const std::string_view bytes = std::string_view(all_bytes).substr(start, size);
-      ASSERT_EQ(Crc32cHardware(bytes), Crc32cTable(bytes)) << size << " bytes from " << start;
+// Against the definition, bit by bit: lengths around the least and the greatest that the
+// interleaved method takes in one pass (6144 bytes), and a large one.
+TEST(Crc32c, AnyLengthAtAnyAlignmentByAnyMethod) {
+  std::mt19937 random(1);
+  std::string all_bytes((1 << 20) + 8, '\0');
+  for (char& byte : all_bytes) byte = static_cast<char>(random());
+  const std::vector<Crc32cMethod> methods = Methods();
+  for (std::size_t start = 0; start <= 8; ++start) {
+    const std::string_view bytes = std::string_view(all_bytes).substr(start);
+    std::uint32_t crc = 0xffffffff;
+    for (std::size_t size = 0; size <= bytes.size(); ++size) {
+      if (size < 1100 || (size < 13000 && (size + 8) % 6144 < 300) || size == bytes.size()) {
+        for (const Crc32cMethod method : methods) {
+          ASSERT_EQ(Crc32c(bytes.substr(0, size), method), ~crc)
+              << size << " bytes from " << start << " by method " << static_cast<int>(method);
+        }
+      }
+      if (size < bytes.size()) crc ^= static_cast<std::uint8_t>(bytes[size]);
+      for (int bit = 0; bit < 8; ++bit) crc = (crc >> 1) ^ ((crc & 1) != 0 ? 0x82f63b78 : 0);
     }
   }
 }

@@ -13,11 +13,17 @@ namespace kandb::crypto {
 // Safe to call from static initialisers.
 std::uint32_t Crc32c(std::string_view bytes);
 
-// The two ways to the same value, apart so that they can be compared. The hardware one may only be
-// called where Crc32cHasHardware() holds; elsewhere it ends the process with an illegal
+// The ways to the same value, each faster than the one before it, apart so that they can be
+// compared. A processor that offers one also offers those before it.
+enum class Crc32cMethod {
+  kTable,        // on any processor
+  kInstruction,  // the CRC32 instruction of SSE4.2
+  kInterleaved,  // the same three times side by side, joined with PCLMULQDQ
+};
+Crc32cMethod FastestCrc32cMethod();
+
+// The checksum by `method`. One beyond FastestCrc32cMethod() may end the process with an illegal
 // instruction.
-std::uint32_t Crc32cTable(std::string_view bytes);
-std::uint32_t Crc32cHardware(std::string_view bytes);
-bool Crc32cHasHardware();
+std::uint32_t Crc32c(std::string_view bytes, Crc32cMethod method);
 
 }  // namespace kandb::crypto
