@@ -47,6 +47,12 @@ Status MergingIterator::Seek(std::string_view target) {
 }
 
 Status MergingIterator::Next() {
+  // Most of what there is stands in one source: a merge of one needs no choice.
+  if (sources.size() == 1) {
+    Status s = winner->Next();
+    if (!winner->valid()) winner = nullptr;
+    return s;
+  }
   // The winner moves last: the key that the others are compared with is its own.
   for (const auto& source : sources) {
     if (source.get() == winner || source->entry().key != winner->entry().key) continue;
