@@ -1,0 +1,58 @@
+// What the engine is compared with, and the engine, behind one interface. Every failure ends the
+// program with an exception: a benchmark has nothing to recover.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace kandb::bench {
+
+inline void Check(bool good, const std::string& what) {
+  if (!good) throw std::runtime_error(what);
+}
+
+// What a scan saw. Touches every key and value, as a caller would.
+struct ScanResult {
+  std::uint64_t records = 0;
+  std::uint64_t sum = 0;
+
+  void Add(std::string_view key, std::string_view value) {
+    ++records;
+    sum += key.size() + value.size() + static_cast<unsigned char>(key.back()) +
+           static_cast<unsigned char>(value.front()) + static_cast<unsigned char>(value.back());
+  }
+};
+
+class Contestant {
+ public:
+  virtual ~Contestant() = default;  // closes without a flush
+
+  virtual void Put(std::string_view key, std::string_view value) = 0;  // from any thread
+  virtual bool Get(std::string_view key, std::string* value) = 0;      // from any thread
+  virtual ScanResult Scan() = 0;  // all records by ascending keys
+  // Puts all records into table files and merges these into one.
+  virtual void Compact() {}
+};
+
+struct ContestantOptions {
+  std::string directory;                                  // exists
+  bool sync = false;                                      // a put is durable when it returns
+  std::size_t write_buffer_size = std::size_t{64} << 20;  // bytes
+};
+
+std::unique_ptr<Contestant> OpenEngine(const ContestantOptions& options);
+
+// The highest of the public engines of this kind, with a filter of 10 bits a key, no compression,
+// and a cache that holds everything.
+std::unique_ptr<Contestant> OpenLevelDb(const ContestantOptions& options);
+
+// Not an engine but the limit of one: a file of checked records with one write a record and one
+// fdatasync a group; a scan walks over contiguous records, which must have been put in key order;
+// a get asks a hash table.
+std::unique_ptr<Contestant> OpenRawLog(const ContestantOptions& options);
+
+}  // namespace kandb::bench
