@@ -9,7 +9,7 @@
 #include "kandb_ctl/bootstrap_command.h"
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/online.h"
-#include "kandb_ctl/text_table.h"
+#include "kandb_tools/text_table.h"
 
 namespace kandb::ctl {
 
@@ -87,7 +87,7 @@ int RunHeartbeat(const Context& context) {
     PrintJson(ToJson(answer));
     return kExitOk;
   }
-  TextTable table({"command", "region", "store", "address"});
+  tools::TextTable table({"command", "region", "store", "address"});
   for (const pdpb::ScheduleCommand& command : answer.commands) {
     table.AddRow({EnumText(command.kind), std::to_string(command.region_id),
                   std::to_string(command.store_id), KeyText(command.address)});

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "kandb_ctl/command.h"
-#include "kandb_ctl/latency_histogram.h"
 #include "kandb_ctl/load_methods.h"
 #include "kandb_ctl/online.h"
+#include "kandb_tools/latency_histogram.h"
 
 namespace kandb::ctl {
 
@@ -41,7 +41,7 @@ struct Progress {
 };
 
 struct Result {
-  LatencyHistogram latencies;  // of what succeeded
+  tools::LatencyHistogram latencies;  // of what succeeded
   std::uint64_t errors = 0;
   Status last_error;  // the one that ended the load, if one did
   bool server_gone = false;
@@ -120,7 +120,7 @@ Result RunConnections(const Context& context, const Arguments& arguments) {
 
 void PrintResult(const Context& context, const Arguments& arguments, double seconds,
                  const Result& result) {
-  const LatencyHistogram& latencies = result.latencies;
+  const tools::LatencyHistogram& latencies = result.latencies;
   const auto us = [](std::uint64_t ns) { return static_cast<double>(ns) / 1000; };
   PrintRow(context, {{"method", arguments.method},
                      {"connections", arguments.connection_count},

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "kandb_ctl/key_text.h"
-#include "kandb_ctl/text_table.h"
+#include "kandb_tools/text_table.h"
 
 namespace kandb::ctl {
 
@@ -139,7 +139,7 @@ void PrintRow(const Context& context, const Json& object) {
       cells.push_back(value.is_string() ? value.get<std::string>() : value.dump());
     }
   }
-  TextTable table(std::move(names));
+  tools::TextTable table(std::move(names));
   table.AddRow(std::move(cells));
   table.Print();
 }

@@ -6,7 +6,7 @@
 
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/online.h"
-#include "kandb_ctl/text_table.h"
+#include "kandb_tools/text_table.h"
 
 namespace kandb::ctl {
 
@@ -38,7 +38,7 @@ int RunGet(const Context& context, const std::string& key) {
   std::printf("region %" PRIu64 "\nstart  %s\nend    %s\nepoch  %s\n\n", region.id,
               KeyCell(region.start_key).c_str(), KeyCell(region.end_key).c_str(),
               EpochText(region.epoch).c_str());
-  TextTable table({"peer", "store", "role", "leader", "address"});
+  tools::TextTable table({"peer", "store", "role", "leader", "address"});
   for (const pdpb::Peer& peer : region.peers) {
     table.AddRow({std::to_string(peer.id), std::to_string(peer.store_id), EnumText(peer.role),
                   peer == answer.leader ? "yes" : "", AddressOf(answer, peer.store_id)});
@@ -106,7 +106,7 @@ int RunList(const Context& context, const std::string& start_key, std::uint32_t 
   if (context.json) {
     PrintJson(ToJson(found));
   } else {
-    TextTable table({"region", "start", "end", "epoch", "stores", "leader"});
+    tools::TextTable table({"region", "start", "end", "epoch", "stores", "leader"});
     for (const auto& [region, leader, leader_store, stores] : found) {
       table.AddRow({std::to_string(region.id), KeyCell(region.start_key), KeyCell(region.end_key),
                     EpochText(region.epoch), PeersText(region.peers),

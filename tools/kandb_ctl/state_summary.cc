@@ -9,7 +9,7 @@
 #include <optional>
 
 #include "kandb_ctl/state_directory.h"
-#include "kandb_ctl/text_table.h"
+#include "kandb_tools/text_table.h"
 #include "lsm/manifest.h"
 #include "lsm/recovery.h"
 #include "lsm/wal.h"
@@ -178,7 +178,7 @@ Json SummarizeDirectory(const std::string& dir, const store::StoreCrypto& crypto
 }
 
 void PrintForPeople(const Json& summary) {
-  TextTable files({"file", "bytes", "records", "entries", "what"});
+  tools::TextTable files({"file", "bytes", "records", "entries", "what"});
   for (const Json& file : summary["files"]) {
     const auto cell = [&](const char* name) {
       return file.contains(name) ? ValueText(file[name]) : "";

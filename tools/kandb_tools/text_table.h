@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace kandb::ctl {
+namespace kandb::tools {
 
 class TextTable {
  public:
@@ -20,4 +20,4 @@ class TextTable {
   std::vector<std::vector<std::string>> rows;  // the first is the header
 };
 
-}  // namespace kandb::ctl
+}  // namespace kandb::tools

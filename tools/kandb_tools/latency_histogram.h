@@ -8,7 +8,7 @@
 #include <cmath>
 #include <cstdint>
 
-namespace kandb::ctl {
+namespace kandb::tools {
 
 class LatencyHistogram {
  public:
@@ -61,4 +61,4 @@ class LatencyHistogram {
   std::uint64_t largest_ns = 0;
 };
 
-}  // namespace kandb::ctl
+}  // namespace kandb::tools

@@ -1,9 +1,9 @@
-#include "kandb_ctl/text_table.h"
+#include "kandb_tools/text_table.h"
 
 #include <algorithm>
 #include <cstdio>
 
-namespace kandb::ctl {
+namespace kandb::tools {
 
 namespace {
 
@@ -30,4 +30,4 @@ void TextTable::Print() const {
   }
 }
 
-}  // namespace kandb::ctl
+}  // namespace kandb::tools
