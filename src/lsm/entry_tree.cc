@@ -25,6 +25,7 @@ std::size_t CommonPrefixLength(std::string_view a, std::string_view b) {
 // The 8 bytes of `key` behind its first `skip` ones, as a number with the order of the bytes.
 std::uint64_t Head(std::string_view key, std::size_t skip) {
   std::uint64_t head = 0;
+  if (key.size() == skip) return head;  // an empty view may have no address to copy from
   std::memcpy(&head, key.data() + skip, std::min(key.size() - skip, sizeof(head)));
   static_assert(std::endian::native == std::endian::little);
   return __builtin_bswap64(head);
