@@ -102,17 +102,17 @@ void PrintUsage(const char* program) {
   }
 }
 
-void Parse(int argc, const char* const* argv) {
+std::optional<int> TryParse(int argc, const char* const* argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string_view argument = argv[i];
     if (argument == "-h" || argument == "--help") {
       PrintUsage(argv[0]);
-      std::exit(0);
+      return 0;
     }
     if (!argument.starts_with("--")) {
       std::fprintf(stderr, "unexpected argument: %s\n", argv[i]);
       PrintUsage(argv[0]);
-      std::exit(1);
+      return 1;
     }
 
     const std::string_view body = argument.substr(2);
@@ -123,7 +123,7 @@ void Parse(int argc, const char* const* argv) {
     if (flag == nullptr) {
       std::fprintf(stderr, "unknown flag: --%.*s\n", Length(name), name.data());
       PrintUsage(argv[0]);
-      std::exit(1);
+      return 1;
     }
 
     std::string text;
@@ -136,14 +136,19 @@ void Parse(int argc, const char* const* argv) {
       text = argv[++i];
     } else {
       std::fprintf(stderr, "flag --%s requires a value\n", flag->name.c_str());
-      std::exit(1);
+      return 1;
     }
 
     if (!std::visit([&](auto& value) { return Convert(text, &value); }, flag->value)) {
       std::fprintf(stderr, "bad value for --%s: '%s'\n", flag->name.c_str(), text.c_str());
-      std::exit(1);
+      return 1;
     }
   }
+  return std::nullopt;
+}
+
+void Parse(int argc, const char* const* argv) {
+  if (const auto exit_status = TryParse(argc, argv)) std::exit(*exit_status);
 }
 
 }  // namespace kandb::flags

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace kandb::flags {
@@ -20,6 +21,10 @@ std::string* DefineString(std::string name, std::string default_value, std::stri
 // Sets the flags from the command line. A bad argument is named on standard error and ends the
 // process with exit status 1; "-h" or "--help" prints the usage there and ends it with 0.
 void Parse(int argc, const char* const* argv);
+
+// The same without ending the process: returns the exit status that Parse would end it with, if it
+// would.
+std::optional<int> TryParse(int argc, const char* const* argv);
 
 // Lists every flag with its help and default on standard error, in the order of definition.
 void PrintUsage(const char* program);
