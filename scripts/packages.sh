@@ -6,6 +6,8 @@ build_packages=(g++ cmake ninja-build)
 tool_packages=(libcli11-dev nlohmann-json3-dev)
 test_packages=(libgtest-dev libbenchmark-dev libssl-dev libleveldb-dev)
 check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
+# llvm: its symbolizer, which names the lines of a crash.
+fuzz_packages=(clang libclang-rt-14-dev llvm)
 # For cpack; see docs/operations.md.
 package_packages=(dpkg-dev file)
 
