@@ -1,4 +1,4 @@
-// kandb-ctl as a child process, run to its end.
+// The tool that is tested (KANDB_TOOL_BINARY) as a child process, run to its end.
 #pragma once
 
 #include <fcntl.h>
@@ -28,7 +28,7 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments,
                           const std::string& input = "") {
   const TempDir dir;
   WriteFile(dir.File("in"), input);
-  std::vector<char*> argv = {const_cast<char*>("kandb-ctl")};
+  std::vector<char*> argv = {const_cast<char*>(KANDB_TOOL_BINARY)};
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
   constexpr int kCreate = O_WRONLY | O_CREAT;
@@ -39,9 +39,9 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments,
   ::posix_spawn_file_actions_addopen(&streams, 2, dir.File("err").c_str(), kCreate, 0600);
   pid_t child = -1;
   const int error =
-      ::posix_spawn(&child, KANDB_CTL_BINARY, &streams, nullptr, argv.data(), environ);
+      ::posix_spawn(&child, KANDB_TOOL_BINARY, &streams, nullptr, argv.data(), environ);
   ::posix_spawn_file_actions_destroy(&streams);
-  if (error != 0) throw std::runtime_error("cannot start " KANDB_CTL_BINARY);
+  if (error != 0) throw std::runtime_error("cannot start " KANDB_TOOL_BINARY);
   int status = 0;
   ::waitpid(child, &status, 0);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(dir.File("out")),

@@ -1,0 +1,110 @@
+// Compares what the server says with what the stores have reported.
+
+#include <algorithm>
+#include <utility>
+
+#include "kandb_sim/key_space.h"
+#include "kandb_sim/simulation.h"
+
+namespace kandb::sim {
+
+using client::PdClient;
+
+Status Simulation::CheckServer() {
+  if (Status s = CheckModel(*cluster); !s.ok()) return s;
+  for (std::uint32_t i = 0; i < options.lookups_per_round; ++i) AddLookup(true);
+  if (Status s = callers.RunAll(); !s.ok()) return s;
+  return CheckTimestamps();
+}
+
+// A lookup that passes over many records while some of them change may find that no region covers
+// the key, though one always does; a client asks again. At rest that is a failure.
+void Simulation::AddLookup(bool at_rest) {
+  ++(at_rest ? seen.lookups : seen.lookups_during_changes);
+  callers.Add(RandomUpStore(), [this, at_rest, key = RandomKey()](Session* session) -> Status {
+    pdpb::GetRegionResponse answer;
+    Status status = session->Call(&PdClient::GetRegion, {key}, &answer);
+    if (!at_rest && status.message().ends_with("NotFound: no region covers key")) {
+      seen.missed_during_changes.fetch_add(1, std::memory_order_relaxed);  // only counted
+      return {};
+    }
+    if (!status.ok()) return status;
+    return CheckLookup(*cluster, key, answer, at_rest);
+  });
+}
+
+// Of 0 to 16 bytes, or the start of a region.
+std::string Simulation::RandomKey() {
+  const std::string key = KeyAt(Below(kPositionEnd, &random));
+  const std::uint64_t length = Below(32, &random);
+  return length > 16 ? cluster->Covering(key).record.start_key : key.substr(0, length);
+}
+
+// On every connection timestamps grow; no two runs share one; all are above those of the round
+// before.
+Status Simulation::CheckTimestamps() {
+  constexpr std::uint32_t kCallsPerThread = 5;
+  constexpr std::uint64_t kMaxRun = 1000;
+  using Answers = std::vector<pdpb::TsoResponse>;
+  std::vector<Answers> taken(options.thread_count);
+  for (Answers& answers : taken) {
+    const auto count = static_cast<std::uint32_t>(1 + Below(kMaxRun, &random));
+    callers.Add(RandomUpStore(), [count, &answers](Session* session) -> Status {
+      for (std::uint32_t i = 0; i < kCallsPerThread; ++i) {
+        pdpb::TsoResponse answer;
+        if (Status s = session->Call(&PdClient::Tso, {count}, &answer); !s.ok()) return s;
+        const bool grows =
+            answers.empty() || answer.timestamp >= answers.back().timestamp + answers.back().count;
+        if (!grows || answer.count != count) {
+          return Status::Corruption("timestamp " + std::to_string(answer.timestamp) + ", count " +
+                                    std::to_string(answer.count) + ": not above the last");
+        }
+        answers.push_back(answer);
+      }
+      return {};
+    });
+  }
+  if (Status s = callers.RunAll(); !s.ok()) return s;
+  Runs runs;
+  for (const Answers& answers : taken) {
+    for (const pdpb::TsoResponse& answer : answers) {
+      if (answer.timestamp < timestamps_end) {
+        return Status::Corruption("timestamp " + std::to_string(answer.timestamp) +
+                                  " is not above those of the round before");
+      }
+      if (Status s = runs.Add("timestamps", answer.timestamp, answer.count); !s.ok()) return s;
+      seen.timestamps += answer.count;
+    }
+  }
+  timestamps_end = runs.end();
+  return {};
+}
+
+// From region to region by what the server says, in sections side by side. The server's lookups
+// become slow as regions become many: then only a part is walked, which begins at random.
+Status Simulation::Walk() {
+  std::vector<const pdpb::Region*> records;
+  for (const auto& [start_key, region] : cluster->all_regions()) records.push_back(&region.record);
+  const std::size_t count = std::min<std::size_t>(records.size(), options.walk_limit);
+  const std::size_t first = Below(records.size() - count + 1, &random);
+  const std::size_t section_count = std::min<std::size_t>(count, options.thread_count * 16);
+  for (std::size_t i = 0; i < section_count; ++i) {
+    const std::size_t begin = first + count * i / section_count;
+    const std::size_t end = first + count * (i + 1) / section_count;
+    callers.Add(i, [this, begin, end, start_key = records[begin]->start_key](Session* session) {
+      std::string key = start_key;
+      for (std::size_t n = begin; n < end; ++n) {
+        pdpb::GetRegionResponse answer;
+        if (Status s = session->Call(&PdClient::GetRegion, {key}, &answer); !s.ok()) return s;
+        if (Status s = CheckLookup(*cluster, key, answer, true); !s.ok()) return s;
+        key = std::move(answer.region.end_key);
+      }
+      return Status();
+    });
+  }
+  seen.regions_walked = count;
+  seen.lookups += count;
+  return callers.RunAll();
+}
+
+}  // namespace kandb::sim
