@@ -1,6 +1,8 @@
 #include "common/input_buffer.h"
 
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace kandb {
 
@@ -9,16 +11,17 @@ char* InputBuffer::Reserve(std::size_t size) {
   if (free_size() >= size) return bytes.get() + end;
 
   const std::size_t kept = end - begin;
-  if (capacity - kept >= size) {
-    std::memmove(bytes.get(), bytes.get() + begin, kept);
-  } else {
-    auto larger = std::make_unique_for_overwrite<char[]>(kept + size);
-    if (kept > 0) std::memcpy(larger.get(), bytes.get() + begin, kept);
-    bytes = std::move(larger);
-    capacity = kept + size;
-  }
+  if (begin > 0) std::memmove(bytes.get(), bytes.get() + begin, kept);
   begin = 0;
   end = kept;
+  if (free_size() < size) {
+    // A large block is moved by its pages, without a copy that is resident beside it.
+    void* larger = std::realloc(bytes.get(), kept + size);
+    if (larger == nullptr) throw std::bad_alloc();
+    (void)bytes.release();
+    bytes.reset(static_cast<char*>(larger));
+    capacity = kept + size;
+  }
   return bytes.get() + end;
 }
 

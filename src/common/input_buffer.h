@@ -4,6 +4,7 @@
 
 #include <cassert>
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <string_view>
 
@@ -35,7 +36,11 @@ class InputBuffer {
   void Release(std::size_t keep_capacity);
 
  private:
-  std::unique_ptr<char[]> bytes;
+  struct Free {
+    void operator()(char* block) const { std::free(block); }
+  };
+
+  std::unique_ptr<char, Free> bytes;
   std::size_t capacity = 0;
   std::size_t begin = 0;
   std::size_t end = 0;
