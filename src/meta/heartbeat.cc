@@ -110,13 +110,14 @@ bool PdService::IsStaleReplica(std::uint64_t region_id, std::uint64_t store_id) 
 }
 
 void PdService::MarkReporter(std::uint64_t region_id, std::uint64_t store_id) {
+  // Both may need memory: had before anything changes, so that marks and counts always agree.
+  std::uint64_t& reported = marks_per_store[store_id];
   const auto [mark, inserted] = heartbeat_marks.try_emplace(region_id, store_id);
-  if (!inserted) {
-    const auto previous = marks_per_store.find(mark->second);
-    if (--previous->second == 0) marks_per_store.erase(previous);
-    mark->second = store_id;
-  }
-  ++marks_per_store[store_id];
+  ++reported;
+  if (inserted) return;
+  const auto previous = marks_per_store.find(mark->second);
+  mark->second = store_id;
+  if (--previous->second == 0) marks_per_store.erase(previous);
 }
 
 std::uint64_t PdService::ReportedRegions(std::uint64_t store_id) const {
