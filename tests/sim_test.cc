@@ -34,7 +34,7 @@ void Find(const char* finding, const char* name, Status (PdService::*method)(con
   kanrpc::RpcServer server;
   service.RegisterTo(&server);
   server.Register<Req, Resp>(name, [&](const Req& request, Resp* answer) {
-    const Status status = (service.*method)(request, answer);
+    Status status = (service.*method)(request, answer);
     spoil(&service, answer);
     return status;
   });

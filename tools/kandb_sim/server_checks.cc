@@ -87,7 +87,8 @@ Status Simulation::Walk() {
   for (const auto& [start_key, region] : cluster->all_regions()) records.push_back(&region.record);
   const std::size_t count = std::min<std::size_t>(records.size(), options.walk_limit);
   const std::size_t first = Below(records.size() - count + 1, &random);
-  const std::size_t section_count = std::min<std::size_t>(count, options.thread_count * 16);
+  const std::size_t section_count =
+      std::min<std::size_t>(count, std::size_t{16} * options.thread_count);
   for (std::size_t i = 0; i < section_count; ++i) {
     const std::size_t begin = first + count * i / section_count;
     const std::size_t end = first + count * (i + 1) / section_count;
