@@ -4,7 +4,6 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <latch>
@@ -16,6 +15,7 @@
 #include "rpc/rpc_client.h"
 #include "rpc/rpc_server.h"
 #include "rpc/socket_io.h"
+#include "support/eventually.h"
 #include "support/hex.h"
 #include "support/raw_connection.h"
 
@@ -24,6 +24,7 @@ namespace {
 
 using pdpb::TsoRequest;
 using pdpb::TsoResponse;
+using testing::Eventually;
 using testing::Hex;
 using testing::RawConnection;
 
@@ -36,17 +37,6 @@ struct SocketPair {
   }
   UniqueFd near, far;
 };
-
-// Waits for a condition of the server's threads; false when it does not come true.
-template <class Condition>
-bool Eventually(Condition condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
 
 constexpr char kPingFrame[] = "4b525043 00 0807060504030201 0200 5064 03000000 616263";
 

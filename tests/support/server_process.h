@@ -3,13 +3,17 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "client/pd_client.h"
 #include "common/posix_file.h"
 #include "rpc/rpc_server.h"
 
@@ -17,7 +21,9 @@ namespace kandb::testing {
 
 class ServerProcess {
  public:
-  explicit ServerProcess(const std::vector<std::string>& arguments, const std::string& cwd = ".") {
+  // `in_child` runs in the new process before the program does: system calls only.
+  explicit ServerProcess(const std::vector<std::string>& arguments, const std::string& cwd = ".",
+                         const std::function<void()>& in_child = {}) {
     int out_pipe[2];
     int err_pipe[2];
     if (::pipe2(out_pipe, O_CLOEXEC) != 0 || ::pipe2(err_pipe, O_CLOEXEC) != 0) {
@@ -33,9 +39,11 @@ class ServerProcess {
     argv.push_back(nullptr);
     child = ::fork();
     if (child == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // nothing stays behind when the test itself is killed
       if (::chdir(cwd.c_str()) != 0) ::_exit(126);
       ::dup2(out_end.get(), STDOUT_FILENO);
       ::dup2(err_end.get(), STDERR_FILENO);
+      if (in_child) in_child();
       ::execv(KANDB_META_BINARY, argv.data());
       ::_exit(127);
     }
@@ -85,5 +93,43 @@ inline int FreePort() {
   kanrpc::RpcServer probe;
   return probe.Start(0, "127.0.0.1").ok() ? probe.port() : 0;
 }
+
+// A server that listens on 127.0.0.1, with its state in `dir`/pd-data.
+class ListeningServer {
+ public:
+  explicit ListeningServer(const std::string& dir, const std::function<void()>& in_child = {}) {
+    // Another process may take a port that was free a moment ago.
+    for (int attempt = 0; attempt < 10; ++attempt) {
+      bound_port = FreePort();
+      process = std::make_unique<ServerProcess>(
+          std::vector<std::string>{"--port=" + std::to_string(bound_port), "--bind_addr=127.0.0.1"},
+          dir, in_child);
+      if (!process->ReadBanner().empty()) return;
+    }
+    throw std::runtime_error("the server does not start");
+  }
+
+  int port() const { return bound_port; }
+  pid_t pid() const { return process->pid(); }
+  void Kill() { process->Kill(); }
+
+ private:
+  int bound_port = 0;
+  std::unique_ptr<ServerProcess> process;
+};
+
+// A connection of its own to a server on this machine. One attempt, and a time-out that only a
+// server that hangs passes.
+class Caller : public client::PdClient {
+ public:
+  explicit Caller(int port)
+      : Caller(std::make_unique<kanrpc::RpcClient>("127.0.0.1:" + std::to_string(port),
+                                                   kanrpc::RpcClientOptions{60000, 1})) {}
+
+ private:
+  explicit Caller(std::unique_ptr<kanrpc::RpcClient> client)
+      : client::PdClient(client.get()), rpc(std::move(client)) {}
+  std::unique_ptr<kanrpc::RpcClient> rpc;
+};
 
 }  // namespace kandb::testing

@@ -1,0 +1,366 @@
+// The real executable when it is killed again and again under load, and when its disk is full.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <random>
+#include <thread>
+
+#include "support/eventually.h"
+#include "support/server_process.h"
+#include "support/temp_dir.h"
+
+namespace kandb {
+namespace {
+
+using namespace pdpb;  // NOLINT(google-build-using-namespace): every message is used here
+using testing::Caller;
+using testing::Eventually;
+using testing::ListeningServer;
+using testing::TempDir;
+using namespace std::chrono_literals;
+
+// A region of which `key` is the start and, of all regions here, this one covers it alone.
+Region RegionAtKey(std::uint64_t id, const std::string& key, std::size_t padding) {
+  return {id, key, key + '\0' + std::string(padding, static_cast<char>('a' + id % 26)), {}, {}};
+}
+
+// --- Killed under load ---
+
+// Numbers that were handed out in runs: none twice, and none below one that somebody had before it
+// was asked for. The first number of a run, mapped to one past its last.
+class HandedOut {
+ public:
+  std::uint64_t end() const { return highest_end; }
+
+  // `floor` is what end() was before the request.
+  void Add(std::uint64_t floor, std::uint64_t first, std::uint64_t count) {
+    const std::lock_guard lock(mutex);
+    const auto [run, is_new] = runs.emplace(first, first + count);
+    const auto next = std::next(run);
+    EXPECT_TRUE(is_new && first >= floor && (next == runs.end() || next->first >= first + count) &&
+                (run == runs.begin() || std::prev(run)->second <= first))
+        << first;
+    highest_end = std::max(end(), first + count);
+  }
+
+  void Forget() {
+    runs.clear();
+    highest_end = 0;
+  }
+
+ private:
+  std::atomic<std::uint64_t> highest_end = 0;
+  std::mutex mutex;
+  std::map<std::uint64_t, std::uint64_t> runs;
+};
+
+constexpr std::uint64_t kClients = 8;
+constexpr std::uint64_t kGroups = 6;     // of each client, which keeps rewriting them
+constexpr std::uint64_t kGroupSize = 3;  // regions, written by one request
+
+// What a client knows of the version of a group; 0 is none.
+struct Versions {
+  std::uint64_t acknowledged = 0;
+  std::uint64_t sent = 0;
+};
+
+// One region of a group in a version: the whole record follows from these numbers.
+Region RegionOf(std::uint64_t client, std::uint64_t group, std::uint64_t part,
+                std::uint64_t version) {
+  const std::uint64_t id = 100 + (client * kGroups + group) * kGroupSize + part;
+  Region region = RegionAtKey(id, "k" + std::to_string(id), version * 7919 % 3000);
+  region.epoch = {id, version};
+  region.peers = {{version, client, PeerRole::kVoter}};
+  return region;
+}
+
+// The last region of a group exists in every other version only: in between it is removed.
+bool Exists(std::uint64_t part, std::uint64_t version) {
+  return version > 0 && (part + 1 < kGroupSize || version % 2 == 1);
+}
+
+class KillLoop {
+ public:
+  explicit KillLoop(std::uint64_t random_seed) : seed(random_seed) {}
+
+  // Checks what the last server left, loads the new one until it has acknowledged `enough` changes
+  // of regions, and kills it.
+  void RunCycle(std::uint64_t cycle, std::uint64_t enough) {
+    ListeningServer server(dir.path());
+    Check(server.port());
+    killed = false;
+    const std::uint64_t before = changes;
+    std::vector<std::thread> threads;
+    for (std::uint64_t client = 0; client < kClients; ++client) {
+      const std::uint64_t client_seed = seed + cycle * kClients + client;
+      threads.emplace_back([=, this, port = server.port()] { Work(client, port, client_seed); });
+    }
+    EXPECT_TRUE(Eventually([&] { return changes - before >= enough; }));
+    killed = true;
+    server.Kill();
+    for (std::thread& thread : threads) thread.join();
+    if (changes > before) ++productive_cycles;
+  }
+
+  // Whether all that was acknowledged is there, and each batch whole. What is found counts as
+  // acknowledged from now on.
+  void Check(int port) {
+    Caller caller(port);
+    for (std::uint64_t client = 0; client < kClients; ++client) {
+      for (std::uint64_t group = 0; group < kGroups; ++group) {
+        const std::uint64_t version = Find(&caller, RegionOf(client, group, 0, 0)).epoch.version;
+        Versions* versions = &groups[client][group];
+        EXPECT_TRUE(versions->acknowledged <= version && version <= versions->sent) << version;
+        *versions = {version, version};
+        for (std::uint64_t part = 0; part < kGroupSize; ++part) {
+          const Region written = RegionOf(client, group, part, version);
+          EXPECT_EQ(Find(&caller, written), Exists(part, version) ? written : Region());
+          ++checked_records;
+        }
+      }
+    }
+    const bool exists = Find(&caller, first_region) == first_region;
+    EXPECT_TRUE(exists ? bootstrapped || first_bootstrap_lost : !bootstrapped);
+    bootstrapped = exists;
+    // Timestamps are not stored: they go on growing if the clock has passed the last one.
+    const auto now = std::chrono::system_clock::now().time_since_epoch() / 1ms;
+    if (static_cast<std::uint64_t>(now) <= timestamps.end() >> 18) timestamps.Forget();
+  }
+
+  const TempDir dir;
+  std::atomic<std::uint64_t> changes = 0;  // of regions, acknowledged
+  std::atomic<std::uint64_t> runs = 0;     // of ids or timestamps
+  std::uint64_t checked_records = 0;
+  std::uint64_t productive_cycles = 0;
+  std::atomic<bool> bootstrapped = false;  // somebody was told so
+
+ private:
+  // Calls this and that until the server is gone; nothing fails before it is killed.
+  void Work(std::uint64_t client, int port, std::uint64_t client_seed) {
+    Caller caller(port);
+    std::mt19937_64 random(client_seed);
+    for (Status status; status.ok();) {
+      const std::uint64_t kind = random() % 6;
+      const auto count = static_cast<std::uint32_t>(random() % 600 + 1);
+      if (kind == 0) {
+        status = Take(&ids, count, &AllocIdResponse::first_id,
+                      [&](auto* taken) { return caller.AllocId({count}, taken); });
+      } else if (kind == 1) {
+        status = Take(&timestamps, count, &TsoResponse::timestamp,
+                      [&](auto* taken) { return caller.Tso({count}, taken); });
+      } else if (kind > 2) {
+        status = WriteGroup(&caller, client, count % kGroups);
+      } else if (client == 0 || bootstrapped) {  // of two first calls at once both may be told so
+        status = Bootstrap(&caller, client);
+      }
+      EXPECT_TRUE(status.ok() || killed) << status.ToString();
+    }
+  }
+
+  template <class Response, class Call>
+  Status Take(HandedOut* numbers, std::uint32_t count, std::uint64_t Response::*first, Call call) {
+    const std::uint64_t floor = numbers->end();
+    Response taken;
+    if (Status s = call(&taken); !s.ok()) return s;
+    numbers->Add(floor, taken.*first, count);
+    ++runs;
+    return {};
+  }
+
+  Status Bootstrap(Caller* caller, std::uint64_t client) {
+    BootstrapResponse done;
+    Status status = caller->Bootstrap({{client, "host", 0}, first_region, {}}, &done);
+    if (!status.ok()) {
+      first_bootstrap_lost = !bootstrapped;
+      return status;
+    }
+    EXPECT_EQ(done.already_bootstrapped, bootstrapped);  // so one call alone is the first
+    bootstrapped = true;
+    return {};
+  }
+
+  Status WriteGroup(Caller* caller, std::uint64_t client, std::uint64_t group) {
+    const std::uint64_t version = ++groups[client][group].sent;
+    UpsertRegionRequest request;
+    for (std::uint64_t part = 0; part < kGroupSize; ++part) {
+      const Region region = RegionOf(client, group, part, version);
+      if (!Exists(part, version)) request.removed_region_ids.push_back(region.id);
+      if (Exists(part, version)) request.regions.push_back(region);
+    }
+    UpsertRegionResponse done;
+    if (Status s = caller->UpsertRegion(request, &done); !s.ok()) return s;
+    groups[client][group].acknowledged = version;
+    ++changes;
+    return {};
+  }
+
+  // What the server has in the place of a region; an empty region when it has none.
+  static Region Find(Caller* caller, const Region& region) {
+    GetRegionResponse found;
+    const Status status = caller->GetRegion({region.start_key}, &found);
+    EXPECT_TRUE(status.ok() || status.message().starts_with("remote: NotFound: "))
+        << status.message();
+    return found.region;
+  }
+
+  const std::uint64_t seed;
+  const Region first_region = RegionAtKey(1, "b", 0);
+  HandedOut ids;
+  HandedOut timestamps;
+  Versions groups[kClients][kGroups];
+  std::atomic<bool> first_bootstrap_lost = false;
+  std::atomic<bool> killed = false;
+};
+
+TEST(ProcessFaults, KillNineLosesNothingAcknowledged) {
+  const auto from_environment = [](const char* name, std::uint64_t otherwise) {
+    const char* text = std::getenv(name);
+    return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
+  };
+  const std::uint64_t cycles = from_environment("KANDB_KILL_CYCLES", 50);
+  const std::uint64_t seed = from_environment("KANDB_SEED", std::random_device()());
+  std::cout << "KANDB_SEED=" << seed << std::endl;
+  std::mt19937_64 random(seed);
+  KillLoop loop(seed);
+  for (std::uint64_t cycle = 0; cycle < cycles && !HasFailure(); ++cycle) {
+    SCOPED_TRACE("cycle " + std::to_string(cycle));
+    if (random() % 8 == 0) {  // killed while it recovers, or soon after
+      const testing::ServerProcess server({"--port=0"}, loop.dir.path());
+      std::this_thread::sleep_for(random() % 20000 * 1us);
+    }
+    loop.RunCycle(cycle, random() % 300);
+  }
+  loop.Check(ListeningServer(loop.dir.path()).port());
+  EXPECT_TRUE(loop.bootstrapped);
+  EXPECT_GT(loop.productive_cycles, cycles / 2);
+  std::cout << cycles << " cycles, " << loop.productive_cycles << " with acknowledged changes; "
+            << loop.changes << " changes, " << loop.runs << " runs of ids or timestamps, "
+            << loop.checked_records << " records checked\n";
+}
+
+// --- A full disk ---
+
+constexpr std::size_t kMiB = std::size_t{1} << 20;
+constexpr char kFull[] = "remote: Corruption: wal write: No space left on device";
+
+// A small file system, mounted for this process and its children alone: it goes with the last of
+// them, however they end.
+struct SmallDisk {
+  explicit SmallDisk(const char* size) : failure(Mount(size)) {}
+  ~SmallDisk() { ::umount2(dir.path().c_str(), MNT_DETACH); }
+  SmallDisk(const SmallDisk&) = delete;
+  SmallDisk& operator=(const SmallDisk&) = delete;
+
+  std::string Mount(const char* size) const {
+    const std::string user = std::to_string(::geteuid());
+    const std::string group = std::to_string(::getegid());
+    if (::unshare(CLONE_NEWNS) != 0) {  // not root: as the root of a name space of its own
+      if (::unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) return "unshare: " + ErrnoText(errno);
+      testing::WriteFile("/proc/self/setgroups", "deny");
+      testing::WriteFile("/proc/self/uid_map", user + " " + user + " 1");
+      testing::WriteFile("/proc/self/gid_map", group + " " + group + " 1");
+    }
+    if (::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", dir.path().c_str(), "tmpfs", 0, size) != 0) {
+      return "mount: " + ErrnoText(errno);
+    }
+    return "";
+  }
+
+  const TempDir dir;
+  const std::string failure;  // why there is none; empty: there is one
+};
+
+// Writes regions of 4 MiB, and remembers which were acknowledged.
+class LargeRegions {
+ public:
+  Status WriteNext(int port) {
+    UpsertRegionResponse done;
+    Status status = Caller(port).UpsertRegion({{Get(acknowledged.size())}, {}}, &done);
+    acknowledged.push_back(status.ok());
+    return status;
+  }
+
+  // Acknowledged regions are there, refused ones are not, and timestamps are handed out.
+  void Check(int port) const {
+    Caller caller(port);
+    TsoResponse timestamp;
+    EXPECT_TRUE(caller.Tso({1}, &timestamp).ok());
+    for (std::size_t i = 0; i < acknowledged.size(); ++i) {
+      GetRegionResponse answer;
+      const Status status = caller.GetRegion({Get(i).start_key}, &answer);
+      EXPECT_EQ(status.message(), acknowledged[i] ? "" : "remote: NotFound: no region covers key");
+      EXPECT_TRUE(answer.region == (acknowledged[i] ? Get(i) : Region())) << i;
+    }
+  }
+
+ private:
+  static Region Get(std::size_t i) {
+    return RegionAtKey(1000 + i, "k" + std::to_string(1000 + i), 4 * kMiB);
+  }
+
+  std::vector<bool> acknowledged;
+};
+
+constexpr int kLogCapacity = 16;  // regions of 4 MiB until the next log is begun
+
+// The space that is left holds the first log, full, but not the table that is made of it.
+TEST(ProcessFaults, AFullDiskRefusesChangesUntilThereIsRoom) {
+  const SmallDisk disk("size=192m");
+  if (!disk.failure.empty()) GTEST_SKIP() << disk.failure;
+  const std::string ballast = disk.dir.File("ballast");
+  const UniqueFd file(::open(ballast.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+  ASSERT_EQ(::posix_fallocate(file.get(), 0, 100 * kMiB), 0);
+  ListeningServer server(disk.dir.path());
+  LargeRegions regions;
+  for (int i = 0; i < kLogCapacity; ++i) ASSERT_TRUE(regions.WriteNext(server.port()).ok());
+  // The attempts to write the table take what space there is, and give it back.
+  for (int refused = 0; refused < 5;) {
+    const Status status = regions.WriteNext(server.port());
+    if (status.ok()) continue;
+    ASSERT_EQ(status.message(), kFull);
+    ++refused;
+  }
+  regions.Check(server.port());
+  const std::string log = disk.dir.File("pd-data/wal-000001.log");
+  EXPECT_TRUE(std::filesystem::exists(log));
+
+  ASSERT_EQ(::ftruncate(file.get(), 0), 0);
+  EXPECT_TRUE(regions.WriteNext(server.port()).ok());
+  EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(log); }));
+  server.Kill();
+  regions.Check(ListeningServer(disk.dir.path()).port());
+}
+
+// The second log is a device that is always full, and of which nothing can be cut off.
+TEST(ProcessFaults, ALogThatTakesNothingRefusesChangesUntilARestart) {
+  const TempDir dir;
+  ListeningServer server(dir.path());
+  std::filesystem::create_symlink("/dev/full", dir.File("pd-data/wal-000002.log"));
+  LargeRegions regions;
+  for (int i = 0; i < kLogCapacity; ++i) ASSERT_TRUE(regions.WriteNext(server.port()).ok());
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(regions.WriteNext(server.port()).message(), kFull);
+  const std::string first_log = dir.File("pd-data/wal-000001.log");
+  EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(first_log); }));
+  regions.Check(server.port());  // from the table that was made of it
+  server.Kill();
+  const ListeningServer restarted(dir.path());
+  EXPECT_TRUE(regions.WriteNext(restarted.port()).ok());
+  regions.Check(restarted.port());
+}
+
+}  // namespace
+}  // namespace kandb
