@@ -1,0 +1,287 @@
+// The real executable among very many, slow, stuck, vanishing and hostile peers.
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <iostream>
+#include <random>
+
+#include "support/eventually.h"
+#include "support/proc.h"
+#include "support/raw_connection.h"
+#include "support/server_process.h"
+#include "support/temp_dir.h"
+
+namespace kandb {
+namespace {
+
+using namespace pdpb;  // NOLINT(google-build-using-namespace): every message is used here
+using kanrpc::BuildFrame;
+using kanrpc::Frame;
+using kanrpc::kRequest;
+using testing::Caller;
+using testing::Eventually;
+using testing::OpenFiles;
+using testing::ProcStatus;
+using testing::RawConnection;
+
+using Connections = std::vector<std::unique_ptr<RawConnection>>;
+constexpr std::size_t kMiB = std::size_t{1} << 20;
+
+// A server of which every connection, descriptor and thread is the test's.
+struct Server {
+  explicit Server(const std::function<void()>& in_child = {}) : process(dir.path(), in_child) {}
+
+  // A new connection gets everything that there is: a durable change, a lookup of it, ids beyond
+  // the stored mark, timestamps, and an answer to a heartbeat.
+  void ExpectServes() {
+    Caller caller(port);
+    AllocIdResponse ids;
+    ASSERT_TRUE(caller.AllocId({2000}, &ids).ok());
+    const std::string key = "k" + std::to_string(ids.first_id);
+    const Region region = {ids.first_id, key, key + '\0', {}, {{1, 1, {}}}};
+    UpsertRegionResponse written;
+    ASSERT_TRUE(caller.UpsertRegion({{region}, {}}, &written).ok());
+    GetRegionResponse routed;
+    ASSERT_TRUE(caller.GetRegion({key}, &routed).ok());
+    EXPECT_EQ(routed.region, region);
+    TsoResponse timestamp;
+    ASSERT_TRUE(caller.Tso({1}, &timestamp).ok());
+    EXPECT_GT(timestamp.timestamp, std::exchange(last_timestamp, timestamp.timestamp));
+    RegionHeartbeatResponse answer;
+    EXPECT_TRUE(caller.RegionHeartbeat({1, {{ids.first_id, {1}, {}, {}}}, {}}, &answer).ok());
+  }
+
+  // All connections are gone, and what they held with them.
+  void ExpectAlone() {
+    EXPECT_TRUE(Eventually([&] { return OpenFiles(pid) == files; }));
+    EXPECT_TRUE(Eventually([&] { return ProcStatus(pid, "Threads") == threads; }));
+  }
+
+  testing::TempDir dir;
+  testing::ListeningServer process;
+  const int port = process.port();
+  const pid_t pid = process.pid();
+  const long files = OpenFiles(pid);
+  const long threads = ProcStatus(pid, "Threads");
+  std::uint64_t last_timestamp = 0;
+};
+
+std::function<void()> Limit(__rlimit_resource resource, rlim_t value) {
+  return [=] {
+    const rlimit limit{.rlim_cur = value, .rlim_max = value};
+    ::setrlimit(resource, &limit);
+  };
+}
+
+// Opens connections until the server closes one unanswered, which is not kept; `most` at most.
+Connections ConnectWhileAnswered(int port, std::size_t most) {
+  Connections answered;
+  for (;;) {
+    auto next = std::make_unique<RawConnection>(port);
+    if (answered.size() == most || !next->Answers()) return answered;
+    answered.push_back(std::move(next));
+  }
+}
+
+void ExpectAllAnswer(const Connections& connections) {
+  for (const auto& connection : connections) ASSERT_TRUE(connection->Answers());
+}
+
+TEST(Peers, ThousandsOfIdleConnectionsCostLittle) {
+  rlimit limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit raised{.rlim_cur = limit.rlim_max, .rlim_max = limit.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
+  const std::size_t wanted = KANDB_SANITIZED ? 1000 : 10000;
+  const std::size_t count = std::min<std::size_t>(wanted, limit.rlim_max - 200);
+  Server server;
+  const long resident = ProcStatus(server.pid, "VmRSS");
+  const long reserved = ProcStatus(server.pid, "VmSize");
+  Connections idle = ConnectWhileAnswered(server.port, count);
+  ASSERT_EQ(idle.size(), count);
+  const auto per_connection = [&](const char* name, long before) {
+    return static_cast<double>(ProcStatus(server.pid, name) - before) / static_cast<double>(count);
+  };
+  const double resident_each = per_connection("VmRSS", resident);
+  const double reserved_each = per_connection("VmSize", reserved);
+  std::cout << count << " connections, each " << resident_each << " kB resident, " << reserved_each
+            << " kB reserved\n";
+  if (!KANDB_SANITIZED) {
+    EXPECT_LT(resident_each, 16);
+    EXPECT_LT(reserved_each, 512);
+  }
+  server.ExpectServes();
+  ExpectAllAnswer(idle);
+  idle.clear();
+  server.ExpectAlone();
+}
+
+TEST(Peers, ConnectionsPastTheDescriptorLimitAreClosed) {
+  Server server(Limit(RLIMIT_NOFILE, 256));
+  Caller inside(server.port);
+  TsoResponse timestamp;
+  ASSERT_TRUE(inside.Tso({1}, &timestamp).ok());
+  Connections idle = ConnectWhileAnswered(server.port, 256);
+  EXPECT_GT(idle.size(), 150u);
+  EXPECT_LT(idle.size(), 200u);
+  for (int i = 0; i < 300; ++i) EXPECT_FALSE(RawConnection(server.port).Answers());
+  // Files can still be opened: a full memtable goes into a table, and its log away.
+  const Region large = {1, "k", "k" + std::string(16 * kMiB, 'x'), {}, {}};
+  UpsertRegionResponse done;
+  for (int i = 0; i < 4; ++i) EXPECT_TRUE(inside.UpsertRegion({{large}, {}}, &done).ok());
+  EXPECT_TRUE(Eventually(
+      [&] { return !std::filesystem::exists(server.dir.File("pd-data/wal-000001.log")); }));
+  ExpectAllAnswer(idle);
+  idle.clear();
+  EXPECT_TRUE(Eventually([&] { return RawConnection(server.port).Answers(); }));
+}
+
+TEST(Peers, ConnectionsWithoutAThreadAreClosed) {
+  if (KANDB_SANITIZED) GTEST_SKIP() << "a sanitizer needs all address space";
+  Server server(Limit(RLIMIT_AS, 512 * kMiB));
+  server.ExpectServes();
+  Connections idle = ConnectWhileAnswered(server.port, 5000);
+  EXPECT_GT(idle.size(), 50u);
+  EXPECT_LT(idle.size(), 5000u);
+  for (int i = 0; i < 300; ++i) EXPECT_FALSE(RawConnection(server.port).Answers());
+  ExpectAllAnswer(idle);
+  idle.clear();
+  server.ExpectAlone();
+  server.ExpectServes();
+}
+
+// Requests grow until memory does not suffice: to receive, to decode, to handle or to log them.
+TEST(Peers, WantOfMemoryEndsTheRequestAlone) {
+  if (KANDB_SANITIZED) GTEST_SKIP() << "a sanitizer needs all address space";
+  Server server(Limit(RLIMIT_AS, 256 * kMiB));
+  server.ExpectServes();
+  const auto look_up = [&](Caller caller, std::size_t size) {
+    GetRegionResponse routed;
+    return caller.GetRegion({std::string(size, 'x')}, &routed).message();
+  };
+  const auto remove = [&](Caller caller, std::size_t size) {
+    UpsertRegionResponse done;
+    return caller.UpsertRegion({{}, std::vector<std::uint64_t>(size / 14)}, &done).message();
+  };
+  int failures[2] = {};
+  for (std::size_t size = kMiB; size < 64 * kMiB; size += size / 2) {
+    failures[0] += look_up(Caller(server.port), size) != "remote: NotFound: no region covers key";
+    failures[1] += !remove(Caller(server.port), size).empty();
+    server.ExpectServes();
+    EXPECT_TRUE(size > kMiB || failures[0] + failures[1] == 0);
+  }
+  EXPECT_GT(failures[0], 0);
+  EXPECT_GT(failures[1], 0);
+}
+
+TEST(Peers, SlowStuckAndHalfClosedPeersHurtNobody) {
+  Server server;
+  Caller caller(server.port);
+  const Region large = {1, "m", "m" + std::string(8 * kMiB, 'x'), {}, {}};
+  UpsertRegionResponse done;
+  ASSERT_TRUE(caller.UpsertRegion({{large}, {}}, &done).ok());
+  const std::string request =
+      BuildFrame(kRequest, 7, "Pd.GetRegion", Encode(GetRegionRequest{"m1"}));
+  const std::string half = request.substr(0, request.size() / 2);
+  Frame frame;
+
+  RawConnection byte_by_byte(server.port);
+  for (const char byte : request) ASSERT_TRUE(byte_by_byte.Send({&byte, 1}));
+  ASSERT_TRUE(byte_by_byte.Read(&frame).ok());
+  EXPECT_GT(frame.payload.size(), 8 * kMiB);
+
+  Connections never_read;
+  for (int i = 0; i < 10; ++i) {
+    never_read.push_back(std::make_unique<RawConnection>(server.port));
+    for (int j = 0; j < 20; ++j) ASSERT_TRUE(never_read.back()->Send(request));
+  }
+  server.ExpectServes();
+
+  RawConnection closed_after_whole(server.port);
+  RawConnection closed_after_half(server.port);
+  ASSERT_TRUE(closed_after_whole.Send(request));
+  ASSERT_TRUE(closed_after_half.Send(request + half));
+  for (RawConnection* peer : {&closed_after_whole, &closed_after_half}) {
+    ::shutdown(peer->fd(), SHUT_WR);
+    ASSERT_TRUE(peer->Read(&frame).ok());
+    EXPECT_GT(frame.payload.size(), 8 * kMiB);
+    EXPECT_EQ(peer->Read(&frame).message(), "kanrpc: connection closed");
+  }
+  server.ExpectServes();
+}
+
+// Bursts of requests, cut off anywhere and perhaps damaged; then a reset, at once or after a while.
+TEST(Peers, ResetsAndGarbageEndTheirOwnConnection) {
+  Server server;
+  server.ExpectServes();
+  const std::uint64_t seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937_64 random(seed);
+  for (int round = 0; round < 2000; ++round) {
+    std::string payload(random() % 300, '\0');
+    for (char& byte : payload) byte = static_cast<char>(random() % 3);
+    std::string burst;
+    for (std::uint64_t i = random() % 5; i > 0; --i) {
+      burst += BuildFrame(kRequest, i, i % 2 == 0 ? "Pd.Tso" : "Pd.RegionHeartbeat", payload);
+    }
+    if (random() % 2 == 0) burst.resize(random() % (burst.size() + 1));
+    if (random() % 4 == 0 && !burst.empty()) burst[random() % burst.size()] ^= 1;
+    RawConnection peer(server.port);
+    ASSERT_TRUE(peer.Send(burst));
+    Frame frame;
+    if (random() % 2 == 0) {
+      ::shutdown(peer.fd(), SHUT_WR);  // so that an answer comes, or the end
+      if (random() % 2 == 0) (void)peer.Read(&frame);
+    }
+    const linger hard{.l_onoff = 1, .l_linger = 0};
+    ::setsockopt(peer.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+  }
+  server.ExpectServes();
+  server.ExpectAlone();
+}
+
+TEST(Peers, PromisesCostOnlyWhatWasSent) {
+  constexpr long kPeers = 50;
+  Server server;
+  server.ExpectServes();
+  const long before = ProcStatus(server.pid, "VmRSS");
+  std::string promise = BuildFrame(kRequest, 1, "", std::string(64 * kMiB, 'x'));
+  promise.resize(kMiB);
+  Connections stalled;
+  for (int i = 0; i < kPeers; ++i) {
+    stalled.push_back(std::make_unique<RawConnection>(server.port));
+    ASSERT_TRUE(stalled.back()->Send(promise));
+  }
+  server.ExpectServes();
+  stalled.clear();
+  server.ExpectAlone();  // so that all that was sent has been read
+  const long peak = ProcStatus(server.pid, "VmHWM") - before;
+  EXPECT_TRUE(KANDB_SANITIZED || peak < (kPeers + 16) * 1024) << peak;  // kB
+}
+
+// An empty element is six bytes of a payload, and over a hundred in memory.
+TEST(Peers, SmallPayloadsDoNotGrowLarge) {
+  const std::size_t size = KANDB_SANITIZED ? 8 * kMiB : kanrpc::kMaxPayloadSize;
+  Server server;
+  const struct {
+    const char* method;
+    std::uint16_t tag;
+  } cases[] = {{"Pd.UpsertRegion", 1}, {"Pd.Bootstrap", 3}, {"Pd.RegionHeartbeat", 2}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.method);
+    std::string payload;
+    while (payload.size() + 6 <= size) AppendField(c.tag, "", &payload);
+    kanrpc::RpcClient client("127.0.0.1:" + std::to_string(server.port), {60000, 1});
+    std::string response;
+    EXPECT_EQ(client.Call(c.method, payload, &response).message(),
+              "remote: InvalidArgument: bad request payload");
+  }
+  const long peak = ProcStatus(server.pid, "VmHWM");
+  EXPECT_TRUE(KANDB_SANITIZED || peak < 192L * 1024) << peak;  // kB: thrice the payload
+}
+
+}  // namespace
+}  // namespace kandb
