@@ -120,7 +120,8 @@ TEST(Decode, FollowsTheRules) {
   EXPECT_EQ(twice.region.end_key, "b");
 }
 
-// Six bytes in a message are an empty region, many times that in memory: few are fine, many are not.
+// Six bytes in a message are an empty region, many times that in memory: few are fine, many are
+// not.
 TEST(Decode, RefusesElementsThatTakeMuchMoreMemoryThanTheirEncoding) {
   const std::string empty_region = Hex("0100 00000000");
   std::string bytes;

@@ -127,11 +127,20 @@ struct EntryTree::Inner : SortedRecords {
 };
 
 void EntryTree::Reserve(std::size_t count, std::size_t size) {
-  // A leaf splits when it was full before, or after it has taken half of its capacity. Each split
-  // may go on to the root and put a new one above it.
-  const std::size_t splits = std::min(count, leaf_count) + count / (kCapacity / 2) + 1;
-  const std::size_t node_bytes = splits * (height + 2) * (sizeof(Inner) + alignof(Inner));
-  arena.Reserve(node_bytes + count * (sizeof(Record) + alignof(Record)) + size);
+  // Level by level: a node splits when it was full before, or after it has taken half of its
+  // capacity; one at the very end leaves a full one and one that has to take more than that. Every
+  // split is an insertion on the level above, where there are as many times fewer nodes.
+  constexpr std::size_t kHalf = kCapacity / 2;
+  std::size_t insertions = count;
+  std::size_t existing = leaf_count;
+  std::size_t nodes = 1;  // a root above the present one
+  for (std::size_t level = 0; level <= height; ++level) {
+    insertions = std::min(insertions, existing) + 2 * insertions / kHalf + 2;
+    nodes += insertions;
+    existing = existing / kHalf + 1;
+  }
+  arena.Reserve(nodes * (sizeof(Inner) + alignof(Inner)) +
+                count * (sizeof(Record) + alignof(Record)) + size);
 }
 
 void EntryTree::Insert(const EntryView& entry) noexcept {

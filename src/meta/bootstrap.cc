@@ -30,7 +30,7 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& request,
   for (const pdpb::Region& region : request.extra_regions) {
     puts.emplace_back(RegionKey(region.id), Encode(region));
   }
-  return store->Put(puts);
+  return store->Put(std::move(puts));
 }
 
 }  // namespace kandb::meta

@@ -72,7 +72,7 @@ Status PdService::UpsertRegion(const pdpb::UpsertRegionRequest& request,
   std::vector<std::string> deletes;
   deletes.reserve(request.removed_region_ids.size());
   for (const std::uint64_t id : request.removed_region_ids) deletes.push_back(RegionKey(id));
-  return store->Write(puts, deletes);
+  return store->Write(std::move(puts), std::move(deletes));
 }
 
 }  // namespace kandb::meta

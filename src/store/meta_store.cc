@@ -1,5 +1,7 @@
 #include "store/meta_store.h"
 
+#include <utility>
+
 #include "lsm/lsm_db.h"
 #include "store/value_envelope.h"
 
@@ -31,17 +33,17 @@ Status MetaStore::Get(std::string_view key, std::string* value, bool* found) con
   return {};
 }
 
-Status MetaStore::Put(const std::vector<KeyValue>& puts) { return Write(puts, {}); }
+Status MetaStore::Put(std::vector<KeyValue> puts) { return Write(std::move(puts), {}); }
 
-Status MetaStore::Delete(const std::vector<std::string>& keys) { return Write({}, keys); }
+Status MetaStore::Delete(std::vector<std::string> keys) { return Write({}, std::move(keys)); }
 
-Status MetaStore::Write(const std::vector<KeyValue>& puts,
-                        const std::vector<std::string>& deletes) {
+Status MetaStore::Write(std::vector<KeyValue> puts, std::vector<std::string> deletes) {
   std::vector<lsm::Entry> batch;
   batch.reserve(puts.size() + deletes.size());
-  for (const auto& [key, value] : puts)
-    batch.push_back({lsm::kPut, key, SealValue(*crypto, value)});
-  for (const std::string& key : deletes) batch.push_back({lsm::kDelete, key, {}});
+  for (auto& [key, value] : puts) {
+    batch.push_back({lsm::kPut, std::move(key), SealValue(*crypto, std::move(value))});
+  }
+  for (std::string& key : deletes) batch.push_back({lsm::kDelete, std::move(key), {}});
   return db->Write(batch);
 }
 

@@ -48,9 +48,9 @@ class MetaStore {
 
   // Each of these is one batch: applied as a whole, and whole or absent after a crash. Write puts
   // first.
-  Status Put(const std::vector<KeyValue>& puts);
-  Status Delete(const std::vector<std::string>& keys);
-  Status Write(const std::vector<KeyValue>& puts, const std::vector<std::string>& deletes);
+  Status Put(std::vector<KeyValue> puts);
+  Status Delete(std::vector<std::string> keys);
+  Status Write(std::vector<KeyValue> puts, std::vector<std::string> deletes);
 
   // Appends the pairs with start <= key < end (an empty bound is none) in key order, at most
   // `limit`. A value that cannot be opened ends it with that failure; the pairs before it stay in

@@ -50,8 +50,8 @@ StoreCrypto CryptoFor(std::string_view passphrase) {
   return store_crypto;
 }
 
-std::string SealValue(const StoreCrypto& store_crypto, std::string_view plaintext) {
-  if (!store_crypto.encrypted) return std::string(plaintext);
+std::string SealValue(const StoreCrypto& store_crypto, std::string plaintext) {
+  if (!store_crypto.encrypted) return plaintext;
   static IvSource iv_source;
   const crypto::Sm4Iv iv = iv_source.Next();
   std::string sealed(iv.begin(), iv.end());

@@ -26,7 +26,7 @@ struct StoreCrypto {
 StoreCrypto CryptoFor(std::string_view passphrase);
 
 // The sealed value, or a copy of it when the store is not encrypted.
-std::string SealValue(const StoreCrypto& store_crypto, std::string_view plaintext);
+std::string SealValue(const StoreCrypto& store_crypto, std::string plaintext);
 
 // Corruption "tde: ciphertext too short", or InvalidArgument "sm4: ciphertext not block-aligned" or
 // "sm4: bad padding", which is also what a wrong key mostly shows as. `*plaintext` is written on
