@@ -1,62 +1,34 @@
-// The engine: the same behaviour under several option sets, recovery, concurrency, failing calls.
+// The engine: the same behaviour under several option sets, recovery, concurrency.
 
 #include "lsm/lsm_db.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <map>
 #include <random>
 #include <thread>
 
 #include "lsm/manifest.h"
 #include "lsm/write_batch.h"
-#include "support/fault.h"
+#include "support/engine.h"
 #include "support/temp_dir.h"
 
 namespace kandb::lsm {
 namespace {
 
-using testing::FaultInjector;
+using testing::FilesIn;
+using testing::Model;
+using testing::Open;
+using testing::ReadAll;
 using testing::ReadFile;
 using testing::TempDir;
 using testing::WriteFile;
-using Model = std::map<std::string, std::string>;
 
 constexpr LsmDb::Options kLarge = {
     .write_buffer_size = 1 << 20, .max_table_files = 8, .sync = false};
 constexpr LsmDb::Options kTiny = {.write_buffer_size = 200, .max_table_files = 1, .sync = true};
 constexpr LsmDb::Options kManyTables = {
     .write_buffer_size = 500, .max_table_files = 1000, .sync = false};
-
-std::unique_ptr<LsmDb> Open(const std::string& dir, const LsmDb::Options& options) {
-  std::unique_ptr<LsmDb> db;
-  const Status status = LsmDb::Open(dir, options, &db);
-  EXPECT_EQ(status.ToString(), "OK");
-  return db;
-}
-
-Model ReadAll(const LsmDb& db, std::string_view start = "", std::string_view end = "") {
-  std::vector<Entry> entries;
-  EXPECT_EQ(db.Scan(start, end, 1000000, &entries).ToString(), "OK");
-  Model model;
-  std::string previous;
-  for (const Entry& entry : entries) {
-    EXPECT_TRUE(model.empty() || previous < entry.key);
-    previous = entry.key;
-    model[entry.key] = entry.value;
-  }
-  return model;
-}
-
-std::vector<std::string> FilesIn(const std::string& dir) {
-  std::vector<std::string> names;
-  for (const auto& file : std::filesystem::directory_iterator(dir)) {
-    names.push_back(file.path().filename());
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 class LsmDbTest : public ::testing::TestWithParam<LsmDb::Options> {};
 INSTANTIATE_TEST_SUITE_P(Options, LsmDbTest, ::testing::Values(kLarge, kTiny, kManyTables));
@@ -238,81 +210,6 @@ TEST(Open, NamesWhatStandsInItsWay) {
   }
   // A log that cannot be read holds nothing, like any damaged one.
   EXPECT_EQ(ReadAll(*Open(dir.File("log"), kLarge)).size(), 0u);
-}
-
-TEST(Faults, AFailedSyncOrWriteTakesTheGroupBack) {
-  for (const int failing_call : {1, 2}) {
-    SCOPED_TRACE(failing_call);
-    TempDir dir;
-    FaultInjector fault;
-    auto db = Open(dir.path(), {.write_buffer_size = 1 << 20, .max_table_files = 8, .sync = true});
-    ASSERT_TRUE(db->Write({{kPut, "a", "1"}}).ok());
-    fault.Arm(failing_call, failing_call == 1 ? 2 : 1);  // a short write and its rest, or the sync
-    EXPECT_EQ(db->Write({{kPut, "a", "2"}}).ToString(),
-              failing_call == 1 ? "Corruption: wal write: Input/output error"
-                                : "Corruption: wal fdatasync: Input/output error");
-    EXPECT_EQ(ReadAll(*db), (Model{{"a", "1"}}));
-    ASSERT_TRUE(db->Write({{kPut, "b", "3"}}).ok());
-    db.reset();
-    EXPECT_EQ(ReadAll(*Open(dir.path(), kLarge)), (Model{{"a", "1"}, {"b", "3"}}));
-  }
-}
-
-TEST(Faults, ALogThatCannotBeCutBackTakesNothingMore) {
-  TempDir dir;
-  FaultInjector fault;
-  auto db = Open(dir.path(), {.write_buffer_size = 1 << 20, .max_table_files = 8, .sync = true});
-  ASSERT_TRUE(db->Write({{kPut, "a", "1"}}).ok());
-  file_calls.ftruncate = [](int, off_t) { return -1; };
-  fault.Arm(1, 2);
-  const std::string error = "Corruption: wal write: Input/output error";
-  EXPECT_EQ(db->Write({{kPut, "a", "2"}}).ToString(), error);
-  EXPECT_EQ(db->Write({{kPut, "b", "3"}}).ToString(), error);
-  EXPECT_EQ(ReadAll(*db), (Model{{"a", "1"}}));
-}
-
-TEST(Faults, AFailedSwitchReportsWhatIsWritten) {
-  TempDir dir;
-  FaultInjector fault;
-  auto db = Open(dir.path(), {.write_buffer_size = 60, .max_table_files = 8, .sync = false});
-  file_calls.open = [](const char*, int, mode_t) {
-    errno = EMFILE;
-    return -1;
-  };
-  EXPECT_EQ(db->Write({{kPut, "a", std::string(60, 'x')}}).ToString(),
-            "Corruption: wal open " + dir.File("wal-000002.log") + ": Too many open files");
-  EXPECT_EQ(ReadAll(*db).size(), 1u);
-}
-
-// Every call of a workload with switches, flushes and compactions fails once, or twelve times in a
-// row: reads go on, background work recovers, and what was acknowledged is there after reopening.
-TEST(Faults, NothingAcknowledgedIsLostWhicheverCallFails) {
-  int tried = 0;
-  for (const int count : {1, 12}) {
-    for (int n = 1;; n += count) {
-      SCOPED_TRACE("call " + std::to_string(n) + ", " + std::to_string(count) + " times");
-      TempDir dir;
-      FaultInjector fault;
-      Model acknowledged;
-      {
-        auto db = Open(dir.path(), kTiny);
-        fault.Arm(n, count);
-        for (int i = 0; i < 20; ++i) {
-          const std::string key = "k" + std::to_string(i % 7);
-          const std::string value(20, static_cast<char>('a' + i % 26));
-          if (db->Write({{kPut, key, value}, {kPut, key + "!", value}}).ok()) {
-            acknowledged[key] = acknowledged[key + "!"] = value;
-          }
-          EXPECT_EQ(ReadAll(*db), acknowledged);
-        }
-        db->WaitForBackgroundIdle();
-        if (!fault.fired()) break;
-      }
-      ++tried;
-      EXPECT_EQ(ReadAll(*Open(dir.path(), kTiny)), acknowledged);
-    }
-  }
-  EXPECT_GT(tried, 60);
 }
 
 }  // namespace

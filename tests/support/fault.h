@@ -1,74 +1,136 @@
-// Faults below the engine: counts the file calls that change something and makes the n-th one, or
-// all from the n-th on, fail. Installed before an engine starts and removed after it has ended; in
-// between it may be armed and disarmed at any time, from any thread.
+// Stands between the engine and the system: sees every file call, and may shorten it, fail it or
+// end the process behind it. Installed before an engine starts and removed after it has ended.
 #pragma once
 
-#include <atomic>
 #include <cerrno>
+#include <mutex>
 #include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <vector>
 
 #include "common/posix_file.h"
 
 namespace kandb::testing {
 
-class FaultInjector {
- public:
-  FaultInjector() {
-    real = file_calls;
-    calls = 0;
-    Disarm();
-    file_calls.write = [](int fd, const void* bytes, std::size_t size) -> ssize_t {
-      if (fd == manifest || !Fails()) return real.write(fd, bytes, size);
-      // Half of the bytes arrive before the failure, as on a disk that fills up.
-      return size > 1 && !short_write.exchange(true) ? real.write(fd, bytes, size / 2) : Refuse();
-    };
-    file_calls.open = [](const char* path, int flags, mode_t mode) {
-      const std::string_view name(path);
-      if (name.find("/wal-") != name.npos) return real.open(path, flags, mode);
-      const int fd = Fails() ? Refuse() : real.open(path, flags, mode);
-      // A number is used again once its file is closed: only the file opened last can be the
-      // manifest.
-      if (name.ends_with("/MANIFEST.tmp"))
-        manifest = fd;
-      else if (fd == manifest)
-        manifest = -1;
-      return fd;
-    };
-    file_calls.fsync = [](int fd) { return Fails() ? Refuse() : real.fsync(fd); };
-    file_calls.fdatasync = [](int fd) { return Fails() ? Refuse() : real.fdatasync(fd); };
-    file_calls.rename = [](const char* from, const char* to) {
-      return Fails() ? Refuse() : real.rename(from, to);
-    };
-  }
-  ~FaultInjector() { file_calls = real; }
-  FaultInjector(const FaultInjector&) = delete;
-  FaultInjector& operator=(const FaultInjector&) = delete;
+enum CallKind { kOpen, kRead, kWrite, kPread, kFsync, kFdatasync, kFtruncate, kRename, kUnlink };
 
-  // From now on the n-th call (1 is the next) fails with EIO, and `count` - 1 more after it.
-  void Arm(int n, int count) {
-    short_write = false;
-    first = calls + n;
-    last = first + count - 1;
+struct FileCall {
+  CallKind kind;
+  std::string_view path = {};   // of open, unlink and rename (the old name)
+  int fd = -1;                  // of the others; of open when it is done
+  std::size_t* size = nullptr;  // of read, write and pread: bytes to transfer
+};
+
+// Lets everything pass but syncs, which end here: a process that ends leaves the page cache behind,
+// so that they would take time and show nothing. One call runs at a time.
+class FileCallFilter {
+ public:
+  FileCallFilter() {
+    current = this;
+    Install<kOpen>(&FileCalls::open);
+    Install<kRead>(&FileCalls::read);
+    Install<kWrite>(&FileCalls::write);
+    Install<kPread>(&FileCalls::pread);
+    Install<kFsync>(&FileCalls::fsync);
+    Install<kFdatasync>(&FileCalls::fdatasync);
+    Install<kFtruncate>(&FileCalls::ftruncate);
+    Install<kRename>(&FileCalls::rename);
+    Install<kUnlink>(&FileCalls::unlink);
   }
-  void Disarm() { first = last = -1; }
-  bool fired() const { return first >= 0 && calls >= first; }
+  virtual ~FileCallFilter() { file_calls = real; }
+  FileCallFilter(const FileCallFilter&) = delete;
+  FileCallFilter& operator=(const FileCallFilter&) = delete;
+
+ protected:
+  // Both run under `mutex`. Before a call, whose size may be reduced: 0, or the errno with which it
+  // fails without happening.
+  virtual int Before(const FileCall&) { return 0; }
+  virtual void After(const FileCall&) {}  // of a call that succeeded
+
+  mutable std::mutex mutex;
 
  private:
-  static bool Fails() {
-    const int call = ++calls;
-    return first >= 0 && call >= first && call <= last;
-  }
-  static int Refuse() {
-    errno = EIO;
-    return -1;
+  template <CallKind kind, class Result, class File, class... Rest>
+  static void Install(Result (*FileCalls::*entry)(File, Rest...)) {
+    static const auto member = entry;
+    file_calls.*entry = [](File file, Rest... rest) -> Result {
+      const std::lock_guard lock(current->mutex);
+      std::tuple<File, Rest...> arguments(file, rest...);
+      FileCall call = {.kind = kind};
+      if constexpr (std::is_same_v<File, int>) {
+        call.fd = file;
+      } else {
+        call.path = file;
+      }
+      if constexpr (kind == kRead || kind == kWrite || kind == kPread) {
+        call.size = &std::get<2>(arguments);
+      }
+      errno = current->Before(call);
+      if (errno != 0) return -1;
+      Result result = 0;
+      if (kind != kFsync && kind != kFdatasync) {
+        result = std::apply(current->real.*member, arguments);
+      }
+      const int error = errno;
+      if (kind == kOpen) call.fd = static_cast<int>(result);
+      if (result >= 0) current->After(call);
+      errno = error;
+      return result;
+    };
   }
 
-  static inline FileCalls real;
-  static inline std::atomic<int> manifest = -1;  // its descriptor, while it is written
-  static inline std::atomic<int> calls = 0;
-  static inline std::atomic<int> first = -1;
-  static inline std::atomic<int> last = -1;
-  static inline std::atomic<bool> short_write = false;
+  const FileCalls real = file_calls;
+  static inline FileCallFilter* current = nullptr;
+};
+
+// Calls that fail, counted from the moment when the injector is armed with them.
+struct Fault {
+  static constexpr int kForEver = 1 << 30;
+
+  CallKind kind;
+  int first = 1;                      // of the matching calls; the next one is 1
+  int count = 1;                      // how many fail, one after another
+  int error = EIO;                    // the errno
+  bool half = false;                  // the first one to fail transfers half of its bytes instead
+  std::string_view only_path = {};    // matches paths that contain it
+  std::string_view except_path = {};  // and not those that contain this, unless empty
+  int seen = 0;
+};
+
+class FaultInjector : public FileCallFilter {
+ public:
+  void Arm(const Fault& fault) {
+    const std::lock_guard lock(mutex);
+    faults.push_back(fault);
+  }
+  void Disarm() {
+    const std::lock_guard lock(mutex);
+    faults.clear();
+  }
+  // Whether a call has failed.
+  bool fired() const {
+    const std::lock_guard lock(mutex);
+    return has_fired;
+  }
+
+ private:
+  int Before(const FileCall& call) override {
+    for (Fault& fault : faults) {
+      if (call.kind != fault.kind || call.path.find(fault.only_path) == call.path.npos) continue;
+      if (!fault.except_path.empty() && call.path.find(fault.except_path) != call.path.npos)
+        continue;
+      ++fault.seen;
+      if (fault.seen < fault.first || fault.seen - fault.first >= fault.count) continue;
+      has_fired = true;
+      if (!fault.half || fault.seen > fault.first || *call.size < 2) return fault.error;
+      *call.size /= 2;
+    }
+    return 0;
+  }
+
+  std::vector<Fault> faults;
+  bool has_fired = false;
 };
 
 }  // namespace kandb::testing
