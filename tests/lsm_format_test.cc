@@ -211,28 +211,6 @@ TEST(Table, DamageIsNamed) {
             "Corruption: sst open /nowhere/t: No such file or directory");
 }
 
-// Whatever byte is damaged: open, lookups and a walk end, with or without an error.
-TEST(Table, SurvivesAnyFlippedByte) {
-  TempDir dir;
-  const std::string whole = WriteEntries(dir, 20);
-  int opened = 0;
-  for (std::size_t i = 0; i < whole.size(); i += i < 300 || i + 700 > whole.size() ? 1 : 37) {
-    std::string damaged = whole;
-    damaged[i] = static_cast<char>(~damaged[i]);
-    WriteFile(dir.File("t"), damaged);
-    std::shared_ptr<SstReader> reader;
-    if (!SstReader::Open(dir.File("t"), &reader).ok()) continue;
-    ++opened;
-    bool found = false;
-    Entry got;
-    (void)reader->Get("k016", &found, &got.op, &got.value);
-    SstReader::Iterator iterator(reader.get(), 64);
-    Status scan = iterator.Seek("k01");
-    while (scan.ok() && iterator.valid()) scan = iterator.Next();
-  }
-  EXPECT_GT(opened, 100);
-}
-
 TEST(Table, AFailedWriteLeavesNothing) {
   TempDir dir;
   EXPECT_EQ(WriteTable(dir.File("no/t"), TableBuilder()).ToString(),
