@@ -14,12 +14,11 @@ using Placed = std::pair<std::uint64_t, Entry>;  // where it begins, and the ent
 static std::string Walk(const SstReader& table, std::size_t read_size,
                         std::vector<Placed>* entries) {
   SstReader::Iterator iterator(&table, read_size);
-  Status status = iterator.Seek("");
-  for (; status.ok() && iterator.valid(); status = iterator.Next()) {
+  for (iterator.Seek(""); iterator.valid(); iterator.Next()) {
     const auto& [op, key, value] = iterator.entry();
     entries->push_back({iterator.offset(), {op, std::string(key), std::string(value)}});
   }
-  return status.ToString();
+  return iterator.status().ToString();
 }
 
 // The keys ascend, the filter admits them, and the index is a part of them.
@@ -43,9 +42,9 @@ static void TryKey(const SstReader& table, const std::string& key, const Placed*
   Entry got{0, key, ""};
   const bool get_ok = table.Get(key, &found, &got.op, &got.value).ok();
   SstReader::Iterator iterator(&table, 64);
-  const bool seek_ok = iterator.Seek(key).ok();
+  iterator.Seek(key);
   if (!well_formed) return;
-  Claim(get_ok && seek_ok && iterator.valid() == (next != nullptr));
+  Claim(get_ok && iterator.status().ok() && iterator.valid() == (next != nullptr));
   if (next == nullptr) return Claim(!found);
   Claim(iterator.offset() == next->first && found == (next->second.key == key));
   if (found && got.op == kPut) Claim(got == next->second);

@@ -160,14 +160,15 @@ TEST(Table, FindsAndWalks) {
       std::string target = from < 0 ? "" : TableEntry(from).key;
       if (from % 2 == 1) target.back() = static_cast<char>(target.back() - 1);
       SstReader::Iterator iterator(reader.get(), 64);
-      ASSERT_TRUE(iterator.Seek(target).ok());
+      iterator.Seek(target);
       for (int i = std::max(from, 0); i < count; ++i) {
         ASSERT_TRUE(iterator.valid());
         EXPECT_EQ(iterator.entry().key, TableEntry(i).key);
         EXPECT_EQ(iterator.entry().value, TableEntry(i).value);
-        ASSERT_TRUE(iterator.Next().ok());
+        iterator.Next();
       }
       EXPECT_FALSE(iterator.valid());
+      EXPECT_TRUE(iterator.status().ok());
     }
   }
 }
@@ -202,9 +203,8 @@ TEST(Table, DamageIsNamed) {
     EXPECT_TRUE(status.starts_with(open_status)) << status;
     if (scan_status.empty()) continue;
     SstReader::Iterator iterator(reader.get(), 64);
-    Status scan = iterator.Seek("");
-    while (scan.ok() && iterator.valid()) scan = iterator.Next();
-    EXPECT_EQ(scan.ToString(), scan_status);
+    for (iterator.Seek(""); iterator.valid();) iterator.Next();
+    EXPECT_EQ(iterator.status().ToString(), scan_status);
   }
   std::shared_ptr<SstReader> reader;
   EXPECT_EQ(SstReader::Open("/nowhere/t", &reader).ToString(),

@@ -230,7 +230,7 @@ TEST(ProcessFaults, KillNineLosesNothingAcknowledged) {
     const char* text = std::getenv(name);
     return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
   };
-  const std::uint64_t cycles = from_environment("KANDB_KILL_CYCLES", 50);
+  const std::uint64_t cycles = from_environment("KANDB_KILL_CYCLES", KANDB_SANITIZED ? 20 : 50);
   const std::uint64_t seed = from_environment("KANDB_SEED", std::random_device()());
   std::cout << "KANDB_SEED=" << seed << std::endl;
   std::mt19937_64 random(seed);

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
@@ -32,7 +33,11 @@ class Arena {
  private:
   void AddChunk(std::size_t size);
 
-  std::vector<std::unique_ptr<char[]>> chunks;
+  struct Free {
+    void operator()(char* chunk) const { std::free(chunk); }
+  };
+
+  std::vector<std::unique_ptr<char, Free>> chunks;
   std::size_t chunk_size = 4096;  // bytes; doubles, so that a small arena stays small
   char* next = nullptr;
   std::size_t left = 0;  // bytes from `next` to the end of the last chunk

@@ -96,13 +96,21 @@ struct EntryTree::SortedRecords {
   // Moves the records from `index` on to `right`, which is empty.
   void MoveTail(std::size_t index, SortedRecords* right) {
     std::copy(records + index, records + count, right->records);
+    std::copy(heads + index, heads + count, right->heads);
+    std::copy(prefix, prefix + prefix_length, right->prefix);
+    right->prefix_length = prefix_length;
     right->count = count - static_cast<std::uint32_t>(index);
     count = static_cast<std::uint32_t>(index);
-    for (SortedRecords* half : {this, right}) {
-      if (half->count == 0) continue;
-      const std::size_t shared = CommonPrefixLength(half->key(0), half->key(half->count - 1));
-      half->SetPrefix(std::min(shared, kMaxPrefixLength));
-    }
+    ExtendPrefix();
+    right->ExtendPrefix();
+  }
+
+  // Takes a longer prefix when half of each head is the same: not earlier, because that looks at
+  // every record.
+  void ExtendPrefix() {
+    if (count == 0 || std::countl_zero(heads[0] ^ heads[count - 1]) < 32) return;
+    const std::size_t shared = CommonPrefixLength(key(0), key(count - 1));
+    if (prefix_length < kMaxPrefixLength) SetPrefix(std::min(shared, kMaxPrefixLength));
   }
 
   void SetPrefix(std::size_t length) {
@@ -218,6 +226,9 @@ EntryTree::Leaf* EntryTree::FindLeaf(std::string_view key, Path* path) const {
     path->nodes[level] = inner;
     path->children[level] = child;
     node = inner->children[child];
+    // All that a search may look at, at once: one cache miss instead of one after the other.
+    const char* const memory = static_cast<const char*>(node);
+    for (std::size_t at = 0; at < sizeof(Leaf); at += 64) __builtin_prefetch(memory + at);
   }
   return static_cast<Leaf*>(node);
 }

@@ -107,13 +107,11 @@ Status LsmDb::CompactAllTables() {
   }
   MergingIterator merged(std::move(sources));
   TableBuilder builder;
-  Status status = merged.Seek("");
-  while (status.ok() && merged.valid()) {
+  for (merged.Seek(""); merged.valid(); merged.Next()) {
     // Deletions end here: the merge covers every table, and memtables are newer than all of them.
     if (merged.entry().op == kPut) builder.Add(merged.entry());
-    status = merged.Next();
   }
-  if (!status.ok()) return status;
+  if (!merged.status().ok()) return merged.status();
 
   const std::string path = TableFileName(directory, number);
   if (Status s = WriteTable(path, builder); !s.ok()) return s;

@@ -30,8 +30,8 @@ class MemTableSource final : public EntrySource {
   MemTableSource(std::shared_ptr<const MemTable> source, std::string_view end_bound)
       : memtable(std::move(source)), end(end_bound) {}
 
-  Status Seek(std::string_view target) override;
-  Status Next() override;
+  void Seek(std::string_view target) override { FillChunk(target); }
+  void Next() override;
 
  private:
   void FillChunk(std::string_view start);
@@ -50,10 +50,12 @@ class MergingIterator {
   explicit MergingIterator(std::vector<std::unique_ptr<EntrySource>> ordered_sources)
       : sources(std::move(ordered_sources)) {}
 
-  Status Seek(std::string_view target);
-  Status Next();
+  void Seek(std::string_view target);
+  void Next();
 
+  // As those of a source.
   bool valid() const { return winner != nullptr; }
+  const Status& status() const { return failure; }
   // Lives until the next call that moves the iterator.
   const EntryView& entry() const { return winner->entry(); }
 
@@ -63,6 +65,7 @@ class MergingIterator {
 
   std::vector<std::unique_ptr<EntrySource>> sources;
   EntrySource* winner = nullptr;
+  Status failure;  // of a source: it ends the merge
 };
 
 // Hands the live pairs of `view` with start <= key < end (an empty bound is none) to `visit`, in

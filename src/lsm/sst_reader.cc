@@ -89,40 +89,45 @@ Status SstReader::Get(std::string_view key, bool* found, std::uint8_t* op,
   const Stretch stretch = FindStretch(key);
   const std::uint64_t stretch_size = stretch.end > stretch.begin ? stretch.end - stretch.begin : 1;
   Iterator iterator(this, std::min<std::uint64_t>(stretch_size, Iterator::kMaxReadSize));
-  if (Status s = iterator.Seek(key); !s.ok()) return s;
-  if (!iterator.valid() || iterator.entry().key != key) return {};
+  iterator.Seek(key);
+  if (!iterator.valid() || iterator.entry().key != key) return iterator.status();
   *found = true;
   *op = iterator.entry().op;
   if (*op == kPut) *value = iterator.entry().value;
   return {};
 }
 
-Status SstReader::Iterator::Seek(std::string_view target) {
+void SstReader::Iterator::Seek(std::string_view target) {
+  failure = {};
   buffer.Clear();
-  consume = 0;
+  ahead = {};
   next_offset = reader->FindStretch(target).begin;
   do {
-    if (Status s = ReadEntry(); !s.ok()) return s;
+    ReadEntry();
   } while (is_valid && current.key < target);
-  return {};
 }
 
-Status SstReader::Iterator::ReadEntry() {
-  buffer.Consume(std::exchange(consume, 0));
+void SstReader::Iterator::ReadEntry() {
+  entry_size = 0;
   is_valid = next_offset < reader->footer.index_offset;
-  if (!is_valid) return {};
-
-  std::size_t size = 0;
-  EntryDefect defect = ParseEntry(buffer.unread(), &current, &size);
-  while (defect != EntryDefect::kNone) {
-    is_valid = false;
-    if (defect == EntryDefect::kBadOp) return Status::Corruption("sst bad record op");
-    if (Status s = Fill(size); !s.ok()) return s;
-    defect = ParseEntry(buffer.unread(), &current, &size);
+  if (!is_valid) return;
+  const EntryDefect defect = ParseEntry(ahead, &current, &entry_size);
+  if (defect != EntryDefect::kNone) {
+    failure = ReadOn(defect);
+    is_valid = failure.ok();
+    if (!is_valid) return;
   }
-  is_valid = true;
-  consume = size;
-  next_offset += size;
+  ahead.remove_prefix(entry_size);
+  next_offset += entry_size;
+}
+
+Status SstReader::Iterator::ReadOn(EntryDefect defect) {
+  while (defect != EntryDefect::kNone) {
+    const std::size_t wanted = std::exchange(entry_size, 0);
+    if (defect == EntryDefect::kBadOp) return Status::Corruption("sst bad record op");
+    if (Status s = Fill(wanted); !s.ok()) return s;
+    defect = ParseEntry(ahead, &current, &entry_size);
+  }
   return {};
 }
 
@@ -132,7 +137,8 @@ Status SstReader::Iterator::Fill(std::size_t size) {
   const std::uint64_t data_in_file = reader->file_size - std::min(next_offset, reader->file_size);
   if (size > data_in_file) return Status::Corruption("sst: unexpected EOF");
 
-  const std::size_t buffered = buffer.unread().size();
+  const std::size_t buffered = ahead.size();
+  buffer.Consume(buffer.unread().size() - buffered);
   const std::size_t wanted = std::max(size, read_size);
   read_size = std::max(read_size, std::min(2 * read_size, kMaxReadSize));
   const auto end =
@@ -143,6 +149,7 @@ Status SstReader::Iterator::Fill(std::size_t size) {
     return s;
   }
   buffer.Commit(end - buffered);
+  ahead = buffer.unread();
   return {};
 }
 

@@ -72,23 +72,26 @@ class SstReader::Iterator final : public EntrySource {
   Iterator(const SstReader* table, std::size_t first_read_size)
       : reader(table), read_size(first_read_size) {}
 
-  Status Seek(std::string_view target) override;
-  Status Next() override { return ReadEntry(); }
+  void Seek(std::string_view target) override;
+  void Next() override { ReadEntry(); }
 
   // Where in the file the current entry begins; after a failure, where the damaged one does.
-  std::uint64_t offset() const { return next_offset - consume; }
+  std::uint64_t offset() const { return next_offset - entry_size; }
 
  private:
   // Makes the entry at `next_offset` the current one; invalid at the end of the data.
-  Status ReadEntry();
+  void ReadEntry();
+  // The same when that entry is not yet in the buffer as a whole, or damaged.
+  Status ReadOn(EntryDefect defect);
   // Reads on until `size` bytes from `next_offset` on are in the buffer.
   Status Fill(std::size_t size);
 
   const SstReader* const reader;
   std::size_t read_size;
-  InputBuffer buffer;       // of the data from next_offset on, once `consume` bytes are dropped
-  std::size_t consume = 0;  // bytes of the current entry, which the buffer still holds
-  std::uint64_t next_offset = 0;  // of the entry after the current one
+  InputBuffer buffer;
+  std::string_view ahead;         // the end of the buffer: what is behind the current entry
+  std::uint64_t next_offset = 0;  // of the entry after the current one, where `ahead` begins
+  std::size_t entry_size = 0;     // bytes of the current entry
 };
 
 }  // namespace kandb::lsm

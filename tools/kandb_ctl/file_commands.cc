@@ -91,11 +91,12 @@ int PrintTable(const FileArguments& arguments, bool json) {
 
   EntryRows rows(arguments, crypto, json);
   lsm::SstReader::Iterator iterator(table.get(), lsm::SstReader::Iterator::kMaxReadSize);
-  Status status = iterator.Seek("");
-  for (; status.ok() && iterator.valid(); status = iterator.Next()) {
+  for (iterator.Seek(""); iterator.valid(); iterator.Next()) {
     rows.Write(iterator.offset(), iterator.entry());
   }
-  if (!status.ok()) return FailAt(arguments.path, iterator.offset(), status.message());
+  if (!iterator.status().ok()) {
+    return FailAt(arguments.path, iterator.offset(), iterator.status().message());
+  }
   return rows.ExitStatus();
 }
 

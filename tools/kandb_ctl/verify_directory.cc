@@ -217,8 +217,7 @@ void Verification::CheckEntries(const std::string& path, const lsm::SstReader& t
   std::string last_key;
   std::uint64_t count = 0;
   lsm::SstReader::Iterator iterator(&table, kReadSize);
-  Status status = iterator.Seek("");
-  for (; status.ok() && iterator.valid(); status = iterator.Next(), ++count) {
+  for (iterator.Seek(""); iterator.valid(); iterator.Next(), ++count) {
     const std::string_view key = iterator.entry().key;
     const std::uint64_t offset = iterator.offset();
     if (!table.MayContain(key)) denied.Add(offset);
@@ -235,7 +234,9 @@ void Verification::CheckEntries(const std::string& path, const lsm::SstReader& t
   Add(path, denied, "the filter denies this key");
   Add(path, unordered, "the key is not above the one before");
   Add(path, misplaced, "the index does not point here with this key");
-  if (!status.ok()) return Add(Place(path, iterator.offset()), status.message());
+  if (!iterator.status().ok()) {
+    return Add(Place(path, iterator.offset()), iterator.status().message());
+  }
 
   const std::uint64_t wanted = (count + lsm::kIndexInterval - 1) / lsm::kIndexInterval;
   if (index.size() > wanted) {
