@@ -52,7 +52,7 @@ Status LsmDb::FlushOldestMemTable() {
     number = next_file++;
   }
 
-  TableBuilder builder;
+  TableBuilder builder(oldest->ApproximateBytes());
   oldest->ForEach([&](const EntryView& entry) { builder.Add(entry); });
   const std::string path = TableFileName(directory, number);
   if (Status s = WriteTable(path, builder); !s.ok()) return s;

@@ -1,6 +1,7 @@
 // Builds a table in memory and publishes it as a file. The layout is in lsm/table_format.h.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,6 +15,10 @@ namespace kandb::lsm {
 // The encoded entries of a table to be. Not thread-safe.
 class TableBuilder {
  public:
+  // `expected_size`: bytes of encoded entries, so that they are not moved again and again as they
+  // become more; too much costs only address space.
+  explicit TableBuilder(std::size_t expected_size = 0) { data.reserve(expected_size); }
+
   // Keys must ascend, each once.
   void Add(const EntryView& entry);
 
