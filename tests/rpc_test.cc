@@ -1,11 +1,9 @@
 // Frames over a socket pair, and the server over loopback.
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <filesystem>
-#include <fstream>
 #include <latch>
 #include <thread>
 #include <vector>
@@ -211,42 +209,6 @@ TEST_F(ServerTest, AFaultEndsItsOwnConnectionOnly) {
   EXPECT_TRUE(Works(bystander.get()));
   EXPECT_TRUE(Eventually([&] { return count("/proc/self/fd") <= files_before; }));
   EXPECT_TRUE(Eventually([&] { return count("/proc/self/task") <= threads_before; }));
-}
-
-TEST_F(ServerTest, PromisedPayloadsTakeNoMemory) {
-  const auto resident_bytes = [] {
-    std::size_t total = 0;
-    std::size_t resident = 0;
-    std::ifstream("/proc/self/statm") >> total >> resident;
-    return resident * 4096;
-  };
-  const std::size_t before = resident_bytes();
-  std::vector<std::unique_ptr<RawConnection>> stalled;
-  for (int i = 0; i < 50; ++i) {
-    stalled.push_back(std::make_unique<RawConnection>(server.port()));
-    stalled.back()->Send(Hex("4b525043 00 0000000000000000 0000 00000004") + "a little");
-  }
-  EXPECT_TRUE(Works(Client().get()));
-  // 50 times 64 MiB were promised; threads and sanitizers need a little.
-  EXPECT_LT(resident_bytes() - before, std::size_t{64} << 20);
-}
-
-TEST_F(ServerTest, RefusesConnectionsNearTheDescriptorLimit) {
-  rlimit limit{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-  const rlimit low{.rlim_cur = 100, .rlim_max = limit.rlim_max};
-  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-  RpcServer small;
-  ASSERT_TRUE(small.Start(0, "127.0.0.1").ok());
-  std::vector<std::unique_ptr<RawConnection>> clients;
-  do {
-    clients.push_back(std::make_unique<RawConnection>(small.port()));
-    ASSERT_LT(clients.size(), 100u);
-  } while (clients.back()->Answers());
-  EXPECT_GT(clients.size(), 20u);
-  clients.resize(1);  // room again: the server has gone on accepting
-  EXPECT_TRUE(Eventually([&] { return RawConnection(small.port()).Answers(); }));
-  ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_F(ServerTest, StopWaitsForHandlersAndStartsNone) {
