@@ -65,15 +65,16 @@ void LsmDb::EndGroup(std::uint32_t group, WriterSlot* leader, const Status& stat
   for (WriterSlot* slot = leader->next; slot != nullptr; slot = slot->next) {
     slot->result = CopyOrOutOfMemory(status);
   }
+  // From here on the slots may be gone. This comes before the next group may begin, because the one
+  // after it shares the place, and its number must not be overwritten by this one.
+  committed_groups[group % 2].store(group);
   {
     MutexLock lock(&write_queue_mutex);
     committing = false;
   }
-  // The next leader first: the disk is idle until it runs. The locks are free by now, so that
-  // nobody wakes only to wait for one.
+  // The next leader first: the disk is idle until it runs. No lock is held, so that nobody wakes
+  // only to wait for one.
   leader_cv.NotifyOne();
-  // From here on the slots may be gone.
-  committed_groups[group % 2].store(group);
   committed_groups[group % 2].notify_all();
 }
 
