@@ -20,7 +20,7 @@ constexpr std::size_t kAlignment = 64;                       // bytes, a cache l
 void Arena::AddChunk(std::size_t size) {
   const std::size_t wanted = std::max(size, chunk_size);
   const std::size_t alignment = wanted < kHugePageSize ? kAlignment : kHugePageSize;
-  const std::size_t capacity = (wanted + kAlignment - 1) / kAlignment * kAlignment;
+  const std::size_t capacity = (wanted + alignment - 1) / alignment * alignment;
   // Not initialised: a page that is never used never becomes resident.
   std::unique_ptr<char, Free> chunk(static_cast<char*>(std::aligned_alloc(alignment, capacity)));
   if (chunk == nullptr) throw std::bad_alloc();
