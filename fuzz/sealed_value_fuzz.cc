@@ -13,7 +13,7 @@ void TryInput(std::string_view input) {
   static const store::StoreCrypto sealing = store::CryptoFor("fuzz");
   std::string opened;
   for (const store::StoreCrypto& mode : {sealing, store::StoreCrypto()}) {
-    Claim(OpenValue(mode, SealValue(mode, input), &opened).ok() && opened == input);
+    Claim(OpenValue(mode, SealValue(mode, std::string(input)), &opened).ok() && opened == input);
   }
   if (OpenValue(sealing, input, &opened).ok()) {
     const auto iv = LoadLittleEndian<crypto::Sm4Iv>(input.data());
