@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -170,7 +171,7 @@ struct Workload {
 };
 
 using namespace std::placeholders;
-const Workload kWorkloads[] = {
+const Workload workloads[] = {
     {"durable puts, 1 thread", "puts/s", false, 3000, std::bind(SyncedPuts, _1, _2, _3, 1)},
     {"durable puts, 64 threads", "puts/s", false, 60000, std::bind(SyncedPuts, _1, _2, _3, 64)},
     {"puts without sync", "puts/s", false, 1000000, UnsyncedPuts},
@@ -223,7 +224,7 @@ int Main(int argc, char** argv) {
   std::printf(
       "| workload | unit | raw log | leveldb | engine | engine : raw log | engine : leveldb |\n"
       "|---|---|---:|---:|---:|---:|---:|\n");
-  for (const Workload& workload : kWorkloads) {
+  for (const Workload& workload : workloads) {
     if (std::string_view(workload.name).find(only) != std::string_view::npos) {
       Run(workload, rounds, divisor);
     }
@@ -234,4 +235,9 @@ int Main(int argc, char** argv) {
 }  // namespace
 }  // namespace kandb::bench
 
-int main(int argc, char** argv) { return kandb::bench::Main(argc, argv); }
+int main(int argc, char** argv) try {
+  return kandb::bench::Main(argc, argv);
+} catch (const std::exception& failure) {
+  std::fprintf(stderr, "engine_bench: %s\n", failure.what());
+  return 1;
+}

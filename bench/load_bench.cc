@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
 #include <functional>
 #include <thread>
@@ -56,7 +57,7 @@ struct Method {
   std::function<std::string(const Size&, std::uint64_t i)> payload;  // of the i-th request
 };
 
-const Method kMethods[] = {
+const Method methods[] = {
     {"Pd.Tso", false, [](const Size&, std::uint64_t) { return Encode(pdpb::TsoRequest{1}); }},
     {"Pd.AllocId", false,
      [](const Size&, std::uint64_t) { return Encode(pdpb::AllocIdRequest{1}); }},
@@ -248,7 +249,7 @@ void MeasureSize(const Options& options, EchoProcess* echo, const Size& size, bo
                                  "--data_dir=" + dir.File("state"), "--target_replicas=3"});
   Check(!server.ReadBanner().empty(), "the server did not start");
   FillCluster(std::stoi(port), size);
-  for (const Method& method : kMethods) {
+  for (const Method& method : methods) {
     if (std::string_view(method.name).find(options.only) == std::string_view::npos) continue;
     if (!method.depends_on_size && !smallest) continue;
     const auto measure = [&](int connections, bool one_core) {
@@ -287,4 +288,9 @@ int Main(int argc, char** argv) {
 }  // namespace
 }  // namespace kandb::bench
 
-int main(int argc, char** argv) { return kandb::bench::Main(argc, argv); }
+int main(int argc, char** argv) try {
+  return kandb::bench::Main(argc, argv);
+} catch (const std::exception& failure) {
+  std::fprintf(stderr, "load_bench: %s\n", failure.what());
+  return 1;
+}

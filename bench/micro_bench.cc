@@ -60,26 +60,26 @@ void DecodeHeartbeat(benchmark::State& state) {
 }
 BENCHMARK(DecodeHeartbeat);
 
-const pdpb::Region kRegion = {
+const pdpb::Region region = {
     7, "start key", "stop key", {1, 1}, {{1, 1, {}}, {2, 2, {}}, {3, 3, {}}}};
-void DecodeRegion(benchmark::State& state) { DecodeMessage<pdpb::Region>(state, Encode(kRegion)); }
+void DecodeRegion(benchmark::State& state) { DecodeMessage<pdpb::Region>(state, Encode(region)); }
 BENCHMARK(DecodeRegion);
 // What a lookup does with each region that it passes.
 void DecodeRegionRange(benchmark::State& state) {
-  DecodeMessage<pdpb::RegionRange>(state, Encode(kRegion));
+  DecodeMessage<pdpb::RegionRange>(state, Encode(region));
 }
 BENCHMARK(DecodeRegionRange);
 
 constexpr std::uint64_t kRecords = 100000;
-const std::string kValue(150, 'v');
+const std::string record_value(150, 'v');
 
 void InsertIntoMemTable(benchmark::State& state) {
   for (auto _ : state) {
     lsm::MemTable memtable;
     for (std::uint64_t i = 0; i < kRecords; ++i) {
       const std::string key = RegionKey(i, kRecords);
-      memtable.Reserve(1, key.size() + kValue.size());
-      memtable.Apply(std::vector<lsm::EntryView>{{lsm::kPut, key, kValue}});
+      memtable.Reserve(1, key.size() + record_value.size());
+      memtable.Apply(std::vector<lsm::EntryView>{{lsm::kPut, key, record_value}});
     }
   }
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kRecords));
@@ -89,7 +89,7 @@ BENCHMARK(InsertIntoMemTable)->Unit(benchmark::kMillisecond);
 void InsertIntoMap(benchmark::State& state) {
   for (auto _ : state) {
     std::map<std::string, std::string> map;
-    for (std::uint64_t i = 0; i < kRecords; ++i) map[RegionKey(i, kRecords)] = kValue;
+    for (std::uint64_t i = 0; i < kRecords; ++i) map[RegionKey(i, kRecords)] = record_value;
   }
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kRecords));
 }
@@ -102,7 +102,7 @@ const lsm::SstReader& Table() {
     for (std::uint64_t i = 0; i < 1000000; ++i) keys.push_back(RegionKey(i, 1000000));
     std::sort(keys.begin(), keys.end());
     lsm::TableBuilder builder;
-    for (const std::string& key : keys) builder.Add({lsm::kPut, key, kValue});
+    for (const std::string& key : keys) builder.Add({lsm::kPut, key, record_value});
     const testing::TempDir dir;
     std::shared_ptr<lsm::SstReader> reader;
     Check(WriteTable(dir.File("sst"), builder));

@@ -31,7 +31,7 @@ Status LsmDb::Write(const std::vector<Entry>& batch) {
     WaitForCommit(place.group);
     return slot.result;
   }
-  const Status status = CommitGroup(&slot);
+  Status status = CommitGroup(&slot);
   EndGroup(place.group, &slot, status);
   return status;
 }

@@ -40,8 +40,8 @@ Status MetaStore::Delete(std::vector<std::string> keys) { return Write({}, std::
 Status MetaStore::Write(std::vector<KeyValue> puts, std::vector<std::string> deletes) {
   std::vector<lsm::Entry> batch;
   batch.reserve(puts.size() + deletes.size());
-  for (auto& [key, value] : puts) {
-    batch.push_back({lsm::kPut, std::move(key), SealValue(*crypto, std::move(value))});
+  for (KeyValue& put : puts) {
+    batch.push_back({lsm::kPut, std::move(put.first), SealValue(*crypto, std::move(put.second))});
   }
   for (std::string& key : deletes) batch.push_back({lsm::kDelete, std::move(key), {}});
   return db->Write(batch);
