@@ -1,19 +1,14 @@
-// What the engine is compared with, and the engine, behind one interface. Every failure ends the
-// program with an exception: a benchmark has nothing to recover.
+// What the engine is compared with, and the engine, behind one interface. Every failure is an
+// exception.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
 namespace kandb::bench {
-
-inline void Check(bool good, const std::string& what) {
-  if (!good) throw std::runtime_error(what);
-}
 
 // What a scan saw. Touches every key and value, as a caller would.
 struct ScanResult {

@@ -15,8 +15,8 @@
 #include <string>
 #include <thread>
 
+#include "bench_program.h"
 #include "common/posix_file.h"
-#include "contestant.h"
 #include "rpc/socket_io.h"
 
 namespace kandb::bench {

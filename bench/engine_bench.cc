@@ -10,11 +10,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <functional>
 #include <thread>
 #include <vector>
 
+#include "bench_program.h"
 #include "contestant.h"
 #include "support/temp_dir.h"
 
@@ -183,12 +183,6 @@ const Workload workloads[] = {
     {"recovery", "MB/s", false, 340000, Recovery},
 };
 
-double Median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
 void Run(const Workload& workload, int rounds, std::uint64_t divisor) {
   const Open contestants[] = {OpenRawLog, OpenLevelDb, OpenEngine};
   const std::uint64_t count = std::max<std::uint64_t>(workload.count / divisor, 64);
@@ -235,9 +229,4 @@ int Main(int argc, char** argv) {
 }  // namespace
 }  // namespace kandb::bench
 
-int main(int argc, char** argv) try {
-  return kandb::bench::Main(argc, argv);
-} catch (const std::exception& failure) {
-  std::fprintf(stderr, "engine_bench: %s\n", failure.what());
-  return 1;
-}
+int main(int argc, char** argv) { return kandb::bench::RunProgram(argc, argv, kandb::bench::Main); }

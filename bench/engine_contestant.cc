@@ -1,6 +1,7 @@
 #include <limits>
 #include <vector>
 
+#include "bench_program.h"
 #include "contestant.h"
 #include "lsm/lsm_db.h"
 

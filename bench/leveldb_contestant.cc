@@ -2,6 +2,7 @@
 #include <leveldb/db.h>
 #include <leveldb/filter_policy.h>
 
+#include "bench_program.h"
 #include "contestant.h"
 
 namespace kandb::bench {

@@ -12,13 +12,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <exception>
 #include <filesystem>
 #include <functional>
 #include <thread>
 #include <vector>
 
-#include "contestant.h"
+#include "bench_program.h"
 #include "echo_process.h"
 #include "kandb_tools/latency_histogram.h"
 #include "pdpb/messages.h"
@@ -179,12 +178,6 @@ Figures LoadEcho(int port, const EchoProcess::Sizes& sizes, int connections, dou
 
 // --- The table ---
 
-double Median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
 // Puts all threads of the process, and so those that they start later, on the first core or on all.
 void UseOneCore(pid_t process, bool one) {
   cpu_set_t cores;
@@ -288,9 +281,4 @@ int Main(int argc, char** argv) {
 }  // namespace
 }  // namespace kandb::bench
 
-int main(int argc, char** argv) try {
-  return kandb::bench::Main(argc, argv);
-} catch (const std::exception& failure) {
-  std::fprintf(stderr, "load_bench: %s\n", failure.what());
-  return 1;
-}
+int main(int argc, char** argv) { return kandb::bench::RunProgram(argc, argv, kandb::bench::Main); }

@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "bench_program.h"
 #include "common/endian.h"
 #include "common/posix_file.h"
 #include "contestant.h"
