@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "common/endian.h"
 #include "meta/pd_service.h"
 #include "support/temp_dir.h"
@@ -162,6 +164,33 @@ TEST_F(PdServiceTest, RoutesByRangesInTheOrderOfTheKeys) {
   EXPECT_TRUE(service->UpsertRegion({}, &response).ok());
 }
 
+// Keys that differ at every place of a word and by their lengths alone.
+TEST_F(PdServiceTest, RoutesKeysOfAnyLengthAsBytes) {
+  std::set<std::string> starts = {""};
+  for (std::size_t length = 1; length < 20; ++length) {
+    starts.insert(std::string(length, 'k'));
+    // What comes behind the first difference speaks against it.
+    starts.insert(std::string(length - 1, 'k') + "\x01zzzzzzzz");
+    starts.insert(std::string(length - 1, 'k') + "\xff" + "aaaaaaaa");
+  }
+  pdpb::UpsertRegionRequest request;
+  for (auto at = starts.begin(); at != starts.end(); ++at) {
+    const auto next = std::next(at);
+    request.regions.push_back(
+        {request.regions.size(), *at, next == starts.end() ? "" : *next, {}, {}});
+  }
+  pdpb::UpsertRegionResponse response;
+  ASSERT_TRUE(service->UpsertRegion(request, &response).ok());
+  for (const Region& region : request.regions) {
+    const std::string id = std::to_string(region.id);
+    EXPECT_EQ(Route(region.start_key), id);
+    // The smallest key behind the start.
+    const std::string successor = region.start_key + '\0';
+    if (successor == region.end_key) continue;
+    EXPECT_EQ(Route(successor), id);
+  }
+}
+
 TEST_F(PdServiceTest, DamagedRecordsAreSkippedOrNamed) {
   const Region good = {5, "", "m", {}, {{50, 1, {}}, {51, 2, {}}, {52, 3, {}}}};
   std::string bad_peer = Encode(Region{4, "", "m", {}, {{1, 1, {}}}});
@@ -180,7 +209,9 @@ TEST_F(PdServiceTest, DamagedRecordsAreSkippedOrNamed) {
   ASSERT_TRUE(store->Write({{"pd/store/1", "garbage"}}, {"pd/region/1"}).ok());
   EXPECT_EQ(Route("a"), "Corruption: bad store record");
   EXPECT_EQ(Route("z"), "NotFound: no region covers key");
-  ASSERT_TRUE(store->Delete({"pd/store/1"}).ok());
+  // Torn behind its range, which is elsewhere.
+  ASSERT_TRUE(store->Write({{"pd/region/6", Encode(good) + "torn"}}, {"pd/store/1"}).ok());
+  EXPECT_EQ(Route("z"), "Corruption: bad region record");
   EXPECT_EQ(Route("a"), "5");
   EXPECT_EQ(routed.leader.store_id, 1u);
   EXPECT_EQ(routed.leader_store, Store());

@@ -67,4 +67,7 @@ inline EntryDefect ParseEntry(std::string_view bytes, EntryView* entry, std::siz
   return EntryDefect::kNone;
 }
 
+// Where the bytes begin that ParseEntry read this entry from.
+inline const char* EncodedStart(const EntryView& parsed) { return parsed.key.data() - (1 + 4); }
+
 }  // namespace kandb::lsm

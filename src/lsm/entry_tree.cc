@@ -14,6 +14,14 @@ namespace {
 
 constexpr std::size_t kCapacity = 32;         // entries of a leaf, separators of an inner node
 constexpr std::size_t kMaxPrefixLength = 24;  // bytes
+constexpr std::size_t kCacheLine = 64;        // bytes
+// What a scan is likely to look at of each record, in bytes.
+constexpr std::size_t kRecordFront = 2 * kCacheLine;
+
+void Prefetch(const void* memory, std::size_t size) {
+  const auto* const bytes = static_cast<const char*>(memory);
+  for (std::size_t at = 0; at < size; at += kCacheLine) __builtin_prefetch(bytes + at);
+}
 
 std::size_t CommonPrefixLength(std::string_view a, std::string_view b) {
   const std::size_t limit = std::min(a.size(), b.size());
@@ -227,8 +235,7 @@ EntryTree::Leaf* EntryTree::FindLeaf(std::string_view key, Path* path) const {
     path->children[level] = child;
     node = inner->children[child];
     // All that a search may look at, at once: one cache miss instead of one after the other.
-    const char* const memory = static_cast<const char*>(node);
-    for (std::size_t at = 0; at < sizeof(Leaf); at += 64) __builtin_prefetch(memory + at);
+    Prefetch(node, sizeof(Leaf));
   }
   return static_cast<Leaf*>(node);
 }
@@ -278,8 +285,8 @@ void EntryTree::Position::Next() {
   index = 0;
   if (leaf == nullptr) return;
   // One cache miss after the other would be what a scan consists of.
-  __builtin_prefetch(leaf->next);
-  for (std::size_t i = 0; i < leaf->count; ++i) __builtin_prefetch(leaf->records[i]);
+  Prefetch(leaf->next, sizeof(Leaf));
+  for (std::size_t i = 0; i < leaf->count; ++i) Prefetch(leaf->records[i], kRecordFront);
 }
 
 }  // namespace kandb::lsm

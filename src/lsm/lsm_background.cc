@@ -12,6 +12,13 @@
 
 namespace kandb::lsm {
 
+namespace {
+
+// Of each table that is merged: the disk may have to seek from one to the other.
+constexpr std::size_t kMergeReadSize = 262144;  // bytes
+
+}  // namespace
+
 bool LsmDb::TooManyTables() const { return table_readers.size() > options.max_table_files; }
 
 Status LsmDb::SaveManifest() {
@@ -102,10 +109,9 @@ Status LsmDb::CompactAllTables() {
   std::vector<std::unique_ptr<EntrySource>> sources;
   sources.reserve(merged_readers.size());
   for (const auto& reader : merged_readers) {
-    sources.push_back(
-        std::make_unique<SstReader::Iterator>(reader.get(), SstReader::Iterator::kMaxReadSize));
+    sources.push_back(std::make_unique<SstReader::Iterator>(reader.get(), kMergeReadSize));
   }
-  MergingIterator merged(std::move(sources));
+  MergingIterator merged(std::move(sources), "");
   TableBuilder builder;
   for (merged.Seek(""); merged.valid(); merged.Next()) {
     // Deletions end here: the merge covers every table, and memtables are newer than all of them.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,41 +32,53 @@ class MemTableSource final : public EntrySource {
       : memtable(std::move(source)), end(end_bound) {}
 
   void Seek(std::string_view target) override { FillChunk(target); }
-  void Next() override;
 
  private:
+  void Refill() override;
   void FillChunk(std::string_view start);
 
   const std::shared_ptr<const MemTable> memtable;
   const std::string_view end;
   std::vector<EntryView> chunk;
-  std::size_t position = 0;  // of the current entry in the chunk
 };
 
 // The entries of several sources in key order, deletions included. Of entries with equal keys only
 // that of the source which stands first is seen.
 class MergingIterator {
  public:
-  // `ordered_sources`: newest first.
-  explicit MergingIterator(std::vector<std::unique_ptr<EntrySource>> ordered_sources)
-      : sources(std::move(ordered_sources)) {}
+  // `ordered_sources`: newest first. The merge ends before the key `end_bound` (borrowed, empty is
+  // none).
+  MergingIterator(std::vector<std::unique_ptr<EntrySource>> ordered_sources,
+                  std::string_view end_bound)
+      : sources(std::move(ordered_sources)), end(end_bound) {}
 
   void Seek(std::string_view target);
-  void Next();
+  void Next() {
+    run = run.subspan(1);
+    if (run.empty()) NextRun();
+  }
 
   // As those of a source.
-  bool valid() const { return winner != nullptr; }
+  bool valid() const { return !run.empty(); }
   const Status& status() const { return failure; }
   // Lives until the next call that moves the iterator.
-  const EntryView& entry() const { return winner->entry(); }
+  const EntryView& entry() const { return run.front(); }
 
  private:
-  // Drops the sources that have ended and finds the one with the smallest key.
+  void NextRun();
+  // Finds the source with the smallest key and how far its entries are the next ones of the merge.
   void Choose();
+  // Where the stretch of the winner is cut off by the keys of the others and by the end.
+  std::size_t RunLength() const;
 
   std::vector<std::unique_ptr<EntrySource>> sources;
+  const std::string_view end;
   EntrySource* winner = nullptr;
-  Status failure;  // of a source: it ends the merge
+  // Entries at the front of the winner's stretch, from the current one on, that all others follow:
+  // they are handed out without a comparison. Data of one kind mostly stands in one source.
+  std::span<const EntryView> run;
+  std::size_t run_length = 0;  // as it was chosen
+  Status failure;              // of a source: it ends the merge
 };
 
 // Hands the live pairs of `view` with start <= key < end (an empty bound is none) to `visit`, in

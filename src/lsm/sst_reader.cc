@@ -99,36 +99,53 @@ Status SstReader::Get(std::string_view key, bool* found, std::uint8_t* op,
 
 void SstReader::Iterator::Seek(std::string_view target) {
   failure = {};
+  at_hand = {};
   buffer.Clear();
   ahead = {};
   next_offset = reader->FindStretch(target).begin;
-  do {
-    ReadEntry();
-  } while (is_valid && current.key < target);
+  // One after the other: most of those in front of the target are not looked at again.
+  while (ReadEntry(entries)) {
+    if (entries[0].key < target) continue;
+    at_hand = {entries, 1};
+    return;
+  }
 }
 
-void SstReader::Iterator::ReadEntry() {
-  entry_size = 0;
-  is_valid = next_offset < reader->footer.index_offset;
-  if (!is_valid) return;
-  const EntryDefect defect = ParseEntry(ahead, &current, &entry_size);
-  if (defect != EntryDefect::kNone) {
-    failure = ReadOn(defect);
-    is_valid = failure.ok();
-    if (!is_valid) return;
-  }
-  ahead.remove_prefix(entry_size);
-  next_offset += entry_size;
+std::uint64_t SstReader::Iterator::offset() const {
+  if (!valid()) return next_offset;
+  return next_offset - static_cast<std::uint64_t>(ahead.data() - EncodedStart(entry()));
 }
 
-Status SstReader::Iterator::ReadOn(EntryDefect defect) {
-  while (defect != EntryDefect::kNone) {
-    const std::size_t wanted = std::exchange(entry_size, 0);
-    if (defect == EntryDefect::kBadOp) return Status::Corruption("sst bad record op");
-    if (Status s = Fill(wanted); !s.ok()) return s;
-    defect = ParseEntry(ahead, &current, &entry_size);
+void SstReader::Iterator::Refill() {
+  if (!ReadEntry(entries)) return;
+  std::size_t count = 1;
+  std::size_t size = 0;
+  std::string_view rest = ahead;
+  while (count < kStretchSize && ParseEntry(rest, &entries[count], &size) == EntryDefect::kNone) {
+    rest.remove_prefix(size);
+    ++count;
   }
-  return {};
+  MoveTo(rest);
+  at_hand = {entries, count};
+}
+
+bool SstReader::Iterator::ReadEntry(EntryView* entry) {
+  while (next_offset < reader->footer.index_offset) {
+    std::size_t size = 0;
+    const EntryDefect defect = ParseEntry(ahead, entry, &size);
+    if (defect == EntryDefect::kNone) {
+      MoveTo(ahead.substr(size));
+      return true;
+    }
+    failure = defect == EntryDefect::kBadOp ? Status::Corruption("sst bad record op") : Fill(size);
+    if (!failure.ok()) return false;
+  }
+  return false;
+}
+
+void SstReader::Iterator::MoveTo(std::string_view rest) {
+  next_offset += ahead.size() - rest.size();
+  ahead = rest;
 }
 
 Status SstReader::Iterator::Fill(std::size_t size) {

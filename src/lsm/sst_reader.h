@@ -66,32 +66,37 @@ class SstReader {
 // Walks over the entries of a table; used by one thread. The reader must outlive it.
 class SstReader::Iterator final : public EntrySource {
  public:
-  // Reads pieces of `first_read_size` bytes at first, twice as much each time up to kMaxReadSize,
-  // so that a short walk reads little and a long one in few calls.
-  static constexpr std::size_t kMaxReadSize = 262144;
+  // Reads pieces of `first_read_size` bytes at first, and if that is less than kMaxReadSize twice
+  // as much each time up to it, so that a short walk reads little and a long one in few calls.
+  // Larger pieces are no faster: they leave the processor's cache before they are looked at.
+  static constexpr std::size_t kMaxReadSize = 65536;
   Iterator(const SstReader* table, std::size_t first_read_size)
       : reader(table), read_size(first_read_size) {}
 
   void Seek(std::string_view target) override;
-  void Next() override { ReadEntry(); }
 
   // Where in the file the current entry begins; after a failure, where the damaged one does.
-  std::uint64_t offset() const { return next_offset - entry_size; }
+  std::uint64_t offset() const;
 
  private:
-  // Makes the entry at `next_offset` the current one; invalid at the end of the data.
-  void ReadEntry();
-  // The same when that entry is not yet in the buffer as a whole, or damaged.
-  Status ReadOn(EntryDefect defect);
+  // Decoded at once from what is in the buffer.
+  static constexpr std::size_t kStretchSize = 32;  // entries
+
+  void Refill() override;
+  // Reads the entry at `next_offset` and moves behind it; false at the end of the data or after a
+  // failure.
+  bool ReadEntry(EntryView* entry);
+  // `rest`, the end of `ahead`, is what has not been parsed yet.
+  void MoveTo(std::string_view rest);
   // Reads on until `size` bytes from `next_offset` on are in the buffer.
   Status Fill(std::size_t size);
 
   const SstReader* const reader;
   std::size_t read_size;
   InputBuffer buffer;
-  std::string_view ahead;         // the end of the buffer: what is behind the current entry
-  std::uint64_t next_offset = 0;  // of the entry after the current one, where `ahead` begins
-  std::size_t entry_size = 0;     // bytes of the current entry
+  std::string_view ahead;         // the end of the buffer: what is behind the stretch
+  std::uint64_t next_offset = 0;  // of the entry behind the stretch, where `ahead` begins
+  EntryView entries[kStretchSize];
 };
 
 }  // namespace kandb::lsm

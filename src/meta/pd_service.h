@@ -65,6 +65,10 @@ class PdService {
   void RegisterTo(kanrpc::RpcServer* server);
 
  private:
+  // routing.cc
+  // Fails as GetRegion does for want of a region.
+  Status FindRegion(std::string_view key, pdpb::Region* region) const;
+
   // heartbeat.cc
   Status ReadStores(std::vector<pdpb::Store>* stores) const;
   bool IsStaleReplica(std::uint64_t region_id, std::uint64_t store_id) const;

@@ -178,8 +178,10 @@ bool DecodeValue(std::string_view value, std::vector<T>* members, DecodeBudget* 
   return DecodeValue(value, &members->emplace_back(), budget);
 }
 
-// Takes the next field off `*bytes`; false when it is torn.
-inline bool TakeField(std::string_view* bytes, std::uint16_t* tag, std::string_view* value) {
+// Takes the next field off `*bytes`; false when it is torn. Always inline: left out of line, it
+// stores the halves of a view one by one, and whoever copies the view as a whole waits for them.
+[[gnu::always_inline]] inline bool TakeField(std::string_view* bytes, std::uint16_t* tag,
+                                             std::string_view* value) {
   if (bytes->size() < kFieldHeaderSize) return false;
   *tag = LoadU16(bytes->data());
   const std::uint32_t length = LoadU32(bytes->data() + 2);
@@ -208,6 +210,20 @@ bool ReserveElements(std::string_view bytes, std::uint16_t tag, std::vector<T>* 
   return true;
 }
 
+// Stops at the member that has the tag: true when the value fits it, and also when none has it.
+template <Message M>
+[[gnu::always_inline]] inline bool DecodeField(std::uint16_t tag, std::string_view value,
+                                               M* message, DecodeBudget* budget) {
+  const auto fits = [&](const auto&... field) __attribute__((always_inline)) {
+    bool good = true;
+    (void)((field.tag == tag &&
+            (good = DecodeValue(value, &(message->*field.member), budget), true)) ||
+           ...);
+    return good;
+  };
+  return std::apply(fits, M::Fields());
+}
+
 template <Message M>
 bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget) {
   const auto reserve = [&](const auto&... field) {
@@ -218,15 +234,7 @@ bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget) {
   std::uint16_t tag = 0;
   std::string_view value;
   while (TakeField(&bytes, &tag, &value)) {
-    // Stops at the field that has the tag: true when it decoded, and also when no field has it.
-    const auto fits = [&](const auto&... field) {
-      bool good = true;
-      (void)((field.tag == tag &&
-              (good = DecodeValue(value, &(message->*field.member), budget), true)) ||
-             ...);
-      return good;
-    };
-    if (!std::apply(fits, M::Fields())) return false;
+    if (!DecodeField(tag, value, message, budget)) return false;
   }
   return bytes.empty();
 }
@@ -239,6 +247,24 @@ template <Message M>
 bool Decode(std::string_view bytes, M* message) {
   DecodeBudget budget(bytes.size());
   return DecodeFields(bytes, message, &budget);
+}
+
+// The same for a message without repeated fields, but looks no further than the field that its list
+// ends with. False also when that does not occur. So it answers as Decode does for all that an
+// encoder wrote, and does not see what else may stand or be damaged behind that field.
+template <Message M>
+bool DecodeFront(std::string_view bytes, M* message) {
+  constexpr auto kFields = M::Fields();
+  constexpr std::uint16_t kLastTag =
+      std::get<std::tuple_size_v<decltype(kFields)> - 1>(kFields).tag;
+  DecodeBudget budget(bytes.size());
+  std::uint16_t tag = 0;
+  std::string_view value;
+  while (TakeField(&bytes, &tag, &value)) {
+    if (!DecodeField(tag, value, message, &budget)) return false;
+    if (tag == kLastTag) return true;
+  }
+  return false;
 }
 
 }  // namespace kandb::pdpb
