@@ -61,6 +61,7 @@ class Cluster {
   ~Cluster() { server.Stop(); }
 
   int port() const { return server.port(); }
+  const store::MetaStore& records() const { return *store; }
 
   static void Check(const Status& status) {
     if (!status.ok()) throw std::runtime_error(status.ToString());
@@ -132,6 +133,32 @@ BENCHMARK(GetRegion)
     ->Arg(1000)
     ->Arg(10000)
     ->Arg(100000)
+    ->Arg(1000000)
+    ->UseRealTime()
+    ->Setup(MakeCluster)
+    ->Teardown(DropCluster);
+
+// The engine's share of the same lookups: a pass over the records up to the one sought.
+void ScanToRegion(benchmark::State& state) {
+  const std::int64_t regions = state.range(0);
+  std::size_t bytes = 0;
+  std::int64_t i = 0;
+  for (auto _ : state) {
+    const std::uint64_t id = MakeRegion(i++ * 7919 % regions).id;
+    const auto look_at = [&](std::string_view key, std::string_view record) {
+      bytes += key.size() + record.size();
+      return true;
+    };
+    const std::string end = "pd/region/" + std::to_string(id) + '\0';
+    Cluster::Check(cluster->records().ForEach("pd/region/", end, 1000000, look_at));
+  }
+  benchmark::DoNotOptimize(bytes);
+}
+BENCHMARK(ScanToRegion)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Arg(1000000)
     ->UseRealTime()
     ->Setup(MakeCluster)
     ->Teardown(DropCluster);

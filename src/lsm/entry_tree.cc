@@ -49,7 +49,7 @@ struct EntryTree::Record {
 
   const char* bytes() const { return reinterpret_cast<const char*>(this + 1); }
   std::string_view key() const { return {bytes(), key_length}; }
-  std::string_view value() const { return {bytes() + key_length, value_length}; }
+  EntryView entry() const { return {op, key(), {bytes() + key_length, value_length}}; }
 };
 
 // The records of a node, by ascending keys. Records lie all over the memory, and to look at one
@@ -268,19 +268,24 @@ EntryTree::Position EntryTree::LowerBound(std::string_view key) const {
 
 EntryTree::Position::Position(const Leaf* entry_leaf, std::size_t entry_index)
     : leaf(entry_leaf), index(entry_index) {
-  if (leaf != nullptr && index == leaf->count) {
-    leaf = leaf->next;
-    index = 0;
+  if (leaf != nullptr && index == leaf->count) NextLeaf();
+}
+
+EntryView EntryTree::Position::entry() const { return leaf->records[index]->entry(); }
+
+void EntryTree::Position::Next() {
+  if (++index == leaf->count) NextLeaf();
+}
+
+void EntryTree::Position::Take(std::size_t limit, std::vector<EntryView>* out) {
+  while (valid() && out->size() < limit) {
+    const std::size_t end = std::min<std::size_t>(leaf->count, index + limit - out->size());
+    for (; index < end; ++index) out->push_back(leaf->records[index]->entry());
+    if (index == leaf->count) NextLeaf();
   }
 }
 
-EntryView EntryTree::Position::entry() const {
-  const Record* record = leaf->records[index];
-  return {record->op, record->key(), record->value()};
-}
-
-void EntryTree::Position::Next() {
-  if (++index < leaf->count) return;
+void EntryTree::Position::NextLeaf() {
   leaf = leaf->next;
   index = 0;
   if (leaf == nullptr) return;

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <string_view>
+#include <vector>
 
 #include "lsm/arena.h"
 #include "lsm/entry.h"
@@ -37,10 +38,14 @@ class EntryTree {
     bool valid() const { return leaf != nullptr; }
     EntryView entry() const;
     void Next();
+    // Appends the entries from here on to `*out`, which then has `limit` at most, and moves behind
+    // them.
+    void Take(std::size_t limit, std::vector<EntryView>* out);
 
    private:
     friend class EntryTree;
     Position(const Leaf* entry_leaf, std::size_t entry_index);
+    void NextLeaf();
 
     const Leaf* leaf;
     std::size_t index;

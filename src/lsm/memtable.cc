@@ -1,5 +1,7 @@
 #include "lsm/memtable.h"
 
+#include <algorithm>
+
 namespace kandb::lsm {
 
 namespace {
@@ -35,12 +37,14 @@ bool MemTable::Lookup(std::string_view key, std::uint8_t* op, std::string* value
 void MemTable::Dump(std::string_view start, std::string_view end, std::size_t limit,
                     std::vector<EntryView>* out) const {
   out->clear();
-  ReaderLock lock(&mutex);
-  for (auto at = entries.LowerBound(start); at.valid() && out->size() < limit; at.Next()) {
-    const EntryView entry = at.entry();
-    if (!end.empty() && entry.key >= end) break;
-    out->push_back(entry);
+  {
+    ReaderLock lock(&mutex);
+    entries.LowerBound(start).Take(limit, out);
   }
+  // Cut off afterwards: most dumps end before they come to `end`, and no key is compared with it.
+  if (end.empty() || out->empty() || out->back().key < end) return;
+  const auto before_end = [&](const EntryView& entry) { return entry.key < end; };
+  out->erase(std::partition_point(out->begin(), out->end(), before_end), out->end());
 }
 
 std::uint64_t MemTable::ApproximateBytes() const {
