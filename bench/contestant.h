@@ -41,9 +41,11 @@ struct ContestantOptions {
 
 std::unique_ptr<Contestant> OpenEngine(const ContestantOptions& options);
 
-// The highest of the public engines of this kind, with a filter of 10 bits a key, no compression,
-// and a cache that holds everything.
-std::unique_ptr<Contestant> OpenLevelDb(const ContestantOptions& options);
+// Public engines of this kind, with a filter, no compression, and a cache that holds everything.
+std::unique_ptr<Contestant> OpenLevelDb(const ContestantOptions& options);  // maps its tables
+std::unique_ptr<Contestant> OpenRocksDb(const ContestantOptions& options);  // positioned reads
+inline constexpr int kFilterBitsPerKey = 10;
+inline constexpr std::size_t kBlockCacheSize = std::size_t{512} << 20;  // bytes
 
 // Not an engine but the limit of one: a file of checked records with one write a record and one
 // fdatasync a group; a scan walks over contiguous records, which must have been put in key order;

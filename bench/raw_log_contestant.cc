@@ -58,7 +58,11 @@ class RawLog final : public Contestant {
     committed[group % 2].notify_all();
   }
 
+  // Of the records that were there when the log was opened, or compacted.
   bool Get(std::string_view key, std::string* value) override {
+    std::call_once(indexed, [this] {
+      ForEach([&](const Record& record) { index.emplace(record.key, record.value); });
+    });
     const auto found = index.find(key);
     if (found == index.end()) return false;
     *value = found->second;
@@ -71,11 +75,8 @@ class RawLog final : public Contestant {
     return result;
   }
 
-  // For a Get: the records that were there when the log was opened.
-  void Compact() override {
-    Recover();
-    ForEach([&](const Record& record) { index.emplace(record.key, record.value); });
-  }
+  // Before the first Get.
+  void Compact() override { Recover(); }
 
  private:
   static std::string Encode(std::string_view key, std::string_view value) {
@@ -114,6 +115,7 @@ class RawLog final : public Contestant {
   const bool sync;
   UniqueFd file;
   std::string buffer;  // the file as it was when it was opened
+  std::once_flag indexed;
   std::unordered_map<std::string_view, std::string_view> index;
 
   std::mutex mutex;  // guards what follows

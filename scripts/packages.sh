@@ -4,7 +4,8 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
 build_packages=(g++ cmake ninja-build)
 tool_packages=(libcli11-dev nlohmann-json3-dev)
-test_packages=(libgtest-dev libbenchmark-dev libssl-dev libleveldb-dev)
+test_packages=(libgtest-dev libbenchmark-dev libssl-dev libleveldb-dev librocksdb-dev
+  libisal-dev)
 check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
 # llvm: its symbolizer, which names the lines of a crash.
 fuzz_packages=(clang libclang-rt-14-dev llvm)
