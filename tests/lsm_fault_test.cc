@@ -150,18 +150,13 @@ TEST(Faults, NothingAcknowledgedIsLostWhicheverCallFails) {
 
 // Two tables, two logs, an unnamed table: each call of Open fails in turn.
 TEST(Faults, AnOpenThatFailsCanBeRepeated) {
-  const auto table_error = [](const TempDir& dir, int n) {
-    return "sst open " + TableFileName(dir.path(), static_cast<std::uint64_t>(n));
-  };
-  TempDir dir;
-  const std::string log_error = "wal open " + dir.path() + "/wal-00000";
   const struct {
     testing::CallKind kind;
     std::vector<std::string> errors;  // of the n-th call; "" when Open succeeds all the same
   } cases[] = {
       {kOpen,
-       {"manifest open", table_error(dir, 2), table_error(dir, 1), log_error + "3.log",
-        log_error + "4.log", log_error + "6.log", "manifest create"}},
+       {"manifest open", "sst open", "sst open", "wal open", "wal open", "wal open",
+        "manifest create"}},
       {kRead, std::vector<std::string>(6)},  // a log that cannot be read ends there, as if damaged
       {kPread, std::vector<std::string>(6, "sst pread")},
       {kWrite, {"manifest write"}},
@@ -169,29 +164,29 @@ TEST(Faults, AnOpenThatFailsCanBeRepeated) {
       {kRename, {"manifest rename failed"}},
       {kUnlink, {""}},
   };
+  const TempDir sound;
+  for (const std::uint64_t number : {1u, 2u, 5u}) {
+    TableBuilder table;
+    table.Add({kPut, number == 1 ? "a" : "b", std::to_string(number)});
+    ASSERT_TRUE(WriteTable(TableFileName(sound.path(), number), table).ok());
+  }
+  ASSERT_TRUE(WriteManifest(sound.path(), {.next_file = 3, .sst_files = {2, 1}}).ok());
+  WriteFile(sound.File("wal-000003.log"), BuildLogRecord({{kPut, "c", "3"}}));
+  WriteFile(sound.File("wal-000004.log"), BuildLogRecord({{kPut, "d", "4"}}));
   const Model everything = {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"d", "4"}};
   for (const auto& c : cases) {
-    int n = 0;
-    for (;; ++n) {
+    for (int n = 0;; ++n) {
       SCOPED_TRACE(::testing::Message() << "kind " << c.kind << ", call " << n + 1);
-      std::filesystem::remove_all(dir.path());
-      std::filesystem::create_directory(dir.path());
+      const TempDir dir;
+      std::filesystem::copy(sound.path(), dir.path());
       FaultInjector fault;
-      for (const std::uint64_t number : {1u, 2u, 5u}) {
-        TableBuilder table;
-        table.Add({kPut, number == 1 ? "a" : "b", std::to_string(number)});
-        ASSERT_TRUE(WriteTable(TableFileName(dir.path(), number), table).ok());
-      }
-      ASSERT_TRUE(WriteManifest(dir.path(), {.next_file = 3, .sst_files = {2, 1}}).ok());
-      WriteFile(dir.File("wal-000003.log"), BuildLogRecord({{kPut, "c", "3"}}));
-      WriteFile(dir.File("wal-000004.log"), BuildLogRecord({{kPut, "d", "4"}}));
-
       fault.Arm({.kind = c.kind, .first = n + 1});
       std::unique_ptr<LsmDb> db;
       const Status status = LsmDb::Open(dir.path(), kLarge, &db);
-      if (!fault.fired()) break;
+      const bool has_row = static_cast<std::size_t>(n) < c.errors.size();
+      ASSERT_EQ(fault.fired(), has_row);
+      if (!has_row) break;
       fault.Disarm();
-      ASSERT_LT(static_cast<std::size_t>(n), c.errors.size());
       const std::string& error = c.errors[static_cast<std::size_t>(n)];
       EXPECT_EQ(status.ok(), error.empty()) << status.ToString();
       EXPECT_TRUE(status.message().starts_with(error)) << status.ToString();
@@ -202,7 +197,6 @@ TEST(Faults, AnOpenThatFailsCanBeRepeated) {
       db.reset();
       EXPECT_EQ(ReadAll(*Open(dir.path(), kLarge)), everything);
     }
-    EXPECT_EQ(static_cast<std::size_t>(n), c.errors.size()) << c.kind;
   }
 }
 

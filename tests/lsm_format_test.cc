@@ -83,26 +83,34 @@ TEST(Wal, IsWrittenAndReplayed) {
   EXPECT_EQ(replayed, batch_entries);
 }
 
+std::string With(std::string bytes, std::size_t offset, char byte) {
+  bytes[offset] = byte;
+  return bytes;
+}
+
 TEST(Wal, ReplaysUpToTheDamage) {
   const std::string good = LogRecord(Hex(kBatchBytes));
   // Larger than the reader's buffer, so that it grows and records straddle its pieces.
   const std::string large = BuildLogRecord({{kPut, "large", std::string(3 << 20, 'l')}});
-  std::string flipped = good;
-  flipped.back() ^= 1;
-  const std::tuple<const char*, std::string, int> cases[] = {
+  std::vector<std::tuple<std::string, std::string, std::size_t>> cases = {
       {"whole", good + large + good + LogRecord(Hex("00000000")), 4},
       {"last byte missing", good + large + good.substr(0, good.size() - 1), 2},
-      {"half a header", good + good.substr(0, 7), 1},
-      {"a flipped bit", good + flipped + good, 1},
       {"record too long", good + Hex("00000000 01000004") + good, 1},
       {"longest record cut", good + Hex("00000000 00000004") + good, 1},
       {"empty payload", good + LogRecord("") + good, 1},
       {"undecodable payload", good + LogRecord(Hex("01000000 07")) + good, 1},
   };
+  const std::string log = good + good + good;
+  for (std::size_t i = 0; i < log.size(); ++i) {
+    const std::string place = std::to_string(i);
+    cases.emplace_back("cut at " + place, log.substr(0, i), i / good.size());
+    const auto flipped = static_cast<char>(log[i] ^ (1 << (i % 8)));
+    cases.emplace_back("flipped at " + place, With(log, i, flipped), i / good.size());
+  }
   TempDir dir;
   for (const auto& [name, bytes, batches] : cases) {
     WriteFile(dir.File("log"), bytes);
-    int replayed = 0;
+    std::size_t replayed = 0;
     EXPECT_TRUE(ReplayLog(dir.File("log"), [&](const auto&) { ++replayed; }).ok());
     EXPECT_EQ(replayed, batches) << name;
   }
@@ -116,14 +124,6 @@ Entry TableEntry(int i) {
   return {kPut, key, std::string(static_cast<std::size_t>(i % 7) * 900, 'v')};
 }
 
-std::string WriteEntries(const TempDir& dir, int count) {
-  TableBuilder builder;
-  for (int i = 0; i < count; ++i) builder.Add(TableEntry(i));
-  EXPECT_EQ(WriteTable(dir.File("t"), builder).ToString(), "OK");
-  EXPECT_FALSE(std::filesystem::exists(dir.File("t.tmp")));
-  return ReadFile(dir.File("t"));
-}
-
 // index_offset, index_size, filter_offset, filter_size, entry_count
 std::string Footer(const std::array<std::uint64_t, 5>& fields) {
   std::string footer;
@@ -132,32 +132,23 @@ std::string Footer(const std::array<std::uint64_t, 5>& fields) {
   return footer + Hex("3737 2746 e616 b606");
 }
 
-std::string With(std::string bytes, std::size_t offset, char byte) {
-  bytes[offset] = byte;
-  return bytes;
-}
-
 TEST(Table, FindsAndWalks) {
   for (const int count : {0, 1, 16, 17, 33, 400}) {
     SCOPED_TRACE(count);
     TempDir dir;
-    WriteEntries(dir, count);
+    TableBuilder builder;
+    for (int i = 0; i < count; ++i) builder.Add(TableEntry(i));
+    EXPECT_EQ(WriteTable(dir.File("t"), builder).ToString(), "OK");
     std::shared_ptr<SstReader> reader;
     ASSERT_TRUE(SstReader::Open(dir.File("t"), &reader).ok());
-    for (int i = 0; i < count; ++i) {
-      const Entry expected = TableEntry(i);
-      bool found = false;
-      Entry got;
-      ASSERT_TRUE(reader->Get(expected.key, &found, &got.op, &got.value).ok());
-      EXPECT_TRUE(found);
-      EXPECT_EQ(got.op, expected.op);
-      EXPECT_EQ(got.value, expected.value);
-      ASSERT_TRUE(reader->Get(expected.key + "x", &found, &got.op, &got.value).ok());
-      EXPECT_FALSE(found);
-    }
     // From each key, from just before it, from in front of all and from behind all.
     for (int from = -1; from <= count; ++from) {
       std::string target = from < 0 ? "" : TableEntry(from).key;
+      bool found = false;
+      Entry got = {0, target, ""};
+      ASSERT_TRUE(reader->Get(target, &found, &got.op, &got.value).ok());
+      EXPECT_EQ(found, from >= 0 && from < count);
+      EXPECT_TRUE(!found || got == TableEntry(from));
       if (from % 2 == 1) target.back() = static_cast<char>(target.back() - 1);
       SstReader::Iterator iterator(reader.get(), 64);
       iterator.Seek(target);
@@ -211,20 +202,6 @@ TEST(Table, DamageIsNamed) {
             "Corruption: sst open /nowhere/t: No such file or directory");
 }
 
-TEST(Table, AFailedWriteLeavesNothing) {
-  TempDir dir;
-  EXPECT_EQ(WriteTable(dir.File("no/t"), TableBuilder()).ToString(),
-            "Corruption: sst create: " + dir.File("no/t.tmp"));
-  std::filesystem::create_directory(dir.File("t"));
-  EXPECT_EQ(WriteTable(dir.File("t"), TableBuilder()).ToString(), "Corruption: sst rename failed");
-  std::filesystem::create_symlink("/dev/full", dir.File("full.tmp"));
-  TableBuilder builder;
-  builder.Add(TableEntry(0));
-  EXPECT_EQ(WriteTable(dir.File("full"), builder).ToString(),
-            "Corruption: sst write: No space left on device");
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 1);
-}
-
 TEST(Manifest, IsTextThatToleratesStrangers) {
   using Numbers = std::vector<std::uint64_t>;
   const std::tuple<const char*, std::uint64_t, Numbers> cases[] = {
@@ -253,11 +230,6 @@ TEST(Manifest, IsTextThatToleratesStrangers) {
   EXPECT_TRUE(ReadManifest(dir.path(), &untouched, &exists).ok());
   EXPECT_FALSE(exists);
   EXPECT_EQ(untouched.next_file, 77u);
-
-  std::filesystem::create_directory(dir.File("MANIFEST"));
-  EXPECT_EQ(WriteManifest(dir.path(), {}).ToString(), "Corruption: manifest rename failed");
-  EXPECT_EQ(WriteManifest(dir.File("no"), {}).ToString(),
-            "Corruption: manifest create: No such file or directory");
 }
 
 TEST(FileNames, AreWrittenPaddedAndReadByTheirDigits) {

@@ -285,8 +285,11 @@ struct SmallDisk {
 };
 
 // Writes regions of 4 MiB, and remembers which were acknowledged.
-class LargeRegions {
- public:
+struct LargeRegions {
+  static Region Get(std::size_t i) {
+    return RegionAtKey(1000 + i, "k" + std::to_string(1000 + i), 4 * kMiB);
+  }
+
   Status WriteNext(int port) {
     UpsertRegionResponse done;
     Status status = Caller(port).UpsertRegion({{Get(acknowledged.size())}, {}}, &done);
@@ -294,22 +297,19 @@ class LargeRegions {
     return status;
   }
 
-  // Acknowledged regions are there, refused ones are not, and timestamps are handed out.
+  // Acknowledged regions are there, refused ones are not; timestamps and heartbeats go on.
   void Check(int port) const {
     Caller caller(port);
     TsoResponse timestamp;
     EXPECT_TRUE(caller.Tso({1}, &timestamp).ok());
+    RegionHeartbeatResponse answer_to_heartbeat;
+    EXPECT_TRUE(caller.RegionHeartbeat({1, {}, {1000}}, &answer_to_heartbeat).ok());
     for (std::size_t i = 0; i < acknowledged.size(); ++i) {
       GetRegionResponse answer;
       const Status status = caller.GetRegion({Get(i).start_key}, &answer);
       EXPECT_EQ(status.message(), acknowledged[i] ? "" : "remote: NotFound: no region covers key");
       EXPECT_TRUE(answer.region == (acknowledged[i] ? Get(i) : Region())) << i;
     }
-  }
-
- private:
-  static Region Get(std::size_t i) {
-    return RegionAtKey(1000 + i, "k" + std::to_string(1000 + i), 4 * kMiB);
   }
 
   std::vector<bool> acknowledged;
@@ -343,23 +343,6 @@ TEST(ProcessFaults, AFullDiskRefusesChangesUntilThereIsRoom) {
   EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(log); }));
   server.Kill();
   regions.Check(ListeningServer(disk.dir.path()).port());
-}
-
-// The second log is a device that is always full, and of which nothing can be cut off.
-TEST(ProcessFaults, ALogThatTakesNothingRefusesChangesUntilARestart) {
-  const TempDir dir;
-  ListeningServer server(dir.path());
-  std::filesystem::create_symlink("/dev/full", dir.File("pd-data/wal-000002.log"));
-  LargeRegions regions;
-  for (int i = 0; i < kLogCapacity; ++i) ASSERT_TRUE(regions.WriteNext(server.port()).ok());
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(regions.WriteNext(server.port()).message(), kFull);
-  const std::string first_log = dir.File("pd-data/wal-000001.log");
-  EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(first_log); }));
-  regions.Check(server.port());  // from the table that was made of it
-  server.Kill();
-  const ListeningServer restarted(dir.path());
-  EXPECT_TRUE(regions.WriteNext(restarted.port()).ok());
-  regions.Check(restarted.port());
 }
 
 }  // namespace
