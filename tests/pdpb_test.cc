@@ -142,31 +142,5 @@ TEST(Decode, RefusesElementsThatTakeMuchMoreMemoryThanTheirEncoding) {
   EXPECT_TRUE(Decode(Encode(heartbeat), &decoded));
 }
 
-// Every prefix of a message and every single flipped byte either decodes or does not; what decodes
-// must encode and decode again.
-TEST(Decode, SurvivesDamage) {
-  BootstrapRequest request;
-  request.store.address = "s";
-  request.region = MakeRegion();
-  request.extra_regions = {MakeRegion()};
-  const std::string whole = Encode(request);
-  int decoded = 0;
-  const auto check = [&](const std::string& bytes) {
-    BootstrapRequest first;
-    if (!Decode(bytes, &first)) return;
-    ++decoded;
-    BootstrapRequest second;
-    ASSERT_TRUE(Decode(Encode(first), &second));
-    EXPECT_EQ(Encode(first), Encode(second));
-  };
-  for (std::size_t size = 0; size <= whole.size(); ++size) check(whole.substr(0, size));
-  EXPECT_EQ(decoded, 4);  // the empty prefix, and one after each top-level field
-  for (std::size_t i = 0; i < whole.size(); ++i) {
-    std::string damaged = whole;
-    damaged[i] = static_cast<char>(~damaged[i]);
-    check(damaged);
-  }
-}
-
 }  // namespace
 }  // namespace kandb::pdpb
