@@ -133,32 +133,6 @@ TEST(Sm4Cbc, AgreesWithOpenSsl) {
   }
 }
 
-TEST(Sm4Cbc, NamesTheDamage) {
-  const Sm4Key key = {0xc0, 0xff, 0xee};
-  const auto decrypt = [&](const std::string& ciphertext) {
-    std::string plaintext = "old";
-    const Status status = Sm4CbcDecrypt(ciphertext, key, Sm4Iv{}, &plaintext);
-    EXPECT_EQ(plaintext, "old");
-    return status.ToString();
-  };
-  for (const std::size_t size : {0u, 15u, 17u}) {
-    EXPECT_EQ(decrypt(std::string(size, 'x')),
-              "InvalidArgument: sm4: ciphertext not block-aligned");
-  }
-  const std::string badly_padded[] = {
-      std::string(15, 'x') + '\0',
-      std::string(16, '\x11'),
-      std::string(13, 'x') + Hex("02 03 03"),
-      "x" + std::string(15, '\x10'),
-  };
-  for (std::string block : badly_padded) {
-    SCOPED_TRACE(::testing::PrintToString(block));
-    // Under an IV of zeros the first block of a chain is that of the bare cipher.
-    Sm4(key).EncryptBlock(block.data(), block.data());
-    EXPECT_EQ(decrypt(block), "InvalidArgument: sm4: bad padding");
-  }
-}
-
 // The expected bits were computed apart from this code, with integers of unlimited size.
 TEST(Bloom, SerialisedBytes) {
   const struct {
@@ -181,28 +155,13 @@ TEST(Bloom, SerialisedBytes) {
   }
 }
 
-TEST(BloomView, OnlyAFilterExcludes) {
-  const char* const excluding[] = {
-      "40000000 06 0000000000000000",
-      "40000000 06 0010040100802000",  // only the last probe is clear
-      "3d000000 03 0000000010000002",  // the same with 61 bits
-      "40000000 ff 0000000000000000",
-  };
-  const char* const admitting[] = {
-      "3d000000 03 0000020010000002",  // the three probes of "a" in 61 bits
-      "40000000 00 0000000000000000",  // no probes
-      "00000000 06",
-      "40000000",
-      "40000000 06 00000000000000",
-      "40000000 06 000000000000000000",
-      "ffffffff 06",  // the number of bytes wraps to 0 in 32 bits
-  };
-  for (const char* digits : excluding) {
-    EXPECT_FALSE(BloomFilterView(Hex(digits)).MayContain("a")) << digits;
-  }
-  for (const char* digits : admitting) {
-    EXPECT_TRUE(BloomFilterView(Hex(digits)).MayContain("a")) << digits;
-  }
+// The filter that holds "a", with 61 bits, and what is left of it after damage.
+TEST(BloomView, OnlyASoundFilterExcludes) {
+  EXPECT_TRUE(BloomFilterView(Hex("3d000000 03 0000020010000002")).MayContain("a"));
+  EXPECT_FALSE(BloomFilterView(Hex("3d000000 03 0000000010000002")).MayContain("a"));
+  EXPECT_TRUE(BloomFilterView(Hex("3d000000 03 00000000100000")).MayContain("a"));
+  // The number of bytes wraps to 0 in 32 bits.
+  EXPECT_TRUE(BloomFilterView(Hex("ffffffff 06")).MayContain("a"));
 }
 
 }  // namespace
