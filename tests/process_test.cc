@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "client/pd_client.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
 
@@ -10,7 +9,9 @@ namespace kandb {
 namespace {
 
 using namespace pdpb;  // NOLINT(google-build-using-namespace): every message is used here
+using testing::Caller;
 using testing::FreePort;
+using testing::ListeningServer;
 using testing::ServerProcess;
 using testing::TempDir;
 
@@ -25,6 +26,8 @@ constexpr char kUsage[] =
 TEST(Process, EndsWithAnErrorThatNamesTheCause) {
   TempDir dir;
   testing::WriteFile(dir.File("file"), "");
+  kanrpc::RpcServer holder;
+  ASSERT_TRUE(holder.Start(0, "127.0.0.1").ok());
   const struct {
     std::vector<std::string> arguments;
     int exit_status;
@@ -38,6 +41,13 @@ TEST(Process, EndsWithAnErrorThatNamesTheCause) {
       {{"--bind_addr=localhost"},
        1,
        "failed to start pd: InvalidArgument: invalid IPv4 bind address: localhost\n"},
+      {{"--port=65536"},
+       1,
+       "failed to start pd: Corruption: bind 0.0.0.0:65536 failed: Invalid argument\n"},
+      {{"--port=" + std::to_string(holder.port())},
+       1,
+       "failed to start pd: Corruption: bind 0.0.0.0:" + std::to_string(holder.port()) +
+           " failed: Address already in use\n"},
   };
   for (const auto& c : cases) {
     ServerProcess server(c.arguments, dir.path());
@@ -47,30 +57,15 @@ TEST(Process, EndsWithAnErrorThatNamesTheCause) {
   }
 }
 
-class ClusterTest : public ::testing::Test {
- protected:
-  ClusterTest()
-      : port(FreePort()), rpc("127.0.0.1:" + std::to_string(port), {60000, 1}), client(&rpc) {
-    Start();
-  }
-
-  void Start() {
-    server = std::make_unique<ServerProcess>(
-        std::vector<std::string>{"--port=" + std::to_string(port), "--bind_addr", "127.0.0.1",
-                                 "--target_replicas=2"},
-        dir.path());
-    ASSERT_EQ(server->ReadBanner(), "kandb-meta listening on 127.0.0.1:" + std::to_string(port) +
-                                        ", state at ./pd-data\n");
-  }
-
-  TempDir dir;
-  int port;
-  std::unique_ptr<ServerProcess> server;
-  kanrpc::RpcClient rpc;
-  client::PdClient client;
-};
-
-TEST_F(ClusterTest, DoesItsMainJobAcrossARestart) {
+TEST(Process, DoesItsMainJobAcrossARestart) {
+  const TempDir dir;
+  const std::string port = std::to_string(FreePort());
+  const std::vector<std::string> arguments = {"--port=" + port, "--bind_addr", "127.0.0.1",
+                                              "--target_replicas=2"};
+  const std::string banner = "kandb-meta listening on 127.0.0.1:" + port + ", state at ./pd-data\n";
+  auto server = std::make_unique<ServerProcess>(arguments, dir.path());
+  ASSERT_EQ(server->ReadBanner(), banner);
+  Caller client(std::stoi(port));
   AllocIdResponse ids;
   ASSERT_TRUE(client.AllocId({5}, &ids).ok());
   EXPECT_EQ(ids.first_id, 1024u);
@@ -87,7 +82,8 @@ TEST_F(ClusterTest, DoesItsMainJobAcrossARestart) {
             (std::vector<ScheduleCommand>{{ScheduleKind::kAddPeer, 1024, 2, "s2:20"}}));
 
   server->Kill();
-  Start();
+  server = std::make_unique<ServerProcess>(arguments, dir.path());
+  ASSERT_EQ(server->ReadBanner(), banner);
   EXPECT_FALSE(client.AllocId({1}, &ids).ok());  // over the connection that was lost
   ASSERT_TRUE(client.AllocId({1}, &ids).ok());
   EXPECT_GT(ids.first_id, 1028u);
@@ -99,7 +95,9 @@ TEST_F(ClusterTest, DoesItsMainJobAcrossARestart) {
   EXPECT_EQ(routed.stores, stores);
 }
 
-TEST_F(ClusterTest, ASecondServerOnTheDirectoryIsRefused) {
+TEST(Process, ASecondServerOnTheDirectoryIsRefused) {
+  const TempDir dir;
+  const ListeningServer first(dir.path());
   ServerProcess second({"--port=0"}, dir.path());
   std::string error;
   EXPECT_EQ(second.WaitForExit(&error), 1);

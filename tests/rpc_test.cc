@@ -5,7 +5,7 @@
 
 #include <latch>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "pdpb/messages.h"
 #include "rpc/frame.h"
@@ -53,26 +53,21 @@ TEST(Frame, HasThisLayout) {
 }
 
 TEST(FrameReader, NamesTheFault) {
-  std::vector<std::pair<std::string, std::string>> cases = {
+  const std::pair<std::string, const char*> cases[] = {
+      {PingFrame().replace(0, 4, "KRPD"), "bad magic"},
+      {PingFrame().replace(22, 1, "x"), "frame crc mismatch"},
       {Hex("4b525043 00 0000000000000000 0101"), "method too long"},
       {Hex("4b525043 00 0000000000000000 0000 01000004"), "payload too large"},
       // The largest payload is waited for, and memory for it is not taken before it arrives.
       {Hex("4b525043 00 0000000000000000 0000 00000004"), "io timeout"},
       {"", "io timeout"},
   };
-  for (std::size_t i = 0; i < PingFrame().size(); ++i) {
-    // A flip in a length may make the frame longer, and then the rest of it does not come.
-    if (i == 13 || i == 14 || (i >= 17 && i < 21)) continue;
-    std::string damaged = PingFrame();
-    damaged[i] = static_cast<char>(damaged[i] ^ 0x10);
-    cases.emplace_back(damaged, i < 4 ? "bad magic" : "frame crc mismatch");
-  }
   for (const auto& [bytes, message] : cases) {
     SocketPair pair;
     ASSERT_TRUE(WriteAll(pair.far.get(), bytes, -1).ok());
     FrameReader reader(pair.near.get());
     Frame frame;
-    EXPECT_EQ(reader.Read(&frame, 0).ToString(), "Corruption: kanrpc: " + message);
+    EXPECT_EQ(reader.Read(&frame, 0).ToString(), std::string("Corruption: kanrpc: ") + message);
   }
 }
 
@@ -187,28 +182,6 @@ TEST_F(ServerTest, StopWaitsForHandlersAndStartsNone) {
   stopper.join();
   EXPECT_LT(RawConnection(server.port()).fd(), 0);
   server.Stop();
-}
-
-TEST(RpcServer, NamesWhyItCannotStart) {
-  RpcServer holder;
-  ASSERT_TRUE(holder.Start(0, "127.0.0.1").ok());
-  const std::string port = std::to_string(holder.port());
-  const struct {
-    int port;
-    const char* address;
-    std::string error;
-  } cases[] = {
-      {0, "localhost", "InvalidArgument: invalid IPv4 bind address: localhost"},
-      {0, "", "InvalidArgument: invalid IPv4 bind address: "},
-      {-1, "127.0.0.1", "Corruption: bind 127.0.0.1:-1 failed: Invalid argument"},
-      {65536, "127.0.0.1", "Corruption: bind 127.0.0.1:65536 failed: Invalid argument"},
-      {holder.port(), "127.0.0.1",
-       "Corruption: bind 127.0.0.1:" + port + " failed: Address already in use"},
-  };
-  for (const auto& c : cases) {
-    RpcServer server;
-    EXPECT_EQ(server.Start(c.port, c.address).ToString(), c.error);
-  }
 }
 
 }  // namespace
