@@ -20,7 +20,8 @@ constexpr LsmDb::Options kLarge = {
     .write_buffer_size = 1 << 20, .max_table_files = 8, .sync = true};
 constexpr LsmDb::Options kTiny = {.write_buffer_size = 200, .max_table_files = 1, .sync = true};
 
-TEST(Faults, AFailedSyncOrWriteTakesTheGroupBack) {
+// It would stand behind a torn record. Where the log can be cut back, the sweep below goes on.
+TEST(Faults, NothingIsWrittenToALogThatCannotBeCutBack) {
   const struct {
     Fault fault;
     const char* error;
@@ -30,29 +31,22 @@ TEST(Faults, AFailedSyncOrWriteTakesTheGroupBack) {
        "Corruption: wal write: No space left on device"},
       {{.kind = kFdatasync}, "Corruption: wal fdatasync: Input/output error"},
   };
-  for (const bool cut_fails : {false, true}) {
-    for (const auto& c : cases) {
-      SCOPED_TRACE(c.error);
-      TempDir dir;
-      FaultInjector fault;
-      auto db = Open(dir.path(), kLarge);
-      ASSERT_TRUE(db->Write({{kPut, "a", "1"}}).ok());
-      fault.Arm(c.fault);
-      if (cut_fails) fault.Arm({.kind = kFtruncate});
-      EXPECT_EQ(db->Write({{kPut, "a", "2"}}).ToString(), c.error);
-      EXPECT_EQ(ReadAll(*db), (Model{{"a", "1"}}));
-      // A log that could not be cut back takes nothing more: it would stand behind a torn record.
-      EXPECT_EQ(db->Write({{kPut, "b", "3"}}).ToString(), cut_fails ? c.error : "OK");
-      Model expected = {{"a", "1"}};
-      if (!cut_fails) expected["b"] = "3";
-      EXPECT_EQ(ReadAll(*db), expected);
-      db.reset();
-      // What was written whole, but neither synced nor cut back, comes back.
-      if (cut_fails && c.fault.kind == kFdatasync) expected["a"] = "2";
-      db = Open(dir.path(), kLarge);
-      EXPECT_EQ(ReadAll(*db), expected);
-      EXPECT_TRUE(db->Write({{kPut, "c", "4"}}).ok());
-    }
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.error);
+    TempDir dir;
+    FaultInjector fault;
+    auto db = Open(dir.path(), kLarge);
+    ASSERT_TRUE(db->Write({{kPut, "a", "1"}}).ok());
+    fault.Arm(c.fault);
+    fault.Arm({.kind = kFtruncate});
+    EXPECT_EQ(db->Write({{kPut, "a", "2"}}).ToString(), c.error);
+    EXPECT_EQ(db->Write({{kPut, "b", "3"}}).ToString(), c.error);
+    EXPECT_EQ(ReadAll(*db), (Model{{"a", "1"}}));
+    db.reset();
+    // What was written whole, but neither synced nor cut back, comes back.
+    db = Open(dir.path(), kLarge);
+    EXPECT_EQ(ReadAll(*db), (Model{{"a", c.fault.kind == kFdatasync ? "2" : "1"}}));
+    EXPECT_TRUE(db->Write({{kPut, "c", "4"}}).ok());
   }
 }
 
@@ -215,16 +209,15 @@ TEST(Faults, InterruptedAndShortTransfersAreContinued) {
   TempDir dir;
   const ShortTransfers transfers;
   Model model;
-  for (int i = 0; i < 8; ++i) {
+  for (int i = 0; i < 20; ++i) {
     auto db = Open(dir.path(), kTiny);
     EXPECT_EQ(ReadAll(*db), model);
-    for (int j = 0; j < 5; ++j) {
-      const Batch batch = {{kPut, "k" + std::to_string(i % 3 + j), std::to_string(100 * i + j)}};
-      ASSERT_TRUE(db->Write(batch).ok());
-      Apply(batch, &model);
-    }
+    const Batch batch = {{kPut, "k" + std::to_string(i % 7), std::string(150, 'v')},
+                         {kPut, "last", std::to_string(i)}};
+    ASSERT_TRUE(db->Write(batch).ok());
+    Apply(batch, &model);
     db->WaitForBackgroundIdle();
-    EXPECT_EQ(db->TableFileCount(), i == 0 ? 0u : 1u);
+    EXPECT_EQ(db->TableFileCount(), 1u);
   }
 }
 

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <array>
 #include <filesystem>
 #include <tuple>
@@ -10,7 +9,6 @@
 #include "crypto/crc32c.h"
 #include "lsm/manifest.h"
 #include "lsm/sst_reader.h"
-#include "lsm/table_writer.h"
 #include "lsm/wal.h"
 #include "lsm/write_batch.h"
 #include "support/hex.h"
@@ -72,8 +70,6 @@ TEST(Wal, IsWrittenAndReplayed) {
   ASSERT_TRUE(log.Append(BuildLogRecord(batch_entries)).ok());
   ASSERT_TRUE(log.Sync().ok());
   EXPECT_EQ(ReadFile(dir.File("log")), LogRecord(Hex(kBatchBytes)));
-  EXPECT_EQ(OpenLogForAppend(dir.File("no/log"), &log).ToString(),
-            "Corruption: wal open " + dir.File("no/log") + ": No such file or directory");
 
   std::vector<Entry> replayed;
   const auto collect = [&](const std::vector<EntryView>& batch) { replayed = Own(batch); };
@@ -116,52 +112,12 @@ TEST(Wal, ReplaysUpToTheDamage) {
   }
 }
 
-// Table keys in order: "k000", "k002", ... with a deletion at every fifth.
-Entry TableEntry(int i) {
-  char key[8];
-  std::snprintf(key, sizeof(key), "k%03d", 2 * i);
-  if (i % 5 == 4) return {kDelete, key, ""};
-  return {kPut, key, std::string(static_cast<std::size_t>(i % 7) * 900, 'v')};
-}
-
 // index_offset, index_size, filter_offset, filter_size, entry_count
 std::string Footer(const std::array<std::uint64_t, 5>& fields) {
   std::string footer;
   for (const std::uint64_t field : fields) AppendU64(field, &footer);
   AppendU32(crypto::Crc32c(footer), &footer);
   return footer + Hex("3737 2746 e616 b606");
-}
-
-TEST(Table, FindsAndWalks) {
-  for (const int count : {0, 1, 16, 17, 33, 400}) {
-    SCOPED_TRACE(count);
-    TempDir dir;
-    TableBuilder builder;
-    for (int i = 0; i < count; ++i) builder.Add(TableEntry(i));
-    EXPECT_EQ(WriteTable(dir.File("t"), builder).ToString(), "OK");
-    std::shared_ptr<SstReader> reader;
-    ASSERT_TRUE(SstReader::Open(dir.File("t"), &reader).ok());
-    // From each key, from just before it, from in front of all and from behind all.
-    for (int from = -1; from <= count; ++from) {
-      std::string target = from < 0 ? "" : TableEntry(from).key;
-      bool found = false;
-      Entry got = {0, target, ""};
-      ASSERT_TRUE(reader->Get(target, &found, &got.op, &got.value).ok());
-      EXPECT_EQ(found, from >= 0 && from < count);
-      EXPECT_TRUE(!found || got == TableEntry(from));
-      if (from % 2 == 1) target.back() = static_cast<char>(target.back() - 1);
-      SstReader::Iterator iterator(reader.get(), 64);
-      iterator.Seek(target);
-      for (int i = std::max(from, 0); i < count; ++i) {
-        ASSERT_TRUE(iterator.valid());
-        EXPECT_EQ(iterator.entry().key, TableEntry(i).key);
-        EXPECT_EQ(iterator.entry().value, TableEntry(i).value);
-        iterator.Next();
-      }
-      EXPECT_FALSE(iterator.valid());
-      EXPECT_TRUE(iterator.status().ok());
-    }
-  }
 }
 
 TEST(Table, DamageIsNamed) {
@@ -230,19 +186,6 @@ TEST(Manifest, IsTextThatToleratesStrangers) {
   EXPECT_TRUE(ReadManifest(dir.path(), &untouched, &exists).ok());
   EXPECT_FALSE(exists);
   EXPECT_EQ(untouched.next_file, 77u);
-}
-
-TEST(FileNames, AreWrittenPaddedAndReadByTheirDigits) {
-  EXPECT_EQ(TableFileName("d", 5), "d/sst-000005.sst");
-  EXPECT_EQ(LogFileName("d", 1234567), "d/wal-1234567.log");
-  TempDir dir;
-  for (const char* name : {"wal-000010.log", "wal-7.tmp", "wal-007", "wal-x.log", "xwal-1.log",
-                           "sst-3.sst.part", "sst-000002.sst", "MANIFEST"}) {
-    WriteFile(dir.File(name), "");
-  }
-  const FileNumbers numbers = ListFileNumbers(dir.path());
-  EXPECT_EQ(numbers.logs, (std::vector<std::uint64_t>{7, 10}));
-  EXPECT_EQ(numbers.tables, (std::vector<std::uint64_t>{2, 3}));
 }
 
 }  // namespace
