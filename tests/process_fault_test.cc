@@ -6,13 +6,11 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <iterator>
 #include <map>
 #include <mutex>
 #include <random>
@@ -41,29 +39,25 @@ Region RegionAtKey(std::uint64_t id, const std::string& key, std::size_t padding
 // --- Killed under load ---
 
 // Numbers that were handed out in runs: none twice, and none below one that somebody had before it
-// was asked for. The first number of a run, mapped to one past its last.
+// was asked for. One past the last number of a run, mapped to its first.
 class HandedOut {
  public:
-  std::uint64_t end() const { return highest_end; }
+  std::uint64_t end() {
+    const std::lock_guard lock(mutex);
+    return runs.empty() ? 0 : runs.rbegin()->first;
+  }
 
   // `floor` is what end() was before the request.
   void Add(std::uint64_t floor, std::uint64_t first, std::uint64_t count) {
     const std::lock_guard lock(mutex);
-    const auto [run, is_new] = runs.emplace(first, first + count);
-    const auto next = std::next(run);
-    EXPECT_TRUE(is_new && first >= floor && (next == runs.end() || next->first >= first + count) &&
-                (run == runs.begin() || std::prev(run)->second <= first))
-        << first;
-    highest_end = std::max(end(), first + count);
+    const auto next = runs.upper_bound(first);
+    EXPECT_TRUE(first >= floor && (next == runs.end() || next->second >= first + count)) << first;
+    runs[first + count] = first;
   }
 
-  void Forget() {
-    runs.clear();
-    highest_end = 0;
-  }
+  void Forget() { runs.clear(); }
 
  private:
-  std::atomic<std::uint64_t> highest_end = 0;
   std::mutex mutex;
   std::map<std::uint64_t, std::uint64_t> runs;
 };
