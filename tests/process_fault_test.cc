@@ -240,8 +240,6 @@ constexpr char kFull[] = "remote: Corruption: wal write: No space left on device
 struct SmallDisk {
   explicit SmallDisk(const char* size) : failure(Mount(size)) {}
   ~SmallDisk() { ::umount2(dir.path().c_str(), MNT_DETACH); }
-  SmallDisk(const SmallDisk&) = delete;
-  SmallDisk& operator=(const SmallDisk&) = delete;
 
   std::string Mount(const char* size) const {
     const std::string user = std::to_string(::geteuid());

@@ -48,8 +48,6 @@ class ChildProcess {
     }
   }
   ~ChildProcess() { Kill(); }
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
 
   pid_t pid() const { return child; }
 
