@@ -5,9 +5,11 @@ install(FILES packaging/kandb-meta.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 install(FILES README.md docs/operations.md docs/protocol.md docs/file-formats.md docs/architecture.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kandb-meta)
 if(KANDB_TOOLS)
-  install(FILES packaging/kandb-ctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-  install(FILES packaging/kandb-ctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-    RENAME kandb-ctl)
+  foreach(tool kandb-ctl kandb-sim)
+    install(FILES packaging/${tool}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES packaging/${tool}.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+      RENAME ${tool})
+  endforeach()
 endif()
 install(FILES packaging/kandb-meta.service DESTINATION /lib/systemd/system
   COMPONENT system EXCLUDE_FROM_ALL)
@@ -26,7 +28,8 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "metadata and placement-driver server of a
 set(CPACK_PACKAGE_DESCRIPTION
 "kandb-meta hands out timestamps and ids, keeps the records of regions and stores,
 routes keys to regions and schedules replicas. kandb-ctl talks to a running
-server and looks into the state of a stopped one.")
+server and looks into the state of a stopped one; kandb-sim plays a cluster
+against a server and checks its answers.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION database)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)

@@ -26,9 +26,7 @@ class ScriptedPeer {
  public:
   explicit ScriptedPeer(std::string peer_script) : script(std::move(peer_script)) {
     listener = UniqueFd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = testing::Loopback(0);
     socklen_t size = sizeof(address);
     EXPECT_EQ(::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
     EXPECT_EQ(::listen(listener.get(), 8), 0);

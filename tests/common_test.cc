@@ -1,29 +1,13 @@
-// Status and command-line flags. The server's own flags and exit statuses are in process_test.cc.
+// Command-line flags. The server's own flags and exit statuses are in process_test.cc.
 
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "common/flags.h"
-#include "common/status.h"
 
 namespace kandb {
 namespace {
-
-TEST(Status, RendersKindAndMessage) {
-  const struct {
-    Status status;
-    const char* text;
-  } cases[] = {
-      {Status(), "OK"},
-      {Status(0, "all went well"), "OK"},
-      {Status::InvalidArgument(""), "InvalidArgument: "},
-      {Status::Corruption("bad block"), "Corruption: bad block"},
-      {Status::NotFound("no such key"), "NotFound: no such key"},
-      {Status(7, "x"), "Unknown: x"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(c.status.ToString(), c.text);
-}
 
 std::int64_t* const number = flags::DefineInteger("number", 7, "a number");
 bool* const truth = flags::DefineBoolean("truth", true, "a truth");

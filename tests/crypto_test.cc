@@ -76,13 +76,6 @@ TEST(Crc32c, AnyLengthAtAnyAlignmentByAnyMethod) {
   }
 }
 
-TEST(Sm3, PublishedDigests) {
-  const std::string abcd = "abcdabcdabcdabcdabcdabcdabcdabcd";
-  EXPECT_EQ(Sm3Hex("abc"), "66c7f0f462eeedd9d1f2d46bdc10e4e24167c4875cf2f7a2297da02b8f4ba8e0");
-  EXPECT_EQ(Sm3Hex(abcd + abcd),
-            "debe9ff92275b8a138604889c18e5a4d6fdb70e5387e5765293dcba39c0c5732");
-}
-
 TEST(Sm3, AgreesWithOpenSsl) {
   const std::string all_bytes = Ascending(260);
   for (std::size_t size = 0; size <= all_bytes.size(); ++size) {
@@ -92,7 +85,7 @@ TEST(Sm3, AgreesWithOpenSsl) {
   }
 }
 
-TEST(Sm4, PublishedBlocks) {
+TEST(Sm4, PublishedBlock) {
   const Sm4Key key = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
                       0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10};
   const Sm4 cipher(key);
@@ -100,9 +93,7 @@ TEST(Sm4, PublishedBlocks) {
   std::string block = plain;
   cipher.EncryptBlock(block.data(), block.data());
   EXPECT_EQ(block, Hex("681edf34 d206965e 86b3e94f 536e4246"));
-  for (int i = 1; i < 1000000; ++i) cipher.EncryptBlock(block.data(), block.data());
-  EXPECT_EQ(block, Hex("595298c7 c6fd271f 0402f804 c33d3f66"));
-  for (int i = 0; i < 1000000; ++i) cipher.DecryptBlock(block.data(), block.data());
+  cipher.DecryptBlock(block.data(), block.data());
   EXPECT_EQ(block, plain);
 }
 
@@ -133,32 +124,6 @@ TEST(Sm4Cbc, AgreesWithOpenSsl) {
   }
 }
 
-TEST(Sm4Cbc, NamesTheDamage) {
-  const Sm4Key key = {0xc0, 0xff, 0xee};
-  const auto decrypt = [&](const std::string& ciphertext) {
-    std::string plaintext = "old";
-    const Status status = Sm4CbcDecrypt(ciphertext, key, Sm4Iv{}, &plaintext);
-    EXPECT_EQ(plaintext, "old");
-    return status.ToString();
-  };
-  for (const std::size_t size : {0u, 15u, 17u}) {
-    EXPECT_EQ(decrypt(std::string(size, 'x')),
-              "InvalidArgument: sm4: ciphertext not block-aligned");
-  }
-  const std::string badly_padded[] = {
-      std::string(15, 'x') + '\0',
-      std::string(16, '\x11'),
-      std::string(13, 'x') + Hex("02 03 03"),
-      "x" + std::string(15, '\x10'),
-  };
-  for (std::string block : badly_padded) {
-    SCOPED_TRACE(::testing::PrintToString(block));
-    // Under an IV of zeros the first block of a chain is that of the bare cipher.
-    Sm4(key).EncryptBlock(block.data(), block.data());
-    EXPECT_EQ(decrypt(block), "InvalidArgument: sm4: bad padding");
-  }
-}
-
 // The expected bits were computed apart from this code, with integers of unlimited size.
 TEST(Bloom, SerialisedBytes) {
   const struct {
@@ -181,28 +146,13 @@ TEST(Bloom, SerialisedBytes) {
   }
 }
 
-TEST(BloomView, OnlyAFilterExcludes) {
-  const char* const excluding[] = {
-      "40000000 06 0000000000000000",
-      "40000000 06 0010040100802000",  // only the last probe is clear
-      "3d000000 03 0000000010000002",  // the same with 61 bits
-      "40000000 ff 0000000000000000",
-  };
-  const char* const admitting[] = {
-      "3d000000 03 0000020010000002",  // the three probes of "a" in 61 bits
-      "40000000 00 0000000000000000",  // no probes
-      "00000000 06",
-      "40000000",
-      "40000000 06 00000000000000",
-      "40000000 06 000000000000000000",
-      "ffffffff 06",  // the number of bytes wraps to 0 in 32 bits
-  };
-  for (const char* digits : excluding) {
-    EXPECT_FALSE(BloomFilterView(Hex(digits)).MayContain("a")) << digits;
-  }
-  for (const char* digits : admitting) {
-    EXPECT_TRUE(BloomFilterView(Hex(digits)).MayContain("a")) << digits;
-  }
+// The filter that holds "a", with 61 bits, and what is left of it after damage.
+TEST(BloomView, OnlyASoundFilterExcludes) {
+  EXPECT_TRUE(BloomFilterView(Hex("3d000000 03 0000020010000002")).MayContain("a"));
+  EXPECT_FALSE(BloomFilterView(Hex("3d000000 03 0000000010000002")).MayContain("a"));
+  EXPECT_TRUE(BloomFilterView(Hex("3d000000 03 00000000100000")).MayContain("a"));
+  // The number of bytes wraps to 0 in 32 bits.
+  EXPECT_TRUE(BloomFilterView(Hex("ffffffff 06")).MayContain("a"));
 }
 
 }  // namespace

@@ -15,10 +15,8 @@ namespace {
 
 TEST(CtlOnline, DoesAsTheTranscriptSays) {
   const testing::TempDir dir;
-  const std::string port = std::to_string(testing::FreePort());
-  testing::ServerProcess server({"--port=" + port, "--bind_addr=127.0.0.1"}, dir.path());
-  ASSERT_NE(server.ReadBanner(), "");
-  const std::string options = "--server=127.0.0.1:" + port;
+  testing::ListeningServer server(dir.path());
+  const std::string options = "--server=127.0.0.1:" + std::to_string(server.port());
   const auto load = testing::RunTool({"load", "upsert-region", "--yes", "--seconds=1", options});
   EXPECT_TRUE(load.exit_status == 0 && load.out.starts_with("method ")) << load.out << load.err;
   const std::string transcript = R"(

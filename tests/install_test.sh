@@ -1,6 +1,6 @@
 #!/bin/bash
-# install_test.sh BUILD_DIR CMAKE_OPTION...: installs the build, builds tests/install against what is
-# installed, and lets it talk to the installed server.
+# install_test.sh BUILD_DIR CMAKE_OPTION...: installs the build, compares the simulator with its manual page, builds
+# tests/install against what is installed, and lets it talk to the installed server.
 set -euo pipefail
 build_dir=$1
 shift
@@ -11,6 +11,14 @@ trap '[ -z "$server" ] || kill -9 "$server"; rm -rf "$work"' EXIT
 cmake --install "$build_dir" --prefix "$work/installed" >"$work/install.log"
 cmake -S "$(dirname "$0")/install" -B "$work/user" -DCMAKE_PREFIX_PATH="$work/installed" "$@"
 cmake --build "$work/user"
+
+# The manual page and the completion of the simulator know the options that it has, and no others.
+if [ -x "$work/installed/bin/kandb-sim" ]; then
+  options() { grep -oE -- '--[a-z]+(-[a-z]+)*' | sort -u; }
+  "$work/installed/bin/kandb-sim" --help | options >"$work/options"
+  sed 's/\\-/-/g' "$work/installed/share/man/man1/kandb-sim.1" | options | diff "$work/options" -
+  options <"$work/installed/share/bash-completion/completions/kandb-sim" | diff "$work/options" -
+fi
 
 # The server cannot be asked which port it took: try some until one is free.
 for _ in {1..20}; do

@@ -20,7 +20,8 @@ constexpr LsmDb::Options kLarge = {
     .write_buffer_size = 1 << 20, .max_table_files = 8, .sync = true};
 constexpr LsmDb::Options kTiny = {.write_buffer_size = 200, .max_table_files = 1, .sync = true};
 
-TEST(Faults, AFailedSyncOrWriteTakesTheGroupBack) {
+// It would stand behind a torn record. Where the log can be cut back, the sweep below goes on.
+TEST(Faults, NothingIsWrittenToALogThatCannotBeCutBack) {
   const struct {
     Fault fault;
     const char* error;
@@ -30,29 +31,22 @@ TEST(Faults, AFailedSyncOrWriteTakesTheGroupBack) {
        "Corruption: wal write: No space left on device"},
       {{.kind = kFdatasync}, "Corruption: wal fdatasync: Input/output error"},
   };
-  for (const bool cut_fails : {false, true}) {
-    for (const auto& c : cases) {
-      SCOPED_TRACE(c.error);
-      TempDir dir;
-      FaultInjector fault;
-      auto db = Open(dir.path(), kLarge);
-      ASSERT_TRUE(db->Write({{kPut, "a", "1"}}).ok());
-      fault.Arm(c.fault);
-      if (cut_fails) fault.Arm({.kind = kFtruncate});
-      EXPECT_EQ(db->Write({{kPut, "a", "2"}}).ToString(), c.error);
-      EXPECT_EQ(ReadAll(*db), (Model{{"a", "1"}}));
-      // A log that could not be cut back takes nothing more: it would stand behind a torn record.
-      EXPECT_EQ(db->Write({{kPut, "b", "3"}}).ToString(), cut_fails ? c.error : "OK");
-      Model expected = {{"a", "1"}};
-      if (!cut_fails) expected["b"] = "3";
-      EXPECT_EQ(ReadAll(*db), expected);
-      db.reset();
-      // What was written whole, but neither synced nor cut back, comes back.
-      if (cut_fails && c.fault.kind == kFdatasync) expected["a"] = "2";
-      db = Open(dir.path(), kLarge);
-      EXPECT_EQ(ReadAll(*db), expected);
-      EXPECT_TRUE(db->Write({{kPut, "c", "4"}}).ok());
-    }
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.error);
+    TempDir dir;
+    FaultInjector fault;
+    auto db = Open(dir.path(), kLarge);
+    ASSERT_TRUE(db->Write({{kPut, "a", "1"}}).ok());
+    fault.Arm(c.fault);
+    fault.Arm({.kind = kFtruncate});
+    EXPECT_EQ(db->Write({{kPut, "a", "2"}}).ToString(), c.error);
+    EXPECT_EQ(db->Write({{kPut, "b", "3"}}).ToString(), c.error);
+    EXPECT_EQ(ReadAll(*db), (Model{{"a", "1"}}));
+    db.reset();
+    // What was written whole, but neither synced nor cut back, comes back.
+    db = Open(dir.path(), kLarge);
+    EXPECT_EQ(ReadAll(*db), (Model{{"a", c.fault.kind == kFdatasync ? "2" : "1"}}));
+    EXPECT_TRUE(db->Write({{kPut, "c", "4"}}).ok());
   }
 }
 
@@ -150,18 +144,13 @@ TEST(Faults, NothingAcknowledgedIsLostWhicheverCallFails) {
 
 // Two tables, two logs, an unnamed table: each call of Open fails in turn.
 TEST(Faults, AnOpenThatFailsCanBeRepeated) {
-  const auto table_error = [](const TempDir& dir, int n) {
-    return "sst open " + TableFileName(dir.path(), static_cast<std::uint64_t>(n));
-  };
-  TempDir dir;
-  const std::string log_error = "wal open " + dir.path() + "/wal-00000";
   const struct {
     testing::CallKind kind;
     std::vector<std::string> errors;  // of the n-th call; "" when Open succeeds all the same
   } cases[] = {
       {kOpen,
-       {"manifest open", table_error(dir, 2), table_error(dir, 1), log_error + "3.log",
-        log_error + "4.log", log_error + "6.log", "manifest create"}},
+       {"manifest open", "sst open", "sst open", "wal open", "wal open", "wal open",
+        "manifest create"}},
       {kRead, std::vector<std::string>(6)},  // a log that cannot be read ends there, as if damaged
       {kPread, std::vector<std::string>(6, "sst pread")},
       {kWrite, {"manifest write"}},
@@ -169,29 +158,29 @@ TEST(Faults, AnOpenThatFailsCanBeRepeated) {
       {kRename, {"manifest rename failed"}},
       {kUnlink, {""}},
   };
+  const TempDir sound;
+  for (const std::uint64_t number : {1u, 2u, 5u}) {
+    TableBuilder table;
+    table.Add({kPut, number == 1 ? "a" : "b", std::to_string(number)});
+    ASSERT_TRUE(WriteTable(TableFileName(sound.path(), number), table).ok());
+  }
+  ASSERT_TRUE(WriteManifest(sound.path(), {.next_file = 3, .sst_files = {2, 1}}).ok());
+  WriteFile(sound.File("wal-000003.log"), BuildLogRecord({{kPut, "c", "3"}}));
+  WriteFile(sound.File("wal-000004.log"), BuildLogRecord({{kPut, "d", "4"}}));
   const Model everything = {{"a", "1"}, {"b", "2"}, {"c", "3"}, {"d", "4"}};
   for (const auto& c : cases) {
-    int n = 0;
-    for (;; ++n) {
+    for (int n = 0;; ++n) {
       SCOPED_TRACE(::testing::Message() << "kind " << c.kind << ", call " << n + 1);
-      std::filesystem::remove_all(dir.path());
-      std::filesystem::create_directory(dir.path());
+      const TempDir dir;
+      std::filesystem::copy(sound.path(), dir.path());
       FaultInjector fault;
-      for (const std::uint64_t number : {1u, 2u, 5u}) {
-        TableBuilder table;
-        table.Add({kPut, number == 1 ? "a" : "b", std::to_string(number)});
-        ASSERT_TRUE(WriteTable(TableFileName(dir.path(), number), table).ok());
-      }
-      ASSERT_TRUE(WriteManifest(dir.path(), {.next_file = 3, .sst_files = {2, 1}}).ok());
-      WriteFile(dir.File("wal-000003.log"), BuildLogRecord({{kPut, "c", "3"}}));
-      WriteFile(dir.File("wal-000004.log"), BuildLogRecord({{kPut, "d", "4"}}));
-
       fault.Arm({.kind = c.kind, .first = n + 1});
       std::unique_ptr<LsmDb> db;
       const Status status = LsmDb::Open(dir.path(), kLarge, &db);
-      if (!fault.fired()) break;
+      const bool has_row = static_cast<std::size_t>(n) < c.errors.size();
+      ASSERT_EQ(fault.fired(), has_row);
+      if (!has_row) break;
       fault.Disarm();
-      ASSERT_LT(static_cast<std::size_t>(n), c.errors.size());
       const std::string& error = c.errors[static_cast<std::size_t>(n)];
       EXPECT_EQ(status.ok(), error.empty()) << status.ToString();
       EXPECT_TRUE(status.message().starts_with(error)) << status.ToString();
@@ -202,7 +191,6 @@ TEST(Faults, AnOpenThatFailsCanBeRepeated) {
       db.reset();
       EXPECT_EQ(ReadAll(*Open(dir.path(), kLarge)), everything);
     }
-    EXPECT_EQ(static_cast<std::size_t>(n), c.errors.size()) << c.kind;
   }
 }
 
@@ -221,16 +209,15 @@ TEST(Faults, InterruptedAndShortTransfersAreContinued) {
   TempDir dir;
   const ShortTransfers transfers;
   Model model;
-  for (int i = 0; i < 8; ++i) {
+  for (int i = 0; i < 20; ++i) {
     auto db = Open(dir.path(), kTiny);
     EXPECT_EQ(ReadAll(*db), model);
-    for (int j = 0; j < 5; ++j) {
-      const Batch batch = {{kPut, "k" + std::to_string(i % 3 + j), std::to_string(100 * i + j)}};
-      ASSERT_TRUE(db->Write(batch).ok());
-      Apply(batch, &model);
-    }
+    const Batch batch = {{kPut, "k" + std::to_string(i % 7), std::string(150, 'v')},
+                         {kPut, "last", std::to_string(i)}};
+    ASSERT_TRUE(db->Write(batch).ok());
+    Apply(batch, &model);
     db->WaitForBackgroundIdle();
-    EXPECT_EQ(db->TableFileCount(), i == 0 ? 0u : 1u);
+    EXPECT_EQ(db->TableFileCount(), 1u);
   }
 }
 

@@ -6,17 +6,16 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <iterator>
 #include <map>
 #include <mutex>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include "support/eventually.h"
 #include "support/server_process.h"
@@ -40,29 +39,25 @@ Region RegionAtKey(std::uint64_t id, const std::string& key, std::size_t padding
 // --- Killed under load ---
 
 // Numbers that were handed out in runs: none twice, and none below one that somebody had before it
-// was asked for. The first number of a run, mapped to one past its last.
+// was asked for. One past the last number of a run, mapped to its first.
 class HandedOut {
  public:
-  std::uint64_t end() const { return highest_end; }
+  std::uint64_t end() {
+    const std::lock_guard lock(mutex);
+    return runs.empty() ? 0 : runs.rbegin()->first;
+  }
 
   // `floor` is what end() was before the request.
   void Add(std::uint64_t floor, std::uint64_t first, std::uint64_t count) {
     const std::lock_guard lock(mutex);
-    const auto [run, is_new] = runs.emplace(first, first + count);
-    const auto next = std::next(run);
-    EXPECT_TRUE(is_new && first >= floor && (next == runs.end() || next->first >= first + count) &&
-                (run == runs.begin() || std::prev(run)->second <= first))
-        << first;
-    highest_end = std::max(end(), first + count);
+    const auto next = runs.upper_bound(first);
+    EXPECT_TRUE(first >= floor && (next == runs.end() || next->second >= first + count)) << first;
+    runs[first + count] = first;
   }
 
-  void Forget() {
-    runs.clear();
-    highest_end = 0;
-  }
+  void Forget() { runs.clear(); }
 
  private:
-  std::atomic<std::uint64_t> highest_end = 0;
   std::mutex mutex;
   std::map<std::uint64_t, std::uint64_t> runs;
 };
@@ -132,12 +127,12 @@ class KillLoop {
         }
       }
     }
-    const bool exists = Find(&caller, first_region) == first_region;
-    EXPECT_TRUE(exists ? bootstrapped || first_bootstrap_lost : !bootstrapped);
-    bootstrapped = exists;
-    // Timestamps are not stored: they go on growing if the clock has passed the last one.
-    const auto now = std::chrono::system_clock::now().time_since_epoch() / 1ms;
-    if (static_cast<std::uint64_t>(now) <= timestamps.end() >> 18) timestamps.Forget();
+    // One bootstrap alone is the first, and its region stays.
+    BootstrapResponse done;
+    EXPECT_TRUE(caller.Bootstrap({{1, "host", 0}, first_region, {}}, &done).ok());
+    EXPECT_EQ(done.already_bootstrapped, std::exchange(bootstrapped, true));
+    EXPECT_EQ(Find(&caller, first_region), first_region);
+    timestamps.Forget();  // they are not stored
   }
 
   const TempDir dir;
@@ -145,7 +140,6 @@ class KillLoop {
   std::atomic<std::uint64_t> runs = 0;     // of ids or timestamps
   std::uint64_t checked_records = 0;
   std::uint64_t productive_cycles = 0;
-  std::atomic<bool> bootstrapped = false;  // somebody was told so
 
  private:
   // Calls this and that until the server is gone; nothing fails before it is killed.
@@ -153,7 +147,7 @@ class KillLoop {
     Caller caller(port);
     std::mt19937_64 random(client_seed);
     for (Status status; status.ok();) {
-      const std::uint64_t kind = random() % 6;
+      const std::uint64_t kind = random() % 5;
       const auto count = static_cast<std::uint32_t>(random() % 600 + 1);
       if (kind == 0) {
         status = Take(&ids, count, &AllocIdResponse::first_id,
@@ -161,10 +155,8 @@ class KillLoop {
       } else if (kind == 1) {
         status = Take(&timestamps, count, &TsoResponse::timestamp,
                       [&](auto* taken) { return caller.Tso({count}, taken); });
-      } else if (kind > 2) {
+      } else {
         status = WriteGroup(&caller, client, count % kGroups);
-      } else if (client == 0 || bootstrapped) {  // of two first calls at once both may be told so
-        status = Bootstrap(&caller, client);
       }
       EXPECT_TRUE(status.ok() || killed) << status.ToString();
     }
@@ -177,18 +169,6 @@ class KillLoop {
     if (Status s = call(&taken); !s.ok()) return s;
     numbers->Add(floor, taken.*first, count);
     ++runs;
-    return {};
-  }
-
-  Status Bootstrap(Caller* caller, std::uint64_t client) {
-    BootstrapResponse done;
-    Status status = caller->Bootstrap({{client, "host", 0}, first_region, {}}, &done);
-    if (!status.ok()) {
-      first_bootstrap_lost = !bootstrapped;
-      return status;
-    }
-    EXPECT_EQ(done.already_bootstrapped, bootstrapped);  // so one call alone is the first
-    bootstrapped = true;
     return {};
   }
 
@@ -221,7 +201,7 @@ class KillLoop {
   HandedOut ids;
   HandedOut timestamps;
   Versions groups[kClients][kGroups];
-  std::atomic<bool> first_bootstrap_lost = false;
+  bool bootstrapped = false;
   std::atomic<bool> killed = false;
 };
 
@@ -244,7 +224,6 @@ TEST(ProcessFaults, KillNineLosesNothingAcknowledged) {
     loop.RunCycle(cycle, random() % 300);
   }
   loop.Check(ListeningServer(loop.dir.path()).port());
-  EXPECT_TRUE(loop.bootstrapped);
   EXPECT_GT(loop.productive_cycles, cycles / 2);
   std::cout << cycles << " cycles, " << loop.productive_cycles << " with acknowledged changes; "
             << loop.changes << " changes, " << loop.runs << " runs of ids or timestamps, "
@@ -261,8 +240,6 @@ constexpr char kFull[] = "remote: Corruption: wal write: No space left on device
 struct SmallDisk {
   explicit SmallDisk(const char* size) : failure(Mount(size)) {}
   ~SmallDisk() { ::umount2(dir.path().c_str(), MNT_DETACH); }
-  SmallDisk(const SmallDisk&) = delete;
-  SmallDisk& operator=(const SmallDisk&) = delete;
 
   std::string Mount(const char* size) const {
     const std::string user = std::to_string(::geteuid());
@@ -285,8 +262,11 @@ struct SmallDisk {
 };
 
 // Writes regions of 4 MiB, and remembers which were acknowledged.
-class LargeRegions {
- public:
+struct LargeRegions {
+  static Region Get(std::size_t i) {
+    return RegionAtKey(1000 + i, "k" + std::to_string(1000 + i), 4 * kMiB);
+  }
+
   Status WriteNext(int port) {
     UpsertRegionResponse done;
     Status status = Caller(port).UpsertRegion({{Get(acknowledged.size())}, {}}, &done);
@@ -294,22 +274,19 @@ class LargeRegions {
     return status;
   }
 
-  // Acknowledged regions are there, refused ones are not, and timestamps are handed out.
+  // Acknowledged regions are there, refused ones are not; timestamps and heartbeats go on.
   void Check(int port) const {
     Caller caller(port);
     TsoResponse timestamp;
     EXPECT_TRUE(caller.Tso({1}, &timestamp).ok());
+    RegionHeartbeatResponse answer_to_heartbeat;
+    EXPECT_TRUE(caller.RegionHeartbeat({1, {}, {1000}}, &answer_to_heartbeat).ok());
     for (std::size_t i = 0; i < acknowledged.size(); ++i) {
       GetRegionResponse answer;
       const Status status = caller.GetRegion({Get(i).start_key}, &answer);
       EXPECT_EQ(status.message(), acknowledged[i] ? "" : "remote: NotFound: no region covers key");
       EXPECT_TRUE(answer.region == (acknowledged[i] ? Get(i) : Region())) << i;
     }
-  }
-
- private:
-  static Region Get(std::size_t i) {
-    return RegionAtKey(1000 + i, "k" + std::to_string(1000 + i), 4 * kMiB);
   }
 
   std::vector<bool> acknowledged;
@@ -343,23 +320,6 @@ TEST(ProcessFaults, AFullDiskRefusesChangesUntilThereIsRoom) {
   EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(log); }));
   server.Kill();
   regions.Check(ListeningServer(disk.dir.path()).port());
-}
-
-// The second log is a device that is always full, and of which nothing can be cut off.
-TEST(ProcessFaults, ALogThatTakesNothingRefusesChangesUntilARestart) {
-  const TempDir dir;
-  ListeningServer server(dir.path());
-  std::filesystem::create_symlink("/dev/full", dir.File("pd-data/wal-000002.log"));
-  LargeRegions regions;
-  for (int i = 0; i < kLogCapacity; ++i) ASSERT_TRUE(regions.WriteNext(server.port()).ok());
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(regions.WriteNext(server.port()).message(), kFull);
-  const std::string first_log = dir.File("pd-data/wal-000001.log");
-  EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(first_log); }));
-  regions.Check(server.port());  // from the table that was made of it
-  server.Kill();
-  const ListeningServer restarted(dir.path());
-  EXPECT_TRUE(regions.WriteNext(restarted.port()).ok());
-  regions.Check(restarted.port());
 }
 
 }  // namespace

@@ -3,17 +3,15 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <filesystem>
 #include <latch>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "pdpb/messages.h"
 #include "rpc/frame.h"
 #include "rpc/rpc_client.h"
 #include "rpc/rpc_server.h"
 #include "rpc/socket_io.h"
-#include "support/eventually.h"
 #include "support/hex.h"
 #include "support/raw_connection.h"
 
@@ -22,7 +20,6 @@ namespace {
 
 using pdpb::TsoRequest;
 using pdpb::TsoResponse;
-using testing::Eventually;
 using testing::Hex;
 using testing::RawConnection;
 
@@ -36,62 +33,39 @@ struct SocketPair {
   UniqueFd near, far;
 };
 
-constexpr char kPingFrame[] = "4b525043 00 0807060504030201 0200 5064 03000000 616263";
-
-std::string PingFrame() { return Hex(kPingFrame) + Hex("73a319da"); }
+std::string PingFrame() {
+  return Hex("4b525043 00 0807060504030201 0200 5064 03000000 616263 73a319da");
+}
 
 TEST(Frame, HasThisLayout) {
   EXPECT_EQ(BuildFrame(kRequest, 0x0102030405060708, "Pd", "abc"), PingFrame());
-  EXPECT_EQ(BuildFrame(kError, 0, "", "").size(), 23u);
-}
-
-TEST(FrameReader, ReadsABurstAndThenTheEnd) {
   SocketPair pair;
-  const std::string large(300000, 'x');
-  std::thread writer([&] {
-    const std::string burst = PingFrame() + BuildFrame(kResponse, 2, "", large) +
-                              BuildFrame(static_cast<FrameType>(77), 3, std::string(256, 'm'), "") +
-                              "KRPC\1";
-    EXPECT_TRUE(WriteAll(pair.far.get(), burst, -1).ok());
-    pair.far.Reset();
-  });
+  ASSERT_TRUE(WriteAll(pair.far.get(), PingFrame() + "KRPC\1", -1).ok());
+  pair.far.Reset();
   FrameReader reader(pair.near.get());
   Frame frame;
   ASSERT_TRUE(reader.Read(&frame, -1).ok());
-  EXPECT_EQ(frame.type, kRequest);
-  EXPECT_EQ(frame.request_id, 0x0102030405060708u);
-  EXPECT_EQ(frame.method, "Pd");
-  EXPECT_EQ(frame.payload, "abc");
-  ASSERT_TRUE(reader.Read(&frame, 5000).ok());
-  EXPECT_EQ(frame.payload, large);
-  ASSERT_TRUE(reader.Read(&frame, -1).ok());
-  EXPECT_EQ(frame.type, 77);
-  EXPECT_EQ(frame.method.size(), 256u);
+  const auto type = static_cast<FrameType>(frame.type);
+  EXPECT_EQ(BuildFrame(type, frame.request_id, frame.method, frame.payload), PingFrame());
   EXPECT_EQ(reader.Read(&frame, -1).ToString(), "NotFound: kanrpc: connection closed");
-  writer.join();
 }
 
 TEST(FrameReader, NamesTheFault) {
-  std::vector<std::pair<std::string, std::string>> cases = {
+  const std::pair<std::string, const char*> cases[] = {
+      {PingFrame().replace(0, 4, "KRPD"), "bad magic"},
+      {PingFrame().replace(22, 1, "x"), "frame crc mismatch"},
       {Hex("4b525043 00 0000000000000000 0101"), "method too long"},
       {Hex("4b525043 00 0000000000000000 0000 01000004"), "payload too large"},
       // The largest payload is waited for, and memory for it is not taken before it arrives.
       {Hex("4b525043 00 0000000000000000 0000 00000004"), "io timeout"},
       {"", "io timeout"},
   };
-  for (std::size_t i = 0; i < PingFrame().size(); ++i) {
-    // A flip in a length may make the frame longer, and then the rest of it does not come.
-    if (i == 13 || i == 14 || (i >= 17 && i < 21)) continue;
-    std::string damaged = PingFrame();
-    damaged[i] = static_cast<char>(damaged[i] ^ 0x10);
-    cases.emplace_back(damaged, i < 4 ? "bad magic" : "frame crc mismatch");
-  }
   for (const auto& [bytes, message] : cases) {
     SocketPair pair;
     ASSERT_TRUE(WriteAll(pair.far.get(), bytes, -1).ok());
     FrameReader reader(pair.near.get());
     Frame frame;
-    EXPECT_EQ(reader.Read(&frame, 0).ToString(), "Corruption: kanrpc: " + message);
+    EXPECT_EQ(reader.Read(&frame, 0).ToString(), std::string("Corruption: kanrpc: ") + message);
   }
 }
 
@@ -159,12 +133,15 @@ TEST_F(ServerTest, AnswersRequestsAndFailures) {
       {"", "", "Corruption: remote: unknown method: "},
       {"Fail", "", "Corruption: remote: NotFound: nothing there"},
       {"Huge", "", "Corruption: remote: Corruption: kanrpc: payload too large"},
+      {"Throw", "", "NotFound: kanrpc: connection closed"},
   };
   const auto client = Client();
+  RawConnection bystander(server.port());
   for (const auto& c : cases) {
     std::string answer;
     EXPECT_EQ(client->Call(c.method, c.payload, &answer).ToString(), c.status);
     EXPECT_TRUE(Works(client.get()));
+    EXPECT_TRUE(bystander.Answers());
   }
 }
 
@@ -185,32 +162,6 @@ TEST_F(ServerTest, AnswersABurstInOrderAlsoAfterAHalfClose) {
   EXPECT_EQ(client.Read(&frame).code(), Status::kNotFound);
 }
 
-TEST_F(ServerTest, AFaultEndsItsOwnConnectionOnly) {
-  const auto bystander = Client();
-  ASSERT_TRUE(Works(bystander.get()));
-  const auto count = [](const char* dir) {
-    return std::distance(std::filesystem::directory_iterator(dir), {});
-  };
-  const auto files_before = count("/proc/self/fd");
-  const auto threads_before = count("/proc/self/task");
-  for (int round = 0; round < 20; ++round) {
-    RawConnection garbage(server.port());
-    RawConnection torn(server.port());
-    RawConnection reset(server.port());
-    garbage.Send("GET / HTTP/1.1\r\n\r\n");
-    EXPECT_FALSE(garbage.Answers());
-    torn.Send(Hex(kPingFrame));
-    reset.Send(Hex("4b525043"));
-    const linger hard{.l_onoff = 1, .l_linger = 0};
-    ::setsockopt(reset.fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
-    std::string answer;
-    EXPECT_EQ(Client()->Call("Throw", "", &answer).message(), "kanrpc: connection closed");
-  }
-  EXPECT_TRUE(Works(bystander.get()));
-  EXPECT_TRUE(Eventually([&] { return count("/proc/self/fd") <= files_before; }));
-  EXPECT_TRUE(Eventually([&] { return count("/proc/self/task") <= threads_before; }));
-}
-
 TEST_F(ServerTest, StopWaitsForHandlersAndStartsNone) {
   RawConnection waiting(server.port());
   const auto idle = Client();
@@ -229,28 +180,6 @@ TEST_F(ServerTest, StopWaitsForHandlersAndStartsNone) {
   stopper.join();
   EXPECT_LT(RawConnection(server.port()).fd(), 0);
   server.Stop();
-}
-
-TEST(RpcServer, NamesWhyItCannotStart) {
-  RpcServer holder;
-  ASSERT_TRUE(holder.Start(0, "127.0.0.1").ok());
-  const std::string port = std::to_string(holder.port());
-  const struct {
-    int port;
-    const char* address;
-    std::string error;
-  } cases[] = {
-      {0, "localhost", "InvalidArgument: invalid IPv4 bind address: localhost"},
-      {0, "", "InvalidArgument: invalid IPv4 bind address: "},
-      {-1, "127.0.0.1", "Corruption: bind 127.0.0.1:-1 failed: Invalid argument"},
-      {65536, "127.0.0.1", "Corruption: bind 127.0.0.1:65536 failed: Invalid argument"},
-      {holder.port(), "127.0.0.1",
-       "Corruption: bind 127.0.0.1:" + port + " failed: Address already in use"},
-  };
-  for (const auto& c : cases) {
-    RpcServer server;
-    EXPECT_EQ(server.Start(c.port, c.address).ToString(), c.error);
-  }
 }
 
 }  // namespace

@@ -26,8 +26,6 @@ TEST(Envelope, SealsAndOpens) {
     EXPECT_TRUE(OpenValue(on, sealed, &opened).ok());
     EXPECT_EQ(opened, value);
     EXPECT_EQ(SealValue({}, value), value);
-    EXPECT_TRUE(OpenValue({}, sealed, &opened).ok());
-    EXPECT_EQ(opened, sealed);
   }
 }
 
@@ -79,16 +77,16 @@ TEST_P(MetaStoreTest, KeepsPairsAcrossReopening) {
 }
 
 TEST_F(MetaStoreTest, AnotherPassphraseOpensNoValue) {
-  Open("secret")->Put({{"k", "value"}, {"l", "value"}}).ok();
+  std::vector<KeyValue> pairs;
+  for (char key = 'a'; key <= 'j'; ++key) pairs.push_back({std::string(1, key), "value"});
+  EXPECT_TRUE(Open("secret")->Put(pairs).ok());
   std::string value = "untouched";
   bool found = false;
-  EXPECT_TRUE(Open("")->Get("k", &value, &found).ok());
+  EXPECT_TRUE(Open("")->Get("a", &value, &found).ok());
   EXPECT_EQ(value.size(), 32u);
-  // One wrong key in 256 yields something that looks like padding; this one does not.
-  const auto wrong = Open("another");
-  EXPECT_EQ(wrong->Get("k", &value, &found).ToString(), "InvalidArgument: sm4: bad padding");
-  std::vector<KeyValue> pairs;
-  EXPECT_EQ(wrong->Scan("", "", 10, &pairs).ToString(), "InvalidArgument: sm4: bad padding");
+  // Of one value in 256 another key makes something that looks like padding, but not of all these.
+  EXPECT_EQ(Open("another")->Scan("", "", 10, &pairs).ToString(),
+            "InvalidArgument: sm4: bad padding");
 }
 
 }  // namespace

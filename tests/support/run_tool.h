@@ -1,18 +1,11 @@
 // The tool that is tested (KANDB_TOOL_BINARY) as a child process, run to its end.
 #pragma once
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <iterator>
 #include <sstream>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
+#include "support/child_process.h"
 #include "support/temp_dir.h"
 
 namespace kandb::testing {
@@ -27,25 +20,17 @@ struct ToolResult {
 inline ToolResult RunTool(const std::vector<std::string>& arguments,
                           const std::string& input = "") {
   const TempDir dir;
-  WriteFile(dir.File("in"), input);
-  std::vector<char*> argv = {const_cast<char*>(KANDB_TOOL_BINARY)};
-  for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-  argv.push_back(nullptr);
-  constexpr int kCreate = O_WRONLY | O_CREAT;
-  posix_spawn_file_actions_t streams;
-  ::posix_spawn_file_actions_init(&streams);
-  ::posix_spawn_file_actions_addopen(&streams, 0, dir.File("in").c_str(), O_RDONLY, 0);
-  ::posix_spawn_file_actions_addopen(&streams, 1, dir.File("out").c_str(), kCreate, 0600);
-  ::posix_spawn_file_actions_addopen(&streams, 2, dir.File("err").c_str(), kCreate, 0600);
-  pid_t child = -1;
-  const int error =
-      ::posix_spawn(&child, KANDB_TOOL_BINARY, &streams, nullptr, argv.data(), environ);
-  ::posix_spawn_file_actions_destroy(&streams);
-  if (error != 0) throw std::runtime_error("cannot start " KANDB_TOOL_BINARY);
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(dir.File("out")),
-          ReadFile(dir.File("err"))};
+  const std::string streams[] = {dir.File("in"), dir.File("out"), dir.File("err")};
+  WriteFile(streams[0], input);
+  ChildProcess tool(KANDB_TOOL_BINARY, arguments, ".", [&] {
+    for (int fd = 0; fd < 3; ++fd) {
+      const int flags = fd == 0 ? O_RDONLY : O_WRONLY | O_CREAT;
+      ::dup2(::open(streams[fd].c_str(), flags | O_CLOEXEC, 0600), fd);
+    }
+  });
+  std::string unused;  // the pipe is left to nobody
+  const int exit_status = tool.WaitForExit(&unused);
+  return {exit_status, ReadFile(streams[1]), ReadFile(streams[2])};
 }
 
 // Runs the commands of a transcript and writes down what happens in the same way, so that the two

@@ -1,0 +1,22 @@
+# Bash completion of kandb-sim: its options, and the program to start.
+
+_kandb_sim() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  COMPREPLY=()
+  # bash takes an option and its value apart at this sign
+  [[ $current != = ]] || current=
+  [[ $previous != = ]] || previous=${COMP_WORDS[COMP_CWORD - 2]}
+  case $previous in
+    --spawn)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      return
+      ;;
+    --help) ;;
+    --*) return ;; # a value that only the caller knows
+  esac
+  mapfile -t COMPREPLY < <(compgen -W "--help --spawn --server --stores --regions --target-replicas --rounds
+    --quiet-rounds --interval-ms --splits --merges --failures --down-rounds --catch-up-rounds --transfers --lookups
+    --walk --measure-ms --connections --threads --seed" -- "$current")
+}
+complete -F _kandb_sim kandb-sim
