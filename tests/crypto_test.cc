@@ -76,6 +76,10 @@ TEST(Crc32c, AnyLengthAtAnyAlignmentByAnyMethod) {
   }
 }
 
+TEST(Sm3, PublishedDigest) {
+  EXPECT_EQ(Sm3Hex("abc"), "66c7f0f462eeedd9d1f2d46bdc10e4e24167c4875cf2f7a2297da02b8f4ba8e0");
+}
+
 TEST(Sm3, AgreesWithOpenSsl) {
   const std::string all_bytes = Ascending(260);
   for (std::size_t size = 0; size <= all_bytes.size(); ++size) {

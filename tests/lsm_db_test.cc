@@ -25,7 +25,12 @@ constexpr LsmDb::Options kManyTables = {
     .write_buffer_size = 500, .max_table_files = 1000, .sync = false};
 
 class LsmDbTest : public ::testing::TestWithParam<LsmDb::Options> {};
-INSTANTIATE_TEST_SUITE_P(Options, LsmDbTest, ::testing::Values(kLarge, kTiny, kManyTables));
+std::string NameOfOptions(const ::testing::TestParamInfo<LsmDb::Options>& test) {
+  const char* const names[] = {"Large", "Tiny", "ManyTables"};
+  return names[test.index];
+}
+INSTANTIATE_TEST_SUITE_P(Options, LsmDbTest, ::testing::Values(kLarge, kTiny, kManyTables),
+                         NameOfOptions);
 
 // Random batches, with reads, scans and reopening in between, against a std::map.
 TEST_P(LsmDbTest, AgreesWithAMap) {

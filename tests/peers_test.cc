@@ -5,12 +5,11 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <random>
 
 #include "support/eventually.h"
+#include "support/proc.h"
 #include "support/raw_connection.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
@@ -24,25 +23,12 @@ using kanrpc::Frame;
 using kanrpc::kRequest;
 using testing::Caller;
 using testing::Eventually;
+using testing::OpenFiles;
+using testing::ProcStatus;
 using testing::RawConnection;
 
 using Connections = std::vector<std::unique_ptr<RawConnection>>;
 constexpr std::size_t kMiB = std::size_t{1} << 20;
-
-// The number of a line of /proc/<pid>/status, sizes in kB: "VmRSS", "VmHWM", "VmSize", "Threads".
-long ProcStatus(pid_t pid, const std::string& name) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-  for (std::string word; file >> word;) {
-    long number = -1;
-    if (word == name + ":" && file >> number) return number;
-  }
-  return -1;
-}
-
-long OpenFiles(pid_t pid) {
-  const std::filesystem::directory_iterator files("/proc/" + std::to_string(pid) + "/fd");
-  return std::distance(begin(files), end(files));
-}
 
 // A server of which every connection, descriptor and thread is the test's.
 struct Server {
