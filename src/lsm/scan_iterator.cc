@@ -6,6 +6,7 @@ namespace kandb::lsm {
 
 namespace {
 
+// So few that what they refer to is still in the processor's cache when it is looked at.
 constexpr std::size_t kChunkSize = 512;  // entries
 
 // The first read in a table: enough for the few records of a short range.
@@ -27,6 +28,7 @@ void MemTableSource::FillChunk(std::string_view start) {
 }
 
 void MergingIterator::Seek(std::string_view target) {
+  run = {};
   for (const auto& source : sources) source->Seek(target);
   Choose();
 }
@@ -47,7 +49,7 @@ void MergingIterator::Choose() {
   for (const auto& source : sources) {
     if (winner == nullptr || source->entry().key < winner->entry().key) winner = source.get();
   }
-  if (winner == nullptr) return;
+  if (winner == nullptr || (!end.empty() && winner->entry().key >= end)) return;
   // What the winner's entry hides.
   for (const auto& source : sources) {
     if (source.get() == winner || source->entry().key != winner->entry().key) continue;
@@ -74,7 +76,7 @@ std::size_t MergingIterator::RunLength() const {
   // Of two runs that alternate every bound is near: search from the front in growing steps.
   std::size_t step = 1;
   while (step < stretch.size() && stretch[step].key < bound) step *= 2;
-  const auto first = stretch.begin() + static_cast<std::ptrdiff_t>(step / 2);
+  const auto first = stretch.begin() + static_cast<std::ptrdiff_t>(step / 2 + 1);
   const auto last = stretch.begin() + static_cast<std::ptrdiff_t>(std::min(step, stretch.size()));
   const auto cut =
       std::partition_point(first, last, [&](const EntryView& entry) { return entry.key < bound; });

@@ -22,8 +22,8 @@ struct ReadView {
   std::vector<std::shared_ptr<const SstReader>> tables;
 };
 
-// A memtable as a source. It is read in chunks of at most 4096 entries, so that a long scan neither
-// holds the memtable's lock for long nor lists all of it. Each chunk is consistent; keys
+// A memtable as a source. It is read in chunks of a few hundred entries, so that a long scan
+// neither holds the memtable's lock for long nor lists all of it. Each chunk is consistent; keys
 // written behind the current position later on may or may not be seen.
 class MemTableSource final : public EntrySource {
  public:
@@ -68,7 +68,8 @@ class MergingIterator {
   void NextRun();
   // Finds the source with the smallest key and how far its entries are the next ones of the merge.
   void Choose();
-  // Where the stretch of the winner is cut off by the keys of the others and by the end.
+  // How many entries of the winner's stretch stand before the keys of the others and the end: one
+  // at least.
   std::size_t RunLength() const;
 
   std::vector<std::unique_ptr<EntrySource>> sources;
@@ -77,7 +78,7 @@ class MergingIterator {
   // Entries at the front of the winner's stretch, from the current one on, that all others follow:
   // they are handed out without a comparison. Data of one kind mostly stands in one source.
   std::span<const EntryView> run;
-  std::size_t run_length = 0;  // as it was chosen
+  std::size_t run_length = 0;  // when it was chosen
   Status failure;              // of a source: it ends the merge
 };
 
