@@ -290,7 +290,7 @@ void EntryTree::Position::NextLeaf() {
   index = 0;
   if (leaf == nullptr) return;
   // One cache miss after the other would be what a scan consists of.
-  Prefetch(leaf->next, sizeof(Leaf));
+  if (leaf->next != nullptr) Prefetch(leaf->next, sizeof(Leaf));
   for (std::size_t i = 0; i < leaf->count; ++i) Prefetch(leaf->records[i], kRecordFront);
 }
 
