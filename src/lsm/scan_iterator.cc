@@ -7,7 +7,7 @@ namespace kandb::lsm {
 namespace {
 
 // So few that what they refer to is still in the processor's cache when it is looked at.
-constexpr std::size_t kChunkSize = 512;  // entries
+constexpr std::size_t kChunkSize = 128;  // entries
 
 // The first read in a table: enough for the few records of a short range.
 constexpr std::size_t kFirstReadSize = 16384;  // bytes

@@ -22,7 +22,7 @@ struct ReadView {
   std::vector<std::shared_ptr<const SstReader>> tables;
 };
 
-// A memtable as a source. It is read in chunks of a few hundred entries, so that a long scan
+// A memtable as a source. It is read in chunks of some hundred entries, so that a long scan
 // neither holds the memtable's lock for long nor lists all of it. Each chunk is consistent; keys
 // written behind the current position later on may or may not be seen.
 class MemTableSource final : public EntrySource {
