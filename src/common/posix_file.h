@@ -3,6 +3,8 @@
 // borrowed.
 #pragma once
 
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -43,19 +45,26 @@ class UniqueFd {
   int fd = -1;
 };
 
-// Every call by which the engine opens, changes or reads a file. A test swaps entries to count
-// calls, to make the n-th one fail, or to end the process there; it does so before the threads
-// start that use the table, which itself has no lock.
+// Every call by which the engine finds, opens, changes, reads or locks a file. A test swaps entries
+// to count calls, to make the n-th one fail, or to end the process there; it does so before the
+// threads start that use the table, which itself has no lock. Not in it: close and closedir, whose
+// results nothing depends on, and fstat of a descriptor that is already open.
 struct FileCalls {
   int (*open)(const char* path, int flags, mode_t mode);
   ssize_t (*read)(int fd, void* buffer, std::size_t size);
   ssize_t (*write)(int fd, const void* bytes, std::size_t size);
   ssize_t (*pread)(int fd, void* buffer, std::size_t size, off_t offset);
+  off_t (*lseek)(int fd, off_t offset, int whence);
   int (*fsync)(int fd);
   int (*fdatasync)(int fd);
   int (*ftruncate)(int fd, off_t size);
+  int (*flock)(int fd, int operation);
   int (*rename)(const char* from, const char* to);
   int (*unlink)(const char* path);
+  int (*stat)(const char* path, struct stat* info);
+  int (*mkdir)(const char* path, mode_t mode);
+  DIR* (*opendir)(const char* path);
+  dirent* (*readdir)(DIR* listing);
 };
 extern FileCalls file_calls;
 
@@ -63,11 +72,12 @@ extern FileCalls file_calls;
 // call that failed, after which any part of `bytes` may have been written.
 int WriteFully(int fd, std::string_view bytes);
 
-// Reads until `size` bytes have arrived or the file ends; retries EINTR. Returns the number of
-// bytes read, or -1 with errno set when a call failed.
-ssize_t ReadFully(int fd, char* buffer, std::size_t size);
+// Reads until `size` bytes have arrived, the file ends or a call fails; retries EINTR. Returns the
+// number of bytes read; `*error` becomes the errno of the call that failed after them, or 0.
+std::size_t ReadFully(int fd, char* buffer, std::size_t size, int* error);
 
-// The same at `offset`, leaving the file position alone.
+// Reads `size` bytes at `offset`, fewer where the file ends, and leaves the file position alone.
+// Returns the number of bytes read, or -1 with errno set when a call failed.
 ssize_t PreadFully(int fd, char* buffer, std::size_t size, std::uint64_t offset);
 
 }  // namespace kandb

@@ -44,8 +44,12 @@ inline std::size_t EncodedSize(const EntryView& entry) {
   return kEntryOverhead + entry.key.size() + entry.value.size();
 }
 
-// Key and value must be shorter than 4 GiB.
+// Key and value must be shorter than 4 GiB, or the process ends. Whatever is no put is written as a
+// deletion: a reader takes no other op.
 void AppendEntry(const EntryView& entry, std::string* out);
+
+// The key of an encoded entry, which must be whole.
+inline std::string_view KeyOfEncoded(const char* entry) { return {entry + 5, LoadU32(entry + 1)}; }
 
 enum class EntryDefect { kNone, kTruncatedHead, kBadOp, kTruncatedKey, kTruncatedValue };
 

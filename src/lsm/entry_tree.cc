@@ -277,10 +277,14 @@ void EntryTree::Position::Next() {
   if (++index == leaf->count) NextLeaf();
 }
 
-void EntryTree::Position::Take(std::size_t limit, std::vector<EntryView>* out) {
-  while (valid() && out->size() < limit) {
-    const std::size_t end = std::min<std::size_t>(leaf->count, index + limit - out->size());
-    for (; index < end; ++index) out->push_back(leaf->records[index]->entry());
+void EntryTree::Position::Take(std::size_t limit, std::vector<const Record*>* out) {
+  std::size_t left = limit;
+  while (valid() && left > 0) {
+    const std::size_t count = std::min<std::size_t>(leaf->count - index, left);
+    const Record* const* const first = leaf->records + index;
+    out->insert(out->end(), first, first + count);
+    left -= count;
+    index += count;
     if (index == leaf->count) NextLeaf();
   }
 }
@@ -288,10 +292,15 @@ void EntryTree::Position::Take(std::size_t limit, std::vector<EntryView>* out) {
 void EntryTree::Position::NextLeaf() {
   leaf = leaf->next;
   index = 0;
-  if (leaf == nullptr) return;
-  // One cache miss after the other would be what a scan consists of.
-  if (leaf->next != nullptr) Prefetch(leaf->next, sizeof(Leaf));
-  for (std::size_t i = 0; i < leaf->count; ++i) Prefetch(leaf->records[i], kRecordFront);
+  // Without prefetching, a walk over the leaves is a chain of cache misses.
+  if (leaf != nullptr && leaf->next != nullptr) Prefetch(leaf->next, sizeof(Leaf));
+}
+
+void EntryTree::Decode(std::span<const Record* const> records, std::vector<EntryView>* entries) {
+  for (const Record* record : records) Prefetch(record, kRecordFront);
+  entries->resize(records.size());
+  std::transform(records.begin(), records.end(), entries->begin(),
+                 [](const Record* record) { return record->entry(); });
 }
 
 }  // namespace kandb::lsm

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -20,6 +21,12 @@ class EntryTree {
   struct Leaf;
 
  public:
+  // An entry in the tree.
+  struct Record;
+  // Replaces `*entries` by what these records hold. To look into a record mostly costs a cache
+  // miss; those of one call overlap.
+  static void Decode(std::span<const Record* const> records, std::vector<EntryView>* entries);
+
   EntryTree() = default;
   EntryTree(const EntryTree&) = delete;
   EntryTree& operator=(const EntryTree&) = delete;
@@ -35,27 +42,27 @@ class EntryTree {
   // The place of an entry in the tree, or the end.
   class Position {
    public:
+    Position() = default;
     bool valid() const { return leaf != nullptr; }
     EntryView entry() const;
     void Next();
-    // Appends the entries from here on to `*out`, which then has `limit` at most, and moves behind
-    // them.
-    void Take(std::size_t limit, std::vector<EntryView>* out);
+    // Appends the next `limit` entries, or all if they are fewer, to `*out` and moves past them.
+    // Does not look into the records.
+    void Take(std::size_t limit, std::vector<const Record*>* out);
 
    private:
     friend class EntryTree;
     Position(const Leaf* entry_leaf, std::size_t entry_index);
     void NextLeaf();
 
-    const Leaf* leaf;
-    std::size_t index;
+    const Leaf* leaf = nullptr;
+    std::size_t index = 0;
   };
 
   // The first entry whose key is not less than `key`.
   Position LowerBound(std::string_view key) const;
 
  private:
-  struct Record;
   struct SortedRecords;
   struct Inner;
   // Enough for any number of entries that memory can hold: each level multiplies it by 16 at least.

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <new>
 
+#include "common/check.h"
 #include "lsm/lsm_db.h"
 #include "lsm/manifest.h"
 #include "lsm/table_writer.h"
@@ -22,6 +23,8 @@ constexpr std::size_t kMergeReadSize = 262144;  // bytes
 bool LsmDb::TooManyTables() const { return table_readers.size() > options.max_table_files; }
 
 Status LsmDb::SaveManifest() {
+  KANDB_CHECK(live_tables.size() == table_readers.size(),
+              live_tables.size() << " numbers, " << table_readers.size() << " tables");
   return WriteManifest(directory, {.next_file = next_file, .sst_files = live_tables});
 }
 
@@ -108,11 +111,13 @@ Status LsmDb::CompactAllTables() {
 
   std::vector<std::unique_ptr<EntrySource>> sources;
   sources.reserve(merged_readers.size());
+  std::size_t data_size = 0;  // the output has no more
   for (const auto& reader : merged_readers) {
+    data_size += reader->DataSize();
     sources.push_back(std::make_unique<SstReader::Iterator>(reader.get(), kMergeReadSize));
   }
   MergingIterator merged(std::move(sources), "");
-  TableBuilder builder;
+  TableBuilder builder(data_size);
   for (merged.Seek(""); merged.valid(); merged.Next()) {
     // Deletions end here: the merge covers every table, and memtables are newer than all of them.
     if (merged.entry().op == kPut) builder.Add(merged.entry());
@@ -126,10 +131,14 @@ Status LsmDb::CompactAllTables() {
 
   {
     MutexLock lock(&db_mutex);
-    // Tables that joined meanwhile stand at the front and stay there; the merged ones are the rest.
-    const auto kept = static_cast<std::ptrdiff_t>(live_tables.size() - merged_numbers.size());
-    live_tables.resize(static_cast<std::size_t>(kept));
-    table_readers.resize(static_cast<std::size_t>(kept));
+    // The merged tables are the oldest ones and end the list; the new table takes their place.
+    const std::size_t count = merged_numbers.size();
+    KANDB_CHECK(live_tables.size() >= count &&
+                    std::equal(merged_numbers.begin(), merged_numbers.end(),
+                               live_tables.end() - static_cast<std::ptrdiff_t>(count)),
+                count << " tables were merged, " << live_tables.size() << " are live");
+    live_tables.resize(live_tables.size() - count);
+    table_readers.resize(table_readers.size() - count);
     live_tables.push_back(number);
     table_readers.push_back(std::move(reader));
     PublishView();

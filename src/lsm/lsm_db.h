@@ -65,9 +65,14 @@ class LsmDb {
 
   // Hands the live pairs of a range to `visit`, as ForEachLive does.
   Status ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
-                 const PairVisitor& visit) const EXCLUDES(db_mutex);
+                 const PairVisitor& visit, bool* of_one_moment = nullptr) const EXCLUDES(db_mutex);
 
-  // The same as a list, which replaces `*out`.
+  // The same, but always the state of one moment, whatever is written meanwhile. Writers wait while
+  // the entries in the memtables are listed.
+  Status ForEachAtOnce(std::string_view start, std::string_view end, std::uint32_t limit,
+                       const PairVisitor& visit) const EXCLUDES(db_mutex);
+
+  // The pairs of ForEach as a list, which replaces `*out`.
   Status Scan(std::string_view start, std::string_view end, std::uint32_t limit,
               std::vector<Entry>* out) const EXCLUDES(db_mutex);
 

@@ -13,15 +13,13 @@ namespace kandb::lsm {
 
 namespace {
 
-std::uint64_t NextNumber(std::uint64_t number) { return std::max(number, number + 1); }
-
 Status EnsureDirectory(const std::string& dir) {
   struct stat info {};
-  if (::stat(dir.c_str(), &info) == 0) {
+  if (file_calls.stat(dir.c_str(), &info) == 0) {
     if (S_ISDIR(info.st_mode)) return {};
     return Status::InvalidArgument(dir + " exists and is not a directory");
   }
-  if (::mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
+  if (file_calls.mkdir(dir.c_str(), 0755) != 0 && errno != EEXIST) {
     const int error = errno;
     return Status::Corruption("mkdir " + dir + ": " + ErrnoText(error));
   }
@@ -70,14 +68,15 @@ Status LsmDb::Recover() {
   if (Status s = ReadManifest(directory, &manifest, &exists); !s.ok()) return s;
   live_tables = std::move(manifest.sst_files);
 
-  const FileNumbers files = ListFileNumbers(directory);
+  FileNumbers files;
+  if (Status s = ListFileNumbers(directory, &files); !s.ok()) return s;
   DeleteOrphans(directory, files.tables, live_tables);
   if (Status s = OpenTables(directory, live_tables, &table_readers); !s.ok()) return s;
 
   // New files must sort after every old one, the deleted ones included.
   next_file = manifest.next_file;
   for (const std::vector<std::uint64_t>* numbers : {&files.logs, &files.tables}) {
-    if (!numbers->empty()) next_file = std::max(next_file, NextNumber(numbers->back()));
+    if (!numbers->empty()) next_file = std::max(next_file, numbers->back() + 1);
   }
   if (next_file > kMaxFileNumber) {
     return Status::Corruption("file number out of range in " + directory);

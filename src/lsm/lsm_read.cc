@@ -42,8 +42,14 @@ Status LsmDb::Get(std::string_view key, std::string* value, bool* found) const {
 }
 
 Status LsmDb::ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
-                      const PairVisitor& visit) const {
-  return ForEachLive(*CaptureView(), start, end, limit, visit);
+                      const PairVisitor& visit, bool* of_one_moment) const {
+  return ForEachLive(*CaptureView(), start, end, limit, visit, MemTableSource::kChunkSize,
+                     of_one_moment);
+}
+
+Status LsmDb::ForEachAtOnce(std::string_view start, std::string_view end, std::uint32_t limit,
+                            const PairVisitor& visit) const {
+  return ForEachLive(*CaptureView(), start, end, limit, visit, 0);
 }
 
 Status LsmDb::Scan(std::string_view start, std::string_view end, std::uint32_t limit,

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <memory>
+#include <system_error>
 #include <utility>
 
 #include "common/posix_file.h"
@@ -26,6 +28,69 @@ void SortAndUnite(std::vector<std::uint64_t>* numbers) {
   std::sort(numbers->begin(), numbers->end());
   numbers->erase(std::unique(numbers->begin(), numbers->end()), numbers->end());
 }
+
+// All of the file at `path`. It needs no limit: a manifest has a line for each live table.
+Status ReadWhole(const std::string& path, std::string* text, bool* exists) {
+  const UniqueFd file(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
+  if (!file.valid()) {
+    const int error = errno;
+    return error == ENOENT ? Status() : Status::Corruption("manifest open: " + ErrnoText(error));
+  }
+  constexpr std::size_t kPieceSize = 65536;  // bytes
+  for (std::size_t count = kPieceSize; count == kPieceSize;) {
+    const std::size_t size = text->size();
+    text->resize(size + kPieceSize);
+    int error = 0;
+    count = ReadFully(file.get(), text->data() + size, kPieceSize, &error);
+    if (error != 0) return Status::Corruption("manifest read: " + ErrnoText(error));
+    text->resize(size + count);
+  }
+  *exists = true;
+  return {};
+}
+
+bool IsBlank(char c) { return c == ' ' || ('\t' <= c && c <= '\r'); }
+
+// Takes words and numbers off the front of a text.
+class Scanner {
+ public:
+  explicit Scanner(std::string_view scanned) : text(scanned) {}
+
+  // Of what has not been taken yet.
+  std::uint64_t offset() const { return at; }
+
+  void SkipBlanks() {
+    while (at < text.size() && IsBlank(text[at])) ++at;
+  }
+
+  // The bytes up to the next blank, 31 at most; empty at the end.
+  std::string_view TakeWord() {
+    const std::size_t start = at;
+    while (at < text.size() && at - start < kMaxWordSize && !IsBlank(text[at])) ++at;
+    return text.substr(start, at - start);
+  }
+
+  // A number after any blanks, modulo 2^64 with a minus sign; false when there is none.
+  bool TakeNumber(std::uint64_t* number) {
+    SkipBlanks();
+    const bool negative = at < text.size() && text[at] == '-';
+    if (negative || (at < text.size() && text[at] == '+')) ++at;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data() + at, end, *number);
+    if (error == std::errc::invalid_argument) return false;
+    at = static_cast<std::size_t>(rest - text.data());
+    const bool overflow = error == std::errc::result_out_of_range;
+    if (overflow) *number = std::numeric_limits<std::uint64_t>::max();
+    if (negative && !overflow) *number = -*number;
+    return true;
+  }
+
+ private:
+  static constexpr std::size_t kMaxWordSize = 31;  // bytes
+
+  const std::string_view text;
+  std::size_t at = 0;
+};
 
 }  // namespace
 
@@ -73,30 +138,19 @@ Status ForEachManifestRecord(const std::string& path,
                              std::optional<std::uint64_t>* damage_offset) {
   *exists = false;
   damage_offset->reset();
-  UniqueFd file(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
-  std::unique_ptr<std::FILE, int (*)(std::FILE*)> stream(nullptr, std::fclose);
-  if (file.valid()) stream.reset(::fdopen(file.get(), "r"));
-  if (stream == nullptr) {
-    const int error = errno;
-    return error == ENOENT ? Status() : Status::Corruption("manifest open: " + ErrnoText(error));
-  }
-  (void)file.release();  // the stream closes it
-
-  *exists = true;
-  std::uint64_t offset = 0;  // behind the last record
+  std::string text;
+  if (Status s = ReadWhole(path, &text, exists); !s.ok()) return s;
+  Scanner scanner(text);
   for (;;) {
-    char word[32];
-    unsigned long long number = 0;
-    int blanks = 0;
-    int size = 0;
-    const int taken = std::fscanf(stream.get(), " %n%31s %llu%n", &blanks, word, &number, &size);
-    const std::uint64_t start = offset + static_cast<std::uint64_t>(blanks);
-    if (taken != 2) {
-      if (taken != EOF) *damage_offset = start;
+    scanner.SkipBlanks();
+    ManifestRecord record = {.offset = scanner.offset(), .word = scanner.TakeWord(), .number = 0};
+    if (record.word.empty()) return {};
+    if (!scanner.TakeNumber(&record.number)) {
+      *damage_offset = record.offset;
       return {};
     }
-    visit({start, word, number});
-    offset += static_cast<std::uint64_t>(size);
+    record.word = record.word.substr(0, record.word.find('\0'));
+    visit(record);
   }
 }
 
@@ -110,21 +164,27 @@ std::string LogFileName(const std::string& dir, std::uint64_t number) {
   return NumberedName(dir, "/wal-%06llu.log", number);
 }
 
-FileNumbers ListFileNumbers(const std::string& dir) {
-  FileNumbers numbers;
-  const std::unique_ptr<DIR, int (*)(DIR*)> listing(::opendir(dir.c_str()), ::closedir);
-  if (listing == nullptr) return numbers;
-  while (const dirent* file = ::readdir(listing.get())) {
+Status ListFileNumbers(const std::string& dir, FileNumbers* numbers) {
+  *numbers = {};
+  const std::unique_ptr<DIR, int (*)(DIR*)> listing(file_calls.opendir(dir.c_str()), ::closedir);
+  if (listing == nullptr) return {};
+  for (;;) {
+    errno = 0;
+    const dirent* file = file_calls.readdir(listing.get());
+    if (file == nullptr) break;
     unsigned long long number = 0;
     if (std::sscanf(file->d_name, "wal-%llu.log", &number) == 1) {
-      numbers.logs.push_back(number);
+      if (number < kMaxFileNumber) numbers->logs.push_back(number);
     } else if (std::sscanf(file->d_name, "sst-%llu.sst", &number) == 1) {
-      numbers.tables.push_back(number);
+      if (number < kMaxFileNumber) numbers->tables.push_back(number);
     }
   }
-  SortAndUnite(&numbers.logs);
-  SortAndUnite(&numbers.tables);
-  return numbers;
+  if (const int error = errno; error != 0) {
+    return Status::Corruption("list " + dir + ": " + ErrnoText(error));
+  }
+  SortAndUnite(&numbers->logs);
+  SortAndUnite(&numbers->tables);
+  return {};
 }
 
 }  // namespace kandb::lsm

@@ -4,9 +4,10 @@
 //   next_file <number>      the next unused number; the last such record counts
 //   sst <number>            a live table; newest first
 //
-// A writer ends each record with a newline, a reader takes any white space. Other words are
-// skipped; the first record that is not a word and a number ends the file. No state between calls;
-// the engine serialises them.
+// A writer ends each record with a newline. A reader takes any white space before a word or number,
+// ends a word after 31 bytes or at a zero byte, takes a number with a sign, and for one beyond 64
+// bits the largest. Other words are skipped; the first record that is not a word and a number ends
+// the file. No state between calls; the engine serialises them.
 #pragma once
 
 #include <cstdint>
@@ -26,8 +27,8 @@ struct ManifestState {
   std::vector<std::uint64_t> sst_files;  // newest first
 };
 
-// An engine refuses to open a directory whose names or manifest say that it has got further: no
-// engine does, and the numbers would run over.
+// Numbers are below this, so that they never overflow: no engine gets that far. A name with a
+// number from here on is a foreign one; a manifest that says `next_file` is above fails the start.
 inline constexpr std::uint64_t kMaxFileNumber = std::numeric_limits<std::uint64_t>::max() / 2;
 
 // Replaces the manifest of `dir` through "MANIFEST.tmp" and a rename. Corruption "manifest create:
@@ -36,8 +37,8 @@ inline constexpr std::uint64_t kMaxFileNumber = std::numeric_limits<std::uint64_
 Status WriteManifest(const std::string& dir, const ManifestState& state);
 
 // Reads the manifest of `dir`. `*exists` tells whether there is one; without one `*state` stays as
-// it is, and `next_file` also stays where no record sets it. Corruption "manifest open: " and the
-// system's text.
+// it is, and `next_file` also stays where no record sets it. Corruption "manifest open: " or
+// "manifest read: " and the system's text; `*state` is then as it was.
 Status ReadManifest(const std::string& dir, ManifestState* state, bool* exists);
 
 // A record as it stands in the file, unknown words too.
@@ -46,8 +47,9 @@ struct ManifestRecord {
   std::string_view word;  // lives during the visit
   std::uint64_t number;
 };
-// Hands the records of the manifest at `path` to `visit`, in their order. `*damage_offset` becomes
-// where a rest that is no record begins, if there is one. Opens and fails as ReadManifest does.
+// Hands the records of the manifest at `path` to `visit`, in their order, once all of it was read.
+// `*damage_offset` becomes where a rest that is no record begins, if there is one. Opens and fails
+// as ReadManifest does.
 Status ForEachManifestRecord(const std::string& path,
                              const std::function<void(const ManifestRecord&)>& visit, bool* exists,
                              std::optional<std::uint64_t>* damage_offset);
@@ -58,13 +60,14 @@ std::string ManifestFileName(const std::string& dir);
 std::string TableFileName(const std::string& dir, std::uint64_t number);
 std::string LogFileName(const std::string& dir, std::uint64_t number);
 
-// What the names of numbered files in a directory listing tell: their numbers, ascending, each
-// once. Whatever follows the digits of a name is not looked at.
+// The numbers of the numbered files in a directory listing, ascending, each once. Whatever follows
+// the digits of a name is not looked at.
 struct FileNumbers {
   std::vector<std::uint64_t> logs;
   std::vector<std::uint64_t> tables;
 };
-// A directory that cannot be read has no files.
-FileNumbers ListFileNumbers(const std::string& dir);
+// A directory that cannot be opened for listing has no files. Corruption "list <dir>: " and the
+// system's text when listing it fails later: files that are there must not count as missing.
+Status ListFileNumbers(const std::string& dir, FileNumbers* numbers);
 
 }  // namespace kandb::lsm

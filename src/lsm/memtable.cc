@@ -1,6 +1,8 @@
 #include "lsm/memtable.h"
 
 #include <algorithm>
+#include <limits>
+#include <utility>
 
 namespace kandb::lsm {
 
@@ -34,22 +36,47 @@ bool MemTable::Lookup(std::string_view key, std::uint8_t* op, std::string* value
   return true;
 }
 
-void MemTable::Dump(std::string_view start, std::string_view end, std::size_t limit,
-                    std::vector<EntryView>* out) const {
-  out->clear();
-  {
-    ReaderLock lock(&mutex);
-    entries.LowerBound(start).Take(limit, out);
-  }
-  // Cut off afterwards: most dumps end before they come to `end`, and no key is compared with it.
-  if (end.empty() || out->empty() || out->back().key < end) return;
-  const auto before_end = [&](const EntryView& entry) { return entry.key < end; };
-  out->erase(std::partition_point(out->begin(), out->end(), before_end), out->end());
-}
-
 std::uint64_t MemTable::ApproximateBytes() const {
   ReaderLock lock(&mutex);
   return approximate_bytes;
+}
+
+void MemTable::CompleteOpenChunks() {
+  MutexLock lock(&chunks_mutex);
+  for (Chunk* chunk : open_chunks) {
+    chunk->position.Take(chunk->max_size - chunk->records.size(), &chunk->records);
+  }
+  open_chunks.clear();
+}
+
+MemTable::Chunk::Records MemTable::Chunk::Begin(std::string_view start, std::size_t limit) {
+  Close();
+  records.clear();
+  max_size = limit == 0 ? std::numeric_limits<std::size_t>::max() : limit;
+  if (limit != 0) records.reserve(limit);
+  ReaderLock lock(&memtable->mutex);
+  begin_bytes = memtable->approximate_bytes;
+  position = memtable->entries.LowerBound(start);
+  position.Take(limit == 0 ? max_size : std::min(limit, kFirstSize), &records);
+  if (position.valid() && records.size() < max_size) {
+    MutexLock chunks_lock(&memtable->chunks_mutex);
+    memtable->open_chunks.push_back(this);
+    listed = true;
+  }
+  return records;
+}
+
+MemTable::Chunk::Records MemTable::Chunk::Complete() {
+  ReaderLock lock(&memtable->mutex);
+  Close();
+  position.Take(max_size - records.size(), &records);
+  return records;
+}
+
+void MemTable::Chunk::Close() {
+  if (!std::exchange(listed, false)) return;
+  MutexLock lock(&memtable->chunks_mutex);
+  std::erase(memtable->open_chunks, this);
 }
 
 }  // namespace kandb::lsm

@@ -35,16 +35,18 @@ Status ReplayLogs(const std::string& dir, const std::vector<std::uint64_t>& numb
 
 Status LoadReadOnly(const std::string& dir, ReadView* view) {
   struct stat info {};
-  if (::stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
+  if (file_calls.stat(dir.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) {
     return Status::InvalidArgument(dir + " is not a directory");
   }
   ManifestState manifest;
   bool exists = false;
   if (Status s = ReadManifest(dir, &manifest, &exists); !s.ok()) return s;
+  FileNumbers files;
+  if (Status s = ListFileNumbers(dir, &files); !s.ok()) return s;
   std::vector<std::shared_ptr<SstReader>> tables;
   if (Status s = OpenTables(dir, manifest.sst_files, &tables); !s.ok()) return s;
   auto memtable = std::make_shared<MemTable>();
-  if (Status s = ReplayLogs(dir, ListFileNumbers(dir).logs, memtable.get()); !s.ok()) return s;
+  if (Status s = ReplayLogs(dir, files.logs, memtable.get()); !s.ok()) return s;
   view->memtables = {std::move(memtable)};
   view->tables.assign(tables.begin(), tables.end());
   return {};

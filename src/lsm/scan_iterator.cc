@@ -6,25 +6,48 @@ namespace kandb::lsm {
 
 namespace {
 
-// So few that what they refer to is still in the processor's cache when it is looked at.
-constexpr std::size_t kChunkSize = 128;  // entries
+// Records of a memtable that are decoded at once: so few that they are still in the processor's
+// cache when they are looked at.
+constexpr std::size_t kBatchSize = 128;
 
 // The first read in a table: enough for the few records of a short range.
 constexpr std::size_t kFirstReadSize = 16384;  // bytes
 
 }  // namespace
 
-void MemTableSource::Refill() {
-  if (chunk.size() < kChunkSize) return;
-  // The smallest key after the last one is that key and a zero byte.
-  std::string successor(chunk.back().key);
-  successor.push_back('\0');
-  FillChunk(successor);
+void MemTableSource::Seek(std::string_view target) {
+  BeginChunk(target);
+  DecodeBatch();
 }
 
-void MemTableSource::FillChunk(std::string_view start) {
-  memtable->Dump(start, end, kChunkSize, &chunk);
-  at_hand = chunk;
+void MemTableSource::Refill() {
+  if (rest.empty() && !complete) {
+    rest = chunk.Complete().subspan(decoded);
+    complete = true;
+  }
+  if (rest.empty() && decoded == chunk_size) {
+    // The smallest key after the last one is that key and a zero byte.
+    std::string successor(batch.back().key);
+    successor.push_back('\0');
+    const std::uint64_t previous = chunk.moment();
+    BeginChunk(successor);
+    if (chunk.moment() != previous) *same_moment = false;
+  }
+  DecodeBatch();
+}
+
+void MemTableSource::BeginChunk(std::string_view start) {
+  rest = chunk.Begin(start, chunk_size);
+  complete = false;
+  decoded = 0;
+}
+
+void MemTableSource::DecodeBatch() {
+  const std::size_t count = std::min(kBatchSize, rest.size());
+  EntryTree::Decode(rest.first(count), &batch);
+  rest = rest.subspan(count);
+  decoded += count;
+  at_hand = batch;
 }
 
 void MergingIterator::Seek(std::string_view target) {
@@ -84,11 +107,13 @@ std::size_t MergingIterator::RunLength() const {
 }
 
 Status ForEachLive(const ReadView& view, std::string_view start, std::string_view end,
-                   std::uint32_t limit, const PairVisitor& visit) {
+                   std::uint32_t limit, const PairVisitor& visit, std::size_t chunk_limit,
+                   bool* of_one_moment) {
+  bool same_moment = true;
   std::vector<std::unique_ptr<EntrySource>> sources;
   sources.reserve(view.memtables.size() + view.tables.size());
   for (const auto& memtable : view.memtables) {
-    sources.push_back(std::make_unique<MemTableSource>(memtable, end));
+    sources.push_back(std::make_unique<MemTableSource>(memtable, chunk_limit, &same_moment));
   }
   for (const auto& table : view.tables) {
     sources.push_back(std::make_unique<SstReader::Iterator>(table.get(), kFirstReadSize));
@@ -102,6 +127,7 @@ Status ForEachLive(const ReadView& view, std::string_view start, std::string_vie
     ++visited;
     if (!visit(entry.key, entry.value)) break;
   }
+  if (of_one_moment != nullptr) *of_one_moment = same_moment;
   return merged.status();
 }
 

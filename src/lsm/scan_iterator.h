@@ -22,24 +22,37 @@ struct ReadView {
   std::vector<std::shared_ptr<const SstReader>> tables;
 };
 
-// A memtable as a source. It is read in chunks of some hundred entries, so that a long scan
-// neither holds the memtable's lock for long nor lists all of it. Each chunk is consistent; keys
-// written behind the current position later on may or may not be seen.
+// A memtable as a source. It is read in chunks, so that a long scan neither holds the memtable's
+// lock for long nor lists all of it. A chunk is of one moment; of keys written after the current
+// chunk was taken, those in later chunks are seen.
 class MemTableSource final : public EntrySource {
  public:
-  // Entries at or after `end_bound` (borrowed, empty is none) need not be seen.
-  MemTableSource(std::shared_ptr<const MemTable> source, std::string_view end_bound)
-      : memtable(std::move(source)), end(end_bound) {}
+  static constexpr std::size_t kChunkSize = 4096;  // entries
 
-  void Seek(std::string_view target) override { FillChunk(target); }
+  // A `chunk_limit` of 0 makes everything one chunk. `*of_one_moment` (borrowed) becomes false when
+  // the memtable was written to between two chunks.
+  MemTableSource(std::shared_ptr<const MemTable> source, std::size_t chunk_limit,
+                 bool* of_one_moment)
+      : memtable(std::move(source)),
+        chunk_size(chunk_limit),
+        same_moment(of_one_moment),
+        chunk(memtable.get()) {}
+
+  void Seek(std::string_view target) override;
 
  private:
   void Refill() override;
-  void FillChunk(std::string_view start);
+  void BeginChunk(std::string_view start);
+  void DecodeBatch();
 
   const std::shared_ptr<const MemTable> memtable;
-  const std::string_view end;
-  std::vector<EntryView> chunk;
+  const std::size_t chunk_size;
+  bool* const same_moment;
+  MemTable::Chunk chunk;
+  bool complete = false;          // `rest` goes to the end of the chunk
+  std::size_t decoded = 0;        // records of the chunk
+  MemTable::Chunk::Records rest;  // those after them
+  std::vector<EntryView> batch;
 };
 
 // The entries of several sources in key order, deletions included. Of entries with equal keys only
@@ -85,8 +98,15 @@ class MergingIterator {
 // Hands the live pairs of `view` with start <= key < end (an empty bound is none) to `visit`, in
 // key order and at most `limit` of them; `visit` returns false to end the walk. The views that it
 // is given live only during the call. Fails only as reading a table does.
+//
+// `*of_one_moment`, unless null, becomes whether what was visited is the state of one moment:
+// nothing was written meanwhile, or no memtable has more than `chunk_limit` entries in the range.
+// Of a limit of 0 it always is; each memtable is then listed as a whole, under its lock and in 8
+// bytes an entry.
 using PairVisitor = std::function<bool(std::string_view key, std::string_view value)>;
 Status ForEachLive(const ReadView& view, std::string_view start, std::string_view end,
-                   std::uint32_t limit, const PairVisitor& visit);
+                   std::uint32_t limit, const PairVisitor& visit,
+                   std::size_t chunk_limit = MemTableSource::kChunkSize,
+                   bool* of_one_moment = nullptr);
 
 }  // namespace kandb::lsm

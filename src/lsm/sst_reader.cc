@@ -45,7 +45,7 @@ Status SstReader::Open(const std::string& path, std::shared_ptr<SstReader>* read
 
 Status SstReader::ReadFooter(const std::string& path) {
   file = UniqueFd(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
-  const off_t size = file.valid() ? ::lseek(file.get(), 0, SEEK_END) : -1;
+  const off_t size = file.valid() ? file_calls.lseek(file.get(), 0, SEEK_END) : -1;
   if (size < 0) {
     const int error = errno;
     return Status::Corruption("sst open " + path + ": " + ErrnoText(error));

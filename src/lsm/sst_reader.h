@@ -9,6 +9,7 @@
 // " and the system's text.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -35,6 +36,8 @@ class SstReader {
   Status Get(std::string_view key, bool* found, std::uint8_t* op, std::string* value) const;
 
   std::uint64_t EntryCount() const { return footer.entry_count; }
+  // Bytes of encoded entries: what the footer says, and no more than the file has.
+  std::uint64_t DataSize() const { return std::min(footer.index_offset, file_size); }
 
   // For those who check the file: what it says of itself, and whether its filter admits a key.
   const TableFooter& Footer() const { return footer; }

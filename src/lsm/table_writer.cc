@@ -4,6 +4,7 @@
 
 #include <string_view>
 
+#include "common/check.h"
 #include "common/posix_file.h"
 #include "lsm/table_format.h"
 
@@ -26,6 +27,10 @@ Status WriteAndSync(const std::string& path, const UniqueFd& file,
 }  // namespace
 
 void TableBuilder::Add(const EntryView& entry) {
+  KANDB_CHECK(data.empty() || KeyOfEncoded(data.data() + last_entry) < entry.key,
+              "entry " << hashes.size() << " of a table has the key \"" << entry.key
+                       << "\" after \"" << KeyOfEncoded(data.data() + last_entry) << '"');
+  last_entry = data.size();
   if (hashes.size() % kIndexInterval == 0) AppendIndexElement({entry.key, data.size()}, &index);
   AppendEntry(entry, &data);
   hashes.push_back(crypto::HashForBloom(entry.key));

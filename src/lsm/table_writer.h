@@ -19,13 +19,15 @@ class TableBuilder {
   // become more; too much costs only address space.
   explicit TableBuilder(std::size_t expected_size = 0) { data.reserve(expected_size); }
 
-  // Keys must ascend, each once.
+  // Keys must ascend, each once: the process ends otherwise, because lookups in the table would
+  // miss what it holds.
   void Add(const EntryView& entry);
 
  private:
   friend Status WriteTable(const std::string& path, const TableBuilder& table);
 
   std::string data;
+  std::size_t last_entry = 0;  // where the entry added last begins in `data`
   std::string index;
   std::vector<crypto::BloomHash> hashes;  // one a key: the filter's size depends on their number
 };

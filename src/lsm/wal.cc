@@ -3,10 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cassert>
 #include <cerrno>
 #include <utility>
 
+#include "common/check.h"
 #include "common/endian.h"
 #include "crypto/crc32c.h"
 #include "lsm/write_batch.h"
@@ -30,7 +30,7 @@ std::string BuildLogRecord(const std::vector<Entry>& batch) {
   record.assign(kRecordHeaderSize, '\0');
   AppendBatch(batch, &record);
   const std::string_view payload = std::string_view(record).substr(kRecordHeaderSize);
-  assert(payload.size() <= kMaxLogPayloadSize);
+  KANDB_CHECK(payload.size() <= kMaxLogPayloadSize, payload.size());
   StoreLittleEndian(crypto::Crc32c(payload), record.data());
   StoreLittleEndian(static_cast<std::uint32_t>(payload.size()), record.data() + 4);
   return record;
@@ -65,7 +65,7 @@ void Log::CutBack(std::uint64_t size, const Status& cause) {
 Status OpenLogForAppend(const std::string& path, Log* log) {
   UniqueFd file(file_calls.open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
   if (!file.valid()) return OpenFailure(path, errno);
-  const off_t size = ::lseek(file.get(), 0, SEEK_END);
+  const off_t size = file_calls.lseek(file.get(), 0, SEEK_END);
   if (size < 0) return OpenFailure(path, errno);
   log->file = std::move(file);
   log->file_size = static_cast<std::uint64_t>(size);
@@ -86,15 +86,16 @@ bool LogReader::Next(std::vector<EntryView>* batch) {
   buffer.Consume(std::exchange(record_size, 0));
   if (!file.valid() || !damage_status.ok()) return false;
   if (!Fill(kRecordHeaderSize)) {
-    return buffer.unread().empty() ? false : Stop("torn record header");
+    if (buffer.unread().empty() && read_error == 0) return false;
+    return StopTorn("torn record header");
   }
   const std::uint32_t crc = LoadU32(buffer.unread().data());
   const std::size_t length = LoadU32(buffer.unread().data() + 4);
   if (length > kMaxLogPayloadSize) return Stop("record too long");
-  if (!Fill(kRecordHeaderSize + length)) return Stop("torn record");
+  if (!Fill(kRecordHeaderSize + length)) return StopTorn("torn record");
   const std::string_view payload = buffer.unread().substr(kRecordHeaderSize, length);
   if (crypto::Crc32c(payload) != crc) return Stop("record crc mismatch");
-  if (Status s = DecodeBatch(payload, batch); !s.ok()) return Stop(s.message().c_str());
+  if (Status s = DecodeBatch(payload, batch); !s.ok()) return Stop(s.message());
   record_size = kRecordHeaderSize + length;
   next_offset += record_size;
   return true;
@@ -104,16 +105,24 @@ bool LogReader::Fill(std::size_t size) {
   while (buffer.unread().size() < size) {
     const std::size_t missing = size - buffer.unread().size();
     char* room = buffer.Reserve(missing);
-    const ssize_t count = ReadFully(file.get(), room, buffer.free_size());
-    if (count <= 0) return false;
-    buffer.Commit(static_cast<std::size_t>(count));
+    // A large read may fail for a byte far ahead. Then only what the record needs is read, so that
+    // every record before the bad byte comes through.
+    const bool in_large_pieces = read_error == 0;
+    const std::size_t wanted = in_large_pieces ? buffer.free_size() : missing;
+    const std::size_t count = ReadFully(file.get(), room, wanted, &read_error);
+    buffer.Commit(count);
+    if (count < wanted && !(in_large_pieces && read_error != 0)) break;
   }
-  return true;
+  return buffer.unread().size() >= size;
 }
 
-bool LogReader::Stop(const char* damage) {
-  damage_status = Status::Corruption(damage);
+bool LogReader::Stop(std::string damage) {
+  damage_status = Status::Corruption(std::move(damage));
   return false;
+}
+
+bool LogReader::StopTorn(const char* damage) {
+  return Stop(read_error == 0 ? damage : "wal read: " + ErrnoText(read_error));
 }
 
 Status ReplayLog(const std::string& path,

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +24,8 @@ namespace kandb::lsm {
 
 // A replay takes a longer record for damage, so none may be written.
 inline constexpr std::size_t kMaxLogPayloadSize = std::size_t{64} << 20;  // bytes
+static_assert(kMaxLogPayloadSize <= std::numeric_limits<std::uint32_t>::max(),
+              "the length of a record, of a key and of a value are 32-bit fields");
 
 // The record of a batch whose encoding is within the limit.
 std::string BuildLogRecord(const std::vector<Entry>& batch);
@@ -65,23 +68,28 @@ class LogReader {
   Status Open(const std::string& path, bool* exists);
 
   // Reads the next batch; false at the end of the log, which is the end of the file or the first
-  // record that is damaged. The entries live until the next call.
+  // record that is damaged or cannot be read whole. The entries live until the next call.
   bool Next(std::vector<EntryView>* batch);
 
   // Where the record that Next returned last ends, in bytes from the start of the file; at the end
   // of the log, where the damage or the end of the file begins.
   std::uint64_t offset() const { return next_offset; }
 
-  // At the end of the log: what is wrong with the record there. OK at the end of the file.
+  // At the end of the log: what is wrong with the record there, "wal read: " and the system's text
+  // when reading it failed. OK at the end of the file.
   const Status& damage() const { return damage_status; }
 
  private:
-  // Reads on until `size` bytes are unread; false when the file ends or fails before.
+  // Reads on until `size` bytes are unread; false when the file ends before, or reading fails.
   bool Fill(std::size_t size);
-  bool Stop(const char* damage);
+  // Ends the log; false.
+  bool Stop(std::string damage);
+  // The same after Fill: with this damage, or with the failure of reading if there was one.
+  bool StopTorn(const char* damage);
 
   UniqueFd file;
   InputBuffer buffer;
+  int read_error = 0;           // errno of the call that failed last
   std::size_t record_size = 0;  // of the record returned last, still in the buffer
   std::uint64_t next_offset = 0;
   Status damage_status;
@@ -89,8 +97,8 @@ class LogReader {
 
 // Hands every batch of the log to `apply`, in order; the entries live only during the call. The
 // first damaged record ends the replay silently, as the end of the file does: it is what a crash
-// leaves of a write that nobody was told had succeeded. A missing file holds nothing. Fails only as
-// opening does.
+// leaves of a write that nobody was told had succeeded. So does the first byte that cannot be read:
+// what comes before it is applied. A missing file holds nothing. Fails only as opening does.
 Status ReplayLog(const std::string& path,
                  const std::function<void(const std::vector<EntryView>&)>& apply);
 

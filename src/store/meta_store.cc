@@ -56,8 +56,22 @@ Status MetaStore::Scan(std::string_view start, std::string_view end, std::uint32
 }
 
 Status MetaStore::ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
-                          const Visitor& visit) const {
-  if (!crypto->encrypted) return db->ForEach(start, end, limit, visit);
+                          const Visitor& visit, bool* of_one_moment) const {
+  return OpenEach(visit, [&](const Visitor& visit_stored) {
+    return db->ForEach(start, end, limit, visit_stored, of_one_moment);
+  });
+}
+
+Status MetaStore::ForEachAtOnce(std::string_view start, std::string_view end, std::uint32_t limit,
+                                const Visitor& visit) const {
+  return OpenEach(visit, [&](const Visitor& visit_stored) {
+    return db->ForEachAtOnce(start, end, limit, visit_stored);
+  });
+}
+
+template <class Walk>
+Status MetaStore::OpenEach(const Visitor& visit, Walk walk) const {
+  if (!crypto->encrypted) return walk(visit);
 
   std::string opened;
   Status open_status;
@@ -65,7 +79,7 @@ Status MetaStore::ForEach(std::string_view start, std::string_view end, std::uin
     open_status = OpenValue(*crypto, stored, &opened);
     return open_status.ok() && visit(key, opened);
   };
-  if (Status s = db->ForEach(start, end, limit, open_and_visit); !s.ok()) return s;
+  if (Status s = walk(open_and_visit); !s.ok()) return s;
   return open_status;
 }
 

@@ -59,12 +59,21 @@ class MetaStore {
               std::vector<KeyValue>* out) const;
 
   // Hands the same pairs to `visit`, holding no list of them; false from it ends the walk. The
-  // views live only during the call.
+  // views live only during the call. `*of_one_moment`, unless null, becomes whether the pairs are
+  // the state of one moment; with more than 4,096 of them a write during the walk may prevent that.
   using Visitor = std::function<bool(std::string_view key, std::string_view value)>;
   Status ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
-                 const Visitor& visit) const;
+                 const Visitor& visit, bool* of_one_moment = nullptr) const;
+
+  // The same, but always the state of one moment; writers wait while it begins.
+  Status ForEachAtOnce(std::string_view start, std::string_view end, std::uint32_t limit,
+                       const Visitor& visit) const;
 
  private:
+  // `walk` is one of the engine's walks.
+  template <class Walk>
+  Status OpenEach(const Visitor& visit, Walk walk) const;
+
   // Never change after Open.
   std::unique_ptr<lsm::LsmDb> db;
   const std::unique_ptr<const StoreCrypto> crypto;

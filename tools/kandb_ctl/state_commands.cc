@@ -19,11 +19,10 @@ namespace kandb::ctl {
 namespace {
 
 // A running server replaces and deletes files at any time. The lock is let go of at once: looking
-// must not keep a server from starting. A file system without locks is no reason to refuse.
+// must not keep a server from starting.
 Status RefuseRunningServer(const std::string& dir) {
   lsm::DirectoryLock lock;
-  Status locked = lsm::LockDirectory(dir, &lock);
-  return locked.code() == Status::kInvalidArgument ? locked : Status();
+  return lsm::LockDirectory(dir, &lock);
 }
 
 int PrintSummary(const std::string& dir, const store::StoreCrypto& crypto, bool json) {

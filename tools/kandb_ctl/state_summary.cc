@@ -29,7 +29,8 @@ std::string NameOf(const std::string& path) { return path.substr(path.rfind('/')
 std::map<std::string, const char*> KnownFiles(const std::string& dir,
                                               const lsm::ManifestState& manifest) {
   std::map<std::string, const char*> known = {{NameOf(lsm::ManifestFileName(dir)), "manifest"}};
-  const lsm::FileNumbers numbers = lsm::ListFileNumbers(dir);
+  lsm::FileNumbers numbers;
+  (void)lsm::ListFileNumbers(dir, &numbers);  // "next start" names the failure
   for (const std::uint64_t number : numbers.logs) {
     known[NameOf(lsm::LogFileName(dir, number))] = kLog;
   }

@@ -69,8 +69,9 @@ Status SpawnedServer::Start(const std::string& binary, std::uint32_t target_repl
   output_end.Reset();
   // The first line says that it listens.
   char byte = 0;
+  int error = 0;
   while (server->process > 0 && byte != '\n') {
-    if (ReadFully(server->output.get(), &byte, 1) != 1) break;
+    if (ReadFully(server->output.get(), &byte, 1, &error) != 1) break;
   }
   if (byte != '\n') return Status::Corruption(binary + " did not start");
   *out = std::move(server);
