@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <limits>
 #include <random>
 #include <thread>
 
 #include "lsm/manifest.h"
+#include "lsm/table_writer.h"
 #include "lsm/write_batch.h"
 #include "support/engine.h"
 #include "support/temp_dir.h"
@@ -37,7 +39,11 @@ TEST_P(LsmDbTest, AgreesWithAMap) {
   const unsigned seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
-  const auto key = [&] { return "k" + std::to_string(random() % 300); };
+  // Of all lengths, with prefixes in common that are longer than a node of the memtable keeps.
+  const auto key = [&] {
+    const auto number = random() % 300;
+    return std::string(number % 40, 'k') + std::to_string(number);
+  };
   TempDir dir;
   auto db = Open(dir.path(), GetParam());
   Model model;
@@ -78,38 +84,97 @@ TEST_P(LsmDbTest, AgreesWithAMap) {
 // Readers run beside writers, flushes and compactions; every batch is seen whole.
 TEST_P(LsmDbTest, ConcurrentBatchesAreWhole) {
   constexpr int kWriters = 4;
-  constexpr int kRounds = 150;
+  constexpr int kRounds = 100;
+  constexpr std::size_t kBatchSize = 200;
   TempDir dir;
   auto db = Open(dir.path(), GetParam());
   std::atomic<int> writers_left = kWriters;
   std::vector<std::thread> threads;
   for (int writer = 0; writer < kWriters; ++writer) {
     threads.emplace_back([&, writer] {
-      const std::string name = "a" + std::to_string(writer);
+      const std::string name = std::to_string(writer) + ".";
       for (int round = 0; round < kRounds; ++round) {
         const std::string value = std::to_string(round);
-        EXPECT_TRUE(db->Write({{kPut, name, value}, {kPut, name + "!", value}}).ok());
-        EXPECT_TRUE(LookUp(*db, {{name, value}}).ok());
+        Batch batch;
+        for (std::size_t i = 0; i < kBatchSize; ++i) {
+          batch.push_back({kPut, name + std::to_string(i), value});
+        }
+        EXPECT_TRUE(db->Write(batch).ok());
+        EXPECT_TRUE(LookUp(*db, {{name + "7", value}}).ok());
       }
       --writers_left;
     });
   }
   while (writers_left > 0) {
     const Model seen = ReadAll(*db);
-    for (int writer = 0; writer < kWriters; ++writer) {
-      const auto first = seen.find("a" + std::to_string(writer));
-      if (first == seen.end()) continue;
-      ASSERT_EQ(std::next(first)->first, first->first + "!");
-      EXPECT_EQ(std::next(first)->second, first->second);
-    }
+    EXPECT_EQ(seen.size() % kBatchSize, 0u);
+    for (const auto& [key, value] : seen) EXPECT_EQ(value, seen.at(key.substr(0, 2) + "0"));
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(ReadAll(*db).size(), 2u * kWriters);
+  EXPECT_EQ(ReadAll(*db).size(), kBatchSize * kWriters);
   db.reset();
-  EXPECT_EQ(ReadAll(*Open(dir.path(), GetParam())).size(), 2u * kWriters);
+  EXPECT_EQ(ReadAll(*Open(dir.path(), GetParam())).size(), kBatchSize * kWriters);
 }
 
-TEST(LsmDb, ScansLongerThanAChunkInBothDirectionsOfTheLimit) {
+// Whatever is written once it has begun, and whether the rest is listed before or after that.
+TEST(MemTable, AChunkIsOfOneMoment) {
+  constexpr std::size_t kMax = std::numeric_limits<std::size_t>::max();
+  for (const std::size_t limit : {std::size_t{0}, std::size_t{1}, std::size_t{16}, std::size_t{17},
+                                  std::size_t{100}, std::size_t{2000}}) {
+    MemTable memtable;
+    Batch batch;
+    for (int i = 0; i < 1000; ++i) batch.push_back({kPut, std::to_string(1000 + i), "old"});
+    memtable.Apply(batch);
+    MemTable::Chunk written_to(&memtable);
+    const auto first = written_to.Begin("1001", limit);
+    const std::size_t expected = std::min<std::size_t>(limit == 0 ? kMax : limit, 999);
+    EXPECT_EQ(first.size(), limit == 0 ? 999 : std::min<std::size_t>(16, limit));
+    batch.clear();
+    for (int i = 0; i < 3000; ++i) batch.push_back({kDelete, std::to_string(10000 + i), ""});
+    memtable.Apply(batch);
+    std::vector<EntryView> entries;
+    EntryTree::Decode(written_to.Complete(), &entries);
+    ASSERT_EQ(entries.size(), expected);
+    for (std::size_t i = 0; i < expected; ++i) {
+      EXPECT_EQ(entries[i].key, std::to_string(1001 + i));
+      EXPECT_EQ(entries[i].value, "old");
+    }
+    MemTable::Chunk later(&memtable);
+    (void)later.Begin("", kMax / 16);
+    EXPECT_NE(later.moment(), written_to.moment());
+    EXPECT_EQ(later.Complete().size(), 4000u);
+  }
+}
+
+TEST(MemTable, AScanNoticesWhatIsWrittenBetweenItsChunks) {
+  TempDir dir;
+  auto db = Open(dir.path(), {.write_buffer_size = 1 << 20, .max_table_files = 8});
+  for (const std::size_t size : {std::size_t{4096}, std::size_t{4097}}) {
+    Batch batch;
+    for (std::size_t i = 0; i < size; ++i) batch.push_back({kPut, std::to_string(10000 + i), ""});
+    ASSERT_TRUE(db->Write(batch).ok());
+    bool of_one_moment = false;
+    const auto walk = [&](bool writes, bool at_once) {
+      std::size_t visited = 0;
+      const auto visit = [&](std::string_view, std::string_view) {
+        if (writes && ++visited == 20) {
+          EXPECT_TRUE(db->Write({{kDelete, "10001", ""}, {kPut, "19999", ""}}).ok());
+        }
+        return true;
+      };
+      const Status walked = at_once ? db->ForEachAtOnce("", "", ~0u, visit)
+                                    : db->ForEach("", "", ~0u, visit, &of_one_moment);
+      EXPECT_TRUE(walked.ok());
+      return visited;
+    };
+    (void)walk(false, false);
+    EXPECT_TRUE(of_one_moment);
+    (void)walk(true, false);
+    EXPECT_EQ(of_one_moment, size <= 4096);
+  }
+}
+
+TEST(LsmDb, ScansLongerThanAChunk) {
   // In a memtable, and in a table, whose entries straddle the pieces that are read.
   for (const std::uint64_t buffer_size : {1u << 20, 1u}) {
     TempDir dir;
@@ -143,9 +208,49 @@ TEST(LsmDb, SwitchesWhenTheBufferIsExactlyFull) {
   EXPECT_EQ(ReadFile(dir.File("MANIFEST")), "next_file 4\nsst 3\n");
 }
 
-TEST(LsmDb, RefusesABatchThatAReplayWouldNotTakeBack) {
+// What a compaction writes is live values only.
+TEST(LsmDb, ACompactionDropsDeletions) {
+  TempDir dir;
+  auto db = Open(dir.path(), {.write_buffer_size = 1, .max_table_files = 1, .sync = false});
+  ASSERT_TRUE(db->Write({{kPut, "a", "1"}, {kPut, "b", "2"}, {kDelete, "never", ""}}).ok());
+  db->WaitForBackgroundIdle();
+  ASSERT_TRUE(db->Write({{kDelete, "a", ""}, {kPut, "b", "3"}}).ok());
+  db->WaitForBackgroundIdle();
+  db.reset();
+  ManifestState manifest;
+  bool exists = false;
+  ASSERT_TRUE(ReadManifest(dir.path(), &manifest, &exists).ok());
+  ASSERT_EQ(manifest.sst_files.size(), 1u);
+  std::shared_ptr<SstReader> table;
+  ASSERT_TRUE(SstReader::Open(TableFileName(dir.path(), manifest.sst_files[0]), &table).ok());
+  EXPECT_EQ(table->EntryCount(), 1u);
+}
+
+TEST(LsmDb, AnUnknownOpIsADeletionInTheLogToo) {
   TempDir dir;
   auto db = Open(dir.path(), kLarge);
+  ASSERT_TRUE(db->Write({{kPut, "a", "1"}, {kPut, "b", "2"}}).ok());
+  ASSERT_TRUE(db->Write({{7, "a", ""}}).ok());
+  ASSERT_TRUE(db->Write({{kPut, "c", "3"}}).ok());
+  const Model left = {{"b", "2"}, {"c", "3"}};
+  EXPECT_EQ(ReadAll(*db), left);
+  db.reset();
+  EXPECT_EQ(ReadAll(*Open(dir.path(), kLarge)), left);
+}
+
+// Its lookups would miss what it holds.
+TEST(TableBuilderDeathTest, EndsTheProcessWhenKeysDoNotAscend) {
+  TableBuilder builder;
+  builder.Add({kPut, "b", ""});
+  EXPECT_DEATH(builder.Add({kPut, "b", ""}),
+               "lsm/table_writer.cc:[0-9]+: check failed: .* key \"b\" after \"b\"");
+}
+
+TEST(LsmDb, RefusesABatchThatAReplayWouldNotTakeBack) {
+  TempDir dir;
+  constexpr LsmDb::Options kLogOnly = {
+      .write_buffer_size = 1 << 30, .max_table_files = 8, .sync = false};
+  auto db = Open(dir.path(), kLogOnly);
   Batch batch = {{kPut, "k", std::string(kMaxLogPayloadSize - 4 - 9 - 1, 'v')}};
   ASSERT_EQ(BatchSize(batch), kMaxLogPayloadSize);
   EXPECT_TRUE(db->Write(batch).ok());
@@ -153,7 +258,7 @@ TEST(LsmDb, RefusesABatchThatAReplayWouldNotTakeBack) {
   batch[0].key = "l";
   EXPECT_EQ(db->Write(batch).ToString(), "InvalidArgument: batch: too large");
   db.reset();
-  const Model kept = ReadAll(*Open(dir.path(), kLarge));
+  const Model kept = ReadAll(*Open(dir.path(), kLogOnly));
   ASSERT_EQ(kept.size(), 1u);
   EXPECT_EQ(kept.begin()->second.size(), kMaxLogPayloadSize - 14);
 }
@@ -168,14 +273,18 @@ TEST(Open, ReplaysLogsInOrderAndClearsOrphans) {
   WriteFile(dir.File("sst-30.sst.tmp"), "stays");
   WriteFile(dir.File("xwal-50.log"), "");
   WriteFile(dir.File("wal-x.log"), "");
+  // Numbers after which none is left; a sign counts as in any number.
+  WriteFile(dir.File("wal--5.log"), "");
+  WriteFile(dir.File("sst-99999999999999999999.sst"), "");
   WriteFile(dir.File("MANIFEST"), "next_file 1\n");
   auto db = Open(dir.path(), kLarge);
   EXPECT_EQ(ReadAll(*db), (Model{{"j", "1"}, {"k", "new"}, {"l", "last"}}));
   EXPECT_EQ(ReadFile(dir.File("MANIFEST")), "next_file 32\n");
-  EXPECT_EQ(FilesIn(dir.path()),
-            (std::vector<std::string>{"MANIFEST", "sst-30.sst.tmp", "wal-000001.log",
-                                      "wal-000002.log", "wal-000010.log", "wal-000031.log",
-                                      "wal-3.log", "wal-x.log", "xwal-50.log"}));
+  EXPECT_EQ(
+      FilesIn(dir.path()),
+      (std::vector<std::string>{"MANIFEST", "sst-30.sst.tmp", "sst-99999999999999999999.sst",
+                                "wal--5.log", "wal-000001.log", "wal-000002.log", "wal-000010.log",
+                                "wal-000031.log", "wal-3.log", "wal-x.log", "xwal-50.log"}));
   // The engine in the pointer goes only once the new one stands.
   ASSERT_TRUE(LsmDb::Open(dir.path(), kLarge, &db).ok());
   EXPECT_EQ(ReadAll(*db).size(), 3u);
@@ -187,7 +296,8 @@ TEST(Open, NamesWhatStandsInItsWay) {
   WriteFile(dir.File("table/MANIFEST"), "sst 7\n");
   std::filesystem::create_directories(dir.File("log/wal-000001.log"));
   std::filesystem::create_directory(dir.File("numbers"));
-  WriteFile(dir.File("numbers/wal-18446744073709551615.log"), "");
+  WriteFile(dir.File("numbers/MANIFEST"), "next_file 18446744073709551615\n");
+  std::filesystem::create_directories(dir.File("unreadable/MANIFEST"));
   const struct {
     const char* name;
     std::string error;
@@ -196,6 +306,7 @@ TEST(Open, NamesWhatStandsInItsWay) {
       {"table",
        "Corruption: sst open " + dir.File("table/sst-000007.sst") + ": No such file or directory"},
       {"numbers", "Corruption: file number out of range in " + dir.File("numbers")},
+      {"unreadable", "Corruption: manifest read: Is a directory"},
   };
   for (const auto& c : cases) {
     std::unique_ptr<LsmDb> db;

@@ -2,11 +2,15 @@
 // reopening.
 
 #include <gtest/gtest.h>
-#include <sched.h>
+#include <unistd.h>
+
+#include <thread>
 
 #include "lsm/manifest.h"
 #include "lsm/table_writer.h"
+#include "lsm/wal.h"
 #include "support/engine.h"
+#include "support/eventually.h"
 #include "support/fault.h"
 #include "support/temp_dir.h"
 
@@ -47,6 +51,128 @@ TEST(Faults, NothingIsWrittenToALogThatCannotBeCutBack) {
     db = Open(dir.path(), kLarge);
     EXPECT_EQ(ReadAll(*db), (Model{{"a", c.fault.kind == kFdatasync ? "2" : "1"}}));
     EXPECT_TRUE(db->Write({{kPut, "c", "4"}}).ok());
+  }
+}
+
+// The next group begins where the failed ones did, or the log would have a hole before it.
+TEST(Faults, FailedGroupsLeaveNoTraceInTheLog) {
+  TempDir dir;
+  FaultInjector fault;
+  auto db = Open(dir.path(), kLarge);
+  fault.Arm({.kind = kFdatasync, .count = 2});
+  EXPECT_FALSE(db->Write({{kPut, "a", "1"}}).ok());
+  EXPECT_FALSE(db->Write({{kPut, "b", "22"}}).ok());
+  EXPECT_TRUE(db->Write({{kPut, "c", "3"}}).ok());
+  db.reset();
+  EXPECT_EQ(ReadAll(*Open(dir.path(), kLarge)), (Model{{"c", "3"}}));
+}
+
+// Syncs take long enough for groups to form.
+class SlowSyncs : public FaultInjector {
+ public:
+  int syncs() const { return sync_count; }
+
+ private:
+  void After(const FileCall& call) override {
+    if (call.kind == kFdatasync) Pause();
+  }
+  int Before(const FileCall& call) override {
+    const int error = FaultInjector::Before(call);
+    if (call.kind == kFdatasync && error != 0) Pause();
+    return error;
+  }
+  void Pause() {
+    ++sync_count;
+    ::usleep(500);
+  }
+  std::atomic<int> sync_count = 0;
+};
+
+// Writers of one key, of whom some fail together: each is told of its own batch, and the one that
+// came last in the log comes last in the memtable.
+TEST(Faults, EveryWriterOfAGroupGetsItsResult) {
+  constexpr int kWriters = 8;
+  constexpr int kRounds = 30;
+  TempDir dir;
+  SlowSyncs fault;
+  auto db = Open(dir.path(), kLarge);
+  for (const bool fails : {false, true}) {
+    if (fails) fault.Arm({.kind = kFdatasync, .count = Fault::kForEver});
+    const Model before = ReadAll(*db);
+    std::vector<std::thread> writers;
+    for (int writer = 0; writer < kWriters; ++writer) {
+      writers.emplace_back([&, writer] {
+        for (int round = 0; round < kRounds; ++round) {
+          const std::string value = std::to_string(writer * kRounds + round);
+          EXPECT_EQ(db->Write({{kPut, "key", value}}).ok(), !fails);
+        }
+      });
+    }
+    for (std::thread& writer : writers) writer.join();
+    EXPECT_LT(fault.syncs(), (fails ? 2 : 1) * kWriters * kRounds);
+    if (fails) {
+      EXPECT_EQ(ReadAll(*db), before);
+    }
+    fault.Disarm();
+    const Model written = ReadAll(*db);
+    db.reset();
+    db = Open(dir.path(), kLarge);
+    EXPECT_EQ(ReadAll(*db), written);
+  }
+}
+
+// Reads of a log fail from one byte on: where the system returns what comes before it, and where it
+// fails the whole call.
+class BadByte : public FileCallFilter {
+ public:
+  BadByte(off_t offset, bool fails_whole_calls) : bad(offset), whole(fails_whole_calls) {}
+
+ private:
+  int Before(const FileCall& call) override {
+    if (call.kind != kRead) return 0;
+    const off_t before = bad - ::lseek(call.fd, 0, SEEK_CUR);
+    if (before <= 0 || (whole && static_cast<off_t>(*call.size) > before)) return EIO;
+    *call.size = std::min(*call.size, static_cast<std::size_t>(before));
+    return 0;
+  }
+  const off_t bad;
+  const bool whole;
+};
+
+TEST(Faults, ALogIsReplayedUpToTheByteThatCannotBeRead) {
+  const TempDir dir;
+  const std::string record = BuildLogRecord({{kPut, "key", std::string(40000, 'v')}});
+  std::string log;
+  for (int i = 0; i < 100; ++i) log += record;  // more than is read at once
+  WriteFile(dir.File("log"), log);
+  for (const bool whole : {false, true}) {
+    for (const std::size_t records : {0, 4, 26, 60, 99}) {
+      const BadByte bad(static_cast<off_t>(records * record.size() + 2), whole);
+      LogReader reader;
+      bool exists = false;
+      ASSERT_TRUE(reader.Open(dir.File("log"), &exists).ok());
+      std::vector<EntryView> batch;
+      std::size_t replayed = 0;
+      while (reader.Next(&batch)) ++replayed;
+      EXPECT_EQ(replayed, records);
+      EXPECT_EQ(reader.offset(), records * record.size());
+      EXPECT_EQ(reader.damage().message(), "wal read: Input/output error");
+    }
+  }
+}
+
+// A process that was just killed may still hold the directory, and an engine of this process that
+// is being destroyed; a directory that cannot be locked goes without.
+TEST(Faults, OnlyALockThatIsHeldKeepsAnEngineOut) {
+  const Fault faults[] = {{.kind = kFlock, .count = 3, .error = EWOULDBLOCK},
+                          {.kind = kFlock, .error = ENOLCK},
+                          {.kind = kOpen, .error = EACCES}};
+  for (const Fault& fault : faults) {
+    TempDir dir;
+    FaultInjector injector;
+    injector.Arm(fault);
+    EXPECT_NE(Open(dir.path(), kLarge), nullptr);
+    EXPECT_TRUE(injector.fired());
   }
 }
 
@@ -123,10 +249,10 @@ TEST(Faults, NothingAcknowledgedIsLostWhicheverCallFails) {
           }
           EXPECT_TRUE((written.ok() && read.ok()) || i < 20);
           // So that the n-th call is about the same in every run.
-          while (!injector.fired() &&
-                 (db->ImmutableMemTableCount() > 0 || db->TableFileCount() > 1)) {
-            ::sched_yield();
-          }
+          EXPECT_TRUE(Eventually([&] {
+            return injector.fired() ||
+                   (db->ImmutableMemTableCount() == 0 && db->TableFileCount() <= 1);
+          }));
         }
         if (!injector.fired()) break;
         db->WaitForBackgroundIdle();
@@ -148,11 +274,18 @@ TEST(Faults, AnOpenThatFailsCanBeRepeated) {
     testing::CallKind kind;
     std::vector<std::string> errors;  // of the n-th call; "" when Open succeeds all the same
   } cases[] = {
+      {kStat, {""}},   // creating what is there does no harm
+      {kFlock, {""}},  // a file system without locks
       {kOpen,
-       {"manifest open", "sst open", "sst open", "wal open", "wal open", "wal open",
+       {"", "manifest open", "sst open", "sst open", "wal open", "wal open", "wal open",
         "manifest create"}},
-      {kRead, std::vector<std::string>(6)},  // a log that cannot be read ends there, as if damaged
+      // The first two, of the manifest, must not make it a shorter one; those of a log are
+      // repeated.
+      {kRead, {"manifest read", "manifest read", "", "", "", "", "", ""}},
+      {kOpendir, {""}},
+      {kReaddir, std::vector<std::string>(9, "list ")},
       {kPread, std::vector<std::string>(6, "sst pread")},
+      {kLseek, {"sst open", "sst open", "wal open"}},
       {kWrite, {"manifest write"}},
       {kFsync, {""}},
       {kRename, {"manifest rename failed"}},
@@ -185,7 +318,7 @@ TEST(Faults, AnOpenThatFailsCanBeRepeated) {
       EXPECT_EQ(status.ok(), error.empty()) << status.ToString();
       EXPECT_TRUE(status.message().starts_with(error)) << status.ToString();
       EXPECT_EQ(db != nullptr, status.ok());
-      if (status.ok() && c.kind != kRead) {
+      if (status.ok() && c.kind != kOpendir) {  // then no log is seen
         EXPECT_EQ(ReadAll(*db), everything);
       }
       db.reset();
@@ -206,18 +339,19 @@ class ShortTransfers : public FileCallFilter {
 };
 
 TEST(Faults, InterruptedAndShortTransfersAreContinued) {
-  TempDir dir;
-  const ShortTransfers transfers;
-  Model model;
-  for (int i = 0; i < 20; ++i) {
-    auto db = Open(dir.path(), kTiny);
-    EXPECT_EQ(ReadAll(*db), model);
-    const Batch batch = {{kPut, "k" + std::to_string(i % 7), std::string(150, 'v')},
-                         {kPut, "last", std::to_string(i)}};
-    ASSERT_TRUE(db->Write(batch).ok());
-    Apply(batch, &model);
-    db->WaitForBackgroundIdle();
-    EXPECT_EQ(db->TableFileCount(), 1u);
+  for (const LsmDb::Options& options : {kTiny, kLarge}) {
+    TempDir dir;
+    const ShortTransfers transfers;
+    Model model;
+    for (int i = 0; i < 20; ++i) {
+      auto db = Open(dir.path(), options);
+      EXPECT_EQ(ReadAll(*db), model);
+      const Batch batch = {{kPut, "k" + std::to_string(i % 7), std::string(150, 'v')},
+                           {kPut, "last", std::to_string(i)}};
+      ASSERT_TRUE(db->Write(batch).ok());
+      Apply(batch, &model);
+      db->WaitForBackgroundIdle();
+    }
   }
 }
 

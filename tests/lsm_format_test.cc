@@ -151,7 +151,11 @@ TEST(Manifest, IsTextThatToleratesStrangers) {
       {"", 77, {}},
       {"next_file 5\nsst 1\nfoo 7\nsst 2\nnext_file 6\n", 6, {1, 2}},
       {"sst 1\nsst x\nsst 2\n", 77, {1}},
-      {"sst 1\nsst", 77, {1}}};
+      {"sst 1\nsst", 77, {1}},
+      {"\v sst +7sst\t-1 next_file\n\n9next_file 8x", 8, {7, 0xffffffffffffffff}},
+      {"sst 99999999999999999999 sst -99999999999999999999", 77, {~0ull, ~0ull}},
+      {"a-word-of-thirty-one-bytes-and-5 sst 4", 77, {4}},
+      {"sst 1 sst - 2", 77, {1}}};
   TempDir dir;
   for (const auto& [text, next_file, tables] : cases) {
     WriteFile(dir.File("MANIFEST"), text);

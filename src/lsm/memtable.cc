@@ -53,11 +53,12 @@ MemTable::Chunk::Records MemTable::Chunk::Begin(std::string_view start, std::siz
   Close();
   records.clear();
   max_size = limit == 0 ? std::numeric_limits<std::size_t>::max() : limit;
-  if (limit != 0) records.reserve(limit);
+  const bool stays_open = max_size <= kMaxOpenSize;
+  if (stays_open) records.reserve(max_size);
   ReaderLock lock(&memtable->mutex);
   begin_bytes = memtable->approximate_bytes;
   position = memtable->entries.LowerBound(start);
-  position.Take(limit == 0 ? max_size : std::min(limit, kFirstSize), &records);
+  position.Take(stays_open ? std::min(max_size, kFirstSize) : max_size, &records);
   if (position.valid() && records.size() < max_size) {
     MutexLock chunks_lock(&memtable->chunks_mutex);
     memtable->open_chunks.push_back(this);

@@ -73,7 +73,8 @@ class MemTable {
 // thread.
 class MemTable::Chunk {
  public:
-  static constexpr std::size_t kFirstSize = 16;  // entries that Begin lists
+  static constexpr std::size_t kFirstSize = 16;      // entries that are listed at first
+  static constexpr std::size_t kMaxOpenSize = 4096;  // larger chunks are listed at once
 
   // `source` is borrowed and must outlive the chunk.
   explicit Chunk(const MemTable* source) : memtable(source) {}
@@ -84,12 +85,14 @@ class MemTable::Chunk {
   using Records = std::span<const EntryTree::Record* const>;
 
   // Starts over with the first entries whose keys are not less than `start`, deletions included, as
-  // they are now; the chunk has `limit` of them at most (0: no limit, and nothing is put off).
-  // Returns the first few.
+  // they are now; the chunk has `limit` of them at most (0: no limit). Returns the first ones.
   Records Begin(std::string_view start, std::size_t limit) EXCLUDES(memtable->mutex);
 
   // Returns all of the chunk. The records live as long as the memtable, the span until Begin.
   Records Complete() EXCLUDES(memtable->mutex);
+
+  // Once complete: whether no entry followed those of the chunk.
+  bool at_end() const { return !position.valid(); }
 
   // ApproximateBytes() when the chunk began: chunks with the same number are of the same contents.
   std::uint64_t moment() const { return begin_bytes; }

@@ -25,7 +25,7 @@ void MemTableSource::Refill() {
     rest = chunk.Complete().subspan(decoded);
     complete = true;
   }
-  if (rest.empty() && decoded == chunk_size) {
+  if (rest.empty() && !chunk.at_end()) {
     // The smallest key after the last one is that key and a zero byte.
     std::string successor(batch.back().key);
     successor.push_back('\0');

@@ -27,7 +27,7 @@ struct ReadView {
 // chunk was taken, those in later chunks are seen.
 class MemTableSource final : public EntrySource {
  public:
-  static constexpr std::size_t kChunkSize = 4096;  // entries
+  static constexpr std::size_t kChunkSize = MemTable::Chunk::kMaxOpenSize;  // entries
 
   // A `chunk_limit` of 0 makes everything one chunk. `*of_one_moment` (borrowed) becomes false when
   // the memtable was written to between two chunks.

@@ -1,5 +1,7 @@
 #include <algorithm>
 #include <cstdint>
+#include <optional>
+#include <utility>
 
 #include "common/endian.h"
 #include "meta/keys.h"
@@ -38,13 +40,13 @@ class RegionSearch {
   // Both return false when the search has ended. This one runs for every region of the cluster: one
   // function without calls.
   [[gnu::flatten]] bool LookAt(std::string_view record) {
-    any_record = true;
     pdpb::RegionRange range;
     if (DecodeFront(record, &range) && !Covers(range, key)) return true;
     return LookCloselyAt(record);
   }
-  // Notices a record that is damaged behind its range, too.
+  // Notices a record that is damaged after its range, too.
   [[gnu::noinline]] bool LookCloselyAt(std::string_view record) {
+    any_record = true;
     pdpb::RegionRange range;
     if (!Decode(record, &range)) {
       bad_record = true;
@@ -58,7 +60,7 @@ class RegionSearch {
   }
 
   const std::string_view key;
-  bool any_record = false;
+  bool any_record = false;  // of those looked at closely
   bool bad_record = false;
   bool covered = false;
   pdpb::Region region;  // once covered
@@ -66,26 +68,38 @@ class RegionSearch {
 
 }  // namespace
 
+// At most three passes. The first one is quick and mostly finds the region. Only the others can
+// tell absence from damage; and absence must be true of one moment, while the region sought may
+// move past a pass as others split and merge. So a second pass beside which something was written
+// is repeated with a list that was taken at once, which keeps writers waiting.
 Status PdService::FindRegion(std::string_view key, pdpb::Region* region) const {
-  RegionSearch search(key);
-  const auto walk = [this](const store::MetaStore::Visitor& visit) {
-    return store->ForEach(kRegionKeys.begin, kRegionKeys.end, kRegionKeys.max_records, visit);
-  };
+  const auto [begin, end, max_records] = kRegionKeys;
+  std::optional<RegionSearch> search(key);
   const auto look = [&](std::string_view, std::string_view record) {
-    return search.LookAt(record);
+    return search->LookAt(record);
   };
-  if (Status s = walk(look); !s.ok()) return s;
-  if (!search.any_record) return Status::NotFound("cluster not bootstrapped");
-  // The region sought may be one that does not decode: that is damage, not absence.
-  if (!search.covered && !search.bad_record) {
-    const auto look_closely = [&](std::string_view, std::string_view record) {
-      return search.LookCloselyAt(record);
-    };
-    if (Status s = walk(look_closely); !s.ok()) return s;
+  const auto look_closely = [&](std::string_view, std::string_view record) {
+    return search->LookCloselyAt(record);
+  };
+  if (Status s = store->ForEach(begin, end, max_records, look); !s.ok()) return s;
+  if (!search->covered) {
+    search.emplace(key);
+    bool of_one_moment = false;
+    Status s = store->ForEach(begin, end, max_records, look_closely, &of_one_moment);
+    if (!s.ok()) return s;
+    if (!search->covered && !of_one_moment) {
+      search.emplace(key);
+      s = store->ForEachAtOnce(begin, end, max_records, look_closely);
+      if (!s.ok()) return s;
+    }
   }
-  if (!search.covered && search.bad_record) return Status::Corruption("bad region record");
-  if (!search.covered) return Status::NotFound("no region covers key");
-  *region = std::move(search.region);
+  if (!search->covered) {
+    if (!search->any_record) return Status::NotFound("cluster not bootstrapped");
+    // The region sought may be one that does not decode: that is damage, not absence.
+    if (search->bad_record) return Status::Corruption("bad region record");
+    return Status::NotFound("no region covers key");
+  }
+  *region = std::move(search->region);
   return {};
 }
 

@@ -13,11 +13,27 @@
 
 namespace kandb::testing {
 
-enum CallKind { kOpen, kRead, kWrite, kPread, kFsync, kFdatasync, kFtruncate, kRename, kUnlink };
+enum CallKind {
+  kOpen,
+  kRead,
+  kWrite,
+  kPread,
+  kLseek,
+  kFsync,
+  kFdatasync,
+  kFtruncate,
+  kFlock,
+  kRename,
+  kUnlink,
+  kStat,
+  kMkdir,
+  kOpendir,
+  kReaddir
+};
 
 struct FileCall {
   CallKind kind;
-  std::string_view path = {};   // of open, unlink and rename (the old name)
+  std::string_view path = {};   // of the calls that take one; the old name of rename
   int fd = -1;                  // of the others; of open when it is done
   std::size_t* size = nullptr;  // of read, write and pread: bytes to transfer
 };
@@ -32,11 +48,17 @@ class FileCallFilter {
     Install<kRead>(&FileCalls::read);
     Install<kWrite>(&FileCalls::write);
     Install<kPread>(&FileCalls::pread);
+    Install<kLseek>(&FileCalls::lseek);
     Install<kFsync>(&FileCalls::fsync);
     Install<kFdatasync>(&FileCalls::fdatasync);
     Install<kFtruncate>(&FileCalls::ftruncate);
+    Install<kFlock>(&FileCalls::flock);
     Install<kRename>(&FileCalls::rename);
     Install<kUnlink>(&FileCalls::unlink);
+    Install<kStat>(&FileCalls::stat);
+    Install<kMkdir>(&FileCalls::mkdir);
+    Install<kOpendir>(&FileCalls::opendir);
+    Install<kReaddir>(&FileCalls::readdir);
   }
   virtual ~FileCallFilter() { file_calls = real; }
   FileCallFilter(const FileCallFilter&) = delete;
@@ -58,23 +80,22 @@ class FileCallFilter {
       const std::lock_guard lock(current->mutex);
       std::tuple<File, Rest...> arguments(file, rest...);
       FileCall call = {.kind = kind};
-      if constexpr (std::is_same_v<File, int>) {
-        call.fd = file;
-      } else {
-        call.path = file;
-      }
+      if constexpr (std::is_same_v<File, int>) call.fd = file;
+      if constexpr (std::is_same_v<File, const char*>) call.path = file;
       if constexpr (kind == kRead || kind == kWrite || kind == kPread) {
         call.size = &std::get<2>(arguments);
       }
+      Result failed{};
+      if constexpr (std::is_integral_v<Result>) failed = -1;
       errno = current->Before(call);
-      if (errno != 0) return -1;
-      Result result = 0;
+      if (errno != 0) return failed;
+      Result result{};
       if (kind != kFsync && kind != kFdatasync) {
         result = std::apply(current->real.*member, arguments);
       }
       const int error = errno;
-      if (kind == kOpen) call.fd = static_cast<int>(result);
-      if (result >= 0) current->After(call);
+      if constexpr (kind == kOpen) call.fd = result;
+      if (result != failed) current->After(call);
       errno = error;
       return result;
     };
@@ -114,7 +135,7 @@ class FaultInjector : public FileCallFilter {
     return has_fired;
   }
 
- private:
+ protected:
   int Before(const FileCall& call) override {
     for (Fault& fault : faults) {
       if (call.kind != fault.kind || call.path.find(fault.only_path) == call.path.npos) continue;
@@ -129,6 +150,7 @@ class FaultInjector : public FileCallFilter {
     return 0;
   }
 
+ private:
   std::vector<Fault> faults;
   bool has_fired = false;
 };
