@@ -67,10 +67,37 @@ TEST(Messages, DecodeFromTheseBytes) {
   EXPECT_EQ(region, MakeRegion());
 
   const std::string bytes = Hex(kRegionBytes);  // which the range looks into
-  RegionRange range;
+  RegionRange range, front;
   ASSERT_TRUE(Decode(bytes, &range));
+  ASSERT_TRUE(DecodeFront(bytes, &front));
   EXPECT_EQ(range.start_key, region.start_key);
+  EXPECT_EQ(front.start_key, region.start_key);
   EXPECT_EQ(range.end_key, region.end_key);
+  EXPECT_EQ(front.end_key, region.end_key);
+}
+
+// The fuzz target says more of it.
+TEST(DecodeFront, LeavesWhatIsLaidOutOtherwiseToDecode) {
+  const std::string id = "0100 08000000 0700000000000000", start = "0200 01000000 62",
+                    end = "0300 01000000 64", epoch = Hex("0400 1c000000") + Encode(RegionEpoch()),
+                    peer = Hex("0500 2a000000") + Encode(Peer());
+  const std::pair<std::string, bool> cases[] = {
+      {Hex(id + start + end) + epoch + peer + peer, true},
+      {Hex(id + start + end) + epoch, true},
+      {Hex(id + start + end), false},
+      {Hex(id + start + end) + epoch + Hex(end), false},
+      {Hex(id + end + start) + epoch, false},
+      {Hex(id + start + start + end) + epoch + peer, false},
+      {Hex(start + end) + epoch + Hex(id), false},
+      {epoch + peer + Hex(id + start + end), false},
+      {Hex(id + start + "0300 ffffffff 64") + epoch, false},
+      {"", false},
+  };
+  for (const auto& [bytes, taken] : cases) {
+    RegionRange range;
+    EXPECT_EQ(DecodeFront(bytes, &range), taken);
+    EXPECT_TRUE(!taken || (range.start_key == "b" && range.end_key == "d"));
+  }
 }
 
 TEST(Decode, FollowsTheRules) {
@@ -120,17 +147,17 @@ TEST(Decode, FollowsTheRules) {
   EXPECT_EQ(twice.region.end_key, "b");
 }
 
-// Six bytes in a message are an empty region, many times that in memory: few are fine, many are
-// not.
+// Six bytes in a message are an empty region, many times that in memory: some thousands are fine, a
+// million are not.
 TEST(Decode, RefusesElementsThatTakeMuchMoreMemoryThanTheirEncoding) {
   const std::string empty_region = Hex("0100 00000000");
   std::string bytes;
-  for (int i = 0; i < 400; ++i) bytes += empty_region;
-  UpsertRegionRequest few;
-  EXPECT_TRUE(Decode(bytes, &few));
-  EXPECT_EQ(few.regions.size(), 400u);
+  for (int i = 0; i < 10000; ++i) bytes += empty_region;
+  UpsertRegionRequest some;
+  EXPECT_TRUE(Decode(bytes, &some));
+  EXPECT_EQ(some.regions.size(), 10000u);
 
-  for (int i = 0; i < 100000; ++i) bytes += empty_region;
+  for (int i = 0; i < 1000000; ++i) bytes += empty_region;
   UpsertRegionRequest many;
   EXPECT_FALSE(Decode(bytes, &many));
   EXPECT_EQ(many.regions.capacity(), 0u);

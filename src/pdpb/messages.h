@@ -70,7 +70,8 @@ struct Region {
   bool operator==(const Region&) const = default;
 };
 
-// The range of an encoded Region, read in place: a lookup looks at many regions and keeps one.
+// The range of an encoded Region, read in place: a lookup looks at many regions and keeps one. Also
+// decodes as a message of its own.
 struct RegionRange {
   std::string_view start_key;
   std::string_view end_key;
@@ -80,6 +81,33 @@ struct RegionRange {
                       Field{3, "end_key", &RegionRange::end_key}};
   }
 };
+
+// Reads the range of a Region that begins as AppendTo begins it, and goes on with as many bytes as
+// an epoch and some peers have: their contents are not looked at. False for every other region,
+// which may be a sound one still; `*range` is then unspecified.
+[[gnu::always_inline]] inline bool DecodeFront(std::string_view bytes, RegionRange* range) {
+  constexpr std::size_t kIdSize = EncodedSize<std::uint64_t>();
+  constexpr std::size_t kSmallestSize = 4 * kFieldHeaderSize + kIdSize + EncodedSize<RegionEpoch>();
+  constexpr std::size_t kPeerSize = kFieldHeaderSize + EncodedSize<Peer>();
+  constexpr auto kFields = Region::Fields();
+  if (bytes.size() < kSmallestSize) return false;
+  // What is left for the keys and the peers.
+  std::size_t left = bytes.size() - kSmallestSize;
+  const char* at = bytes.data();
+  const auto take_key = [&](const auto& field, std::string_view* key)
+      __attribute__((always_inline)) {
+    const std::size_t length = LoadU32(at + 2);
+    if (LoadU16(at) != field.tag || length > left) return false;
+    *key = {at + kFieldHeaderSize, length};
+    at += kFieldHeaderSize + length;
+    left -= length;
+    return true;
+  };
+  if (LoadU16(at) != std::get<0>(kFields).tag || LoadU32(at + 2) != kIdSize) return false;
+  at += kFieldHeaderSize + kIdSize;
+  return take_key(std::get<1>(kFields), &range->start_key) &&
+         take_key(std::get<2>(kFields), &range->end_key) && left % kPeerSize == 0;
+}
 
 // --- Pd.Tso ---
 

@@ -125,13 +125,33 @@ std::string Encode(const M& message) {
   return out;
 }
 
+// --- Sizes ---
+
+// Of the encoding of a T, which must not depend on its contents: no bytes, nothing repeated.
+template <class T>
+constexpr std::size_t EncodedSize() {
+  if constexpr (Message<T>) {
+    const auto sum = []<class... Of, class... Member>(const Field<Of, Member>&...) {
+      return (std::size_t{0} + ... + (kFieldHeaderSize + EncodedSize<Member>()));
+    };
+    return std::apply(sum, T::Fields());
+  } else if constexpr (std::is_same_v<T, bool>) {
+    return 1;
+  } else {
+    static_assert(std::is_integral_v<T> || std::is_enum_v<T>);
+    return sizeof(std::uint64_t);
+  }
+}
+
 // --- Decoding by the type of a member; false when the value does not fit it ---
 
 // An element of a repeated field can be six bytes in a message and over a hundred in memory. So
-// that a peer cannot make a small payload large, the elements of one message together may take
-// kDecodedSizeBase and kDecodedSizeFactor times the size of its encoding; beyond that it does not
-// decode. What an encoder of this catalogue writes takes less than the factor.
-inline constexpr std::size_t kDecodedSizeBase = std::size_t{64} << 10;  // bytes
+// that a peer cannot make a payload of 64 MiB take more than a gigabyte, the elements of one
+// message together may take kDecodedSizeBase and kDecodedSizeFactor times the size of its encoding;
+// beyond that it does not decode. Only a payload made for it gets there: what an encoder of this
+// catalogue writes takes less than the factor, and over half a million elements without fields fit
+// the base.
+inline constexpr std::size_t kDecodedSizeBase = std::size_t{64} << 20;  // bytes
 inline constexpr std::size_t kDecodedSizeFactor = 4;
 
 class DecodeBudget {
@@ -247,24 +267,6 @@ template <Message M>
 bool Decode(std::string_view bytes, M* message) {
   DecodeBudget budget(bytes.size());
   return DecodeFields(bytes, message, &budget);
-}
-
-// The same for a message without repeated fields, but looks no further than the field that its list
-// ends with. False also when that does not occur. So it answers as Decode does for all that an
-// encoder wrote, and does not see what else may stand or be damaged behind that field.
-template <Message M>
-bool DecodeFront(std::string_view bytes, M* message) {
-  constexpr auto kFields = M::Fields();
-  constexpr std::uint16_t kLastTag =
-      std::get<std::tuple_size_v<decltype(kFields)> - 1>(kFields).tag;
-  DecodeBudget budget(bytes.size());
-  std::uint16_t tag = 0;
-  std::string_view value;
-  while (TakeField(&bytes, &tag, &value)) {
-    if (!DecodeField(tag, value, message, &budget)) return false;
-    if (tag == kLastTag) return true;
-  }
-  return false;
 }
 
 }  // namespace kandb::pdpb

@@ -59,7 +59,7 @@ class FrameReader {
   // `connection` is borrowed and must outlive the reader.
   explicit FrameReader(int connection) : socket(connection) {}
 
-  // Reads and checks one frame; each wait lasts at most `timeout_ms`, negative waits for ever.
+  // Reads and checks one frame; each wait lasts at most `timeout_ms`, negative waits forever.
   // Fails as ReadSome does, or with Corruption "kanrpc: bad magic", "kanrpc: method too long",
   // "kanrpc: payload too large" or "kanrpc: frame crc mismatch". After a failure the position in
   // the stream is unknown, so the caller closes. `*frame` is written only on success.

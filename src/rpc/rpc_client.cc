@@ -63,17 +63,13 @@ Status RpcClient::Call(std::string_view method, std::string_view payload, std::s
 
 Status RpcClient::Connect() {
   const AddressList addresses = Resolve(target);
-  for (const addrinfo* at = addresses.get(); at != nullptr; at = at->ai_next) {
-    UniqueFd candidate(::socket(at->ai_family, at->ai_socktype | SOCK_CLOEXEC, at->ai_protocol));
-    if (!candidate.valid()) continue;
-    if (::connect(candidate.get(), at->ai_addr, at->ai_addrlen) != 0) continue;
-    const int on = 1;
-    (void)::setsockopt(candidate.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-    socket = std::move(candidate);
-    reader.emplace(socket.get());
-    return {};
-  }
-  return Status::Corruption("cannot connect to " + target);
+  UniqueFd connected = ConnectToFirst(addresses.get(), options.timeout_ms);
+  if (!connected.valid()) return Status::Corruption("cannot connect to " + target);
+  const int on = 1;
+  (void)::setsockopt(connected.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  socket = std::move(connected);
+  reader.emplace(socket.get());
+  return {};
 }
 
 Status RpcClient::CallOnce(std::string_view method, std::string_view payload,

@@ -19,14 +19,16 @@
 namespace kandb::kanrpc {
 
 struct RpcClientOptions {
-  std::int32_t timeout_ms = 5000;  // of each wait for the server; negative waits for ever
-  std::int32_t attempts = 3;       // 0 or less is one attempt
+  // Of each wait for the server: to connect to one of its addresses, to send, or to receive.
+  // Negative waits forever. Looking up its name is not bounded by it.
+  std::int32_t timeout_ms = 5000;
+  std::int32_t attempts = 3;  // 0 or less is one attempt
 };
 
 class RpcClient {
  public:
   // `server` is host:port; the host is a name, an IPv4 address or an IPv6 address in brackets.
-  // Connects with the first call.
+  // Connects with the first call, to the first address of a name that can be reached.
   RpcClient(std::string server, const RpcClientOptions& client_options);
 
   // Sends a request and waits for its response. Every failure closes the connection and is tried

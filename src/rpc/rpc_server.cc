@@ -1,6 +1,7 @@
 #include "rpc/rpc_server.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <pthread.h>
@@ -23,13 +24,12 @@ namespace kandb::kanrpc {
 namespace {
 
 constexpr int kListenBacklog = 256;
-constexpr int kWriteTimeoutMs = 30000;
 // Most of a response buffer's memory that a connection keeps between requests.
 constexpr std::size_t kKeptResponseSize = std::size_t{64} << 10;  // bytes
 // Descriptors kept free for the storage engine's files. Accepting up to the limit would make accept
 // fail, which ends the server.
 constexpr int kReservedDescriptors = 64;
-// Of a connection's thread. The deepest road, an answer with the engine below it, takes some KiB;
+// Of a connection's thread. The deepest path, an answer with the engine below it, takes some KiB;
 // sanitizers multiply that. The usual 8 MiB would make thousands of connections run against limits
 // of address space.
 constexpr std::size_t kConnectionStackSize = std::size_t{256} << 10;  // bytes
@@ -42,7 +42,7 @@ void SetFlag(int socket, int level, int option) {
 }
 
 // The lowest descriptor that a connection may not have. Descriptors are handed out lowest first, so
-// a connection with this number or a higher one says that almost all are in use.
+// one with this number or a higher one says that almost all are in use.
 int FirstRefusedDescriptor() {
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return std::numeric_limits<int>::max();
@@ -114,7 +114,7 @@ class RpcServer::HandlerAdmission {
   Shared* shared;
 };
 
-RpcServer::RpcServer() : shared(std::make_shared<Shared>()) {}
+RpcServer::RpcServer(int write_timeout_ms) : shared(std::make_shared<Shared>(write_timeout_ms)) {}
 
 RpcServer::~RpcServer() { Stop(); }
 
@@ -132,7 +132,8 @@ Status RpcServer::Start(int port, const std::string& bind_addr) {
   if (::inet_pton(AF_INET, bind_addr.c_str(), &address.sin_addr) != 1) {
     return Status::InvalidArgument("invalid IPv4 bind address: " + bind_addr);
   }
-  // The address has room for 16 bits: a port beyond them must not turn into another one.
+  // The address has room for 16 bits. A caller may have narrowed a wider number to this one; it is
+  // not narrowed a second time.
   if (port < 0 || port > std::numeric_limits<std::uint16_t>::max()) {
     return BindFailure(bind_addr, port, EINVAL);
   }
@@ -180,7 +181,12 @@ void RpcServer::AcceptLoop() {
       if (errno == EINTR) continue;
       return;
     }
-    if (connection.get() >= first_refused) continue;
+    if (connection.get() >= first_refused) {
+      // accept took this number before it waited. What counts is whether a lower one is free now;
+      // the connection moves there, so that the reserved ones stay free.
+      connection = UniqueFd(::fcntl(connection.get(), F_DUPFD_CLOEXEC, 0));
+      if (!connection.valid() || connection.get() >= first_refused) continue;
+    }
     SetFlag(connection.get(), IPPROTO_TCP, TCP_NODELAY);
     try {
       StartDetached([connection = std::move(connection), state = shared]() mutable {
@@ -201,7 +207,7 @@ void RpcServer::Serve(UniqueFd connection, const std::shared_ptr<Shared>& shared
     if (!Answer(shared.get(), request.method, request.request_id, request.payload, &response)) {
       return;
     }
-    if (!WriteAll(connection.get(), response, kWriteTimeoutMs).ok()) return;
+    if (!WriteAll(connection.get(), response, shared->write_timeout_ms).ok()) return;
     if (response.capacity() > kKeptResponseSize) std::string().swap(response);
   }
 } catch (const std::exception&) {

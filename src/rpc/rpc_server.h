@@ -21,7 +21,7 @@
 
 namespace kandb::kanrpc {
 
-// What the server asks of a message type: found beside the type, so that this floor knows no
+// What the server asks of a message type: found beside the type, so that this layer knows no
 // catalogue.
 template <class M>
 concept DecodableMessage = std::default_initializable<M> && requires(M* message) {
@@ -35,7 +35,9 @@ concept EncodableMessage = std::default_initializable<M> &&
 
 class RpcServer {
  public:
-  RpcServer();
+  // A connection is closed when its peer takes no byte of an answer for `write_timeout_ms`;
+  // negative waits forever.
+  explicit RpcServer(int write_timeout_ms = 30000);
   ~RpcServer();
   RpcServer(const RpcServer&) = delete;
   RpcServer& operator=(const RpcServer&) = delete;
@@ -76,6 +78,9 @@ class RpcServer {
 
   // Shared with the connection threads, which may outlive the server.
   struct Shared {
+    explicit Shared(int timeout_ms) : write_timeout_ms(timeout_ms) {}
+
+    const int write_timeout_ms;
     // Not changed after Start, and therefore read without a lock.
     std::map<std::string, Handler, std::less<>> methods;
     std::atomic<bool> stopping = false;

@@ -1,11 +1,11 @@
 #include "rpc/socket_io.h"
 
+#include <netdb.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
-
-#include "common/posix_file.h"
 
 namespace kandb::kanrpc {
 
@@ -20,6 +20,17 @@ Status WaitFor(int socket, short event, int timeout_ms) {
     const int error = errno;
     if (error != EINTR) return Status::Corruption("kanrpc poll: " + ErrnoText(error));
   }
+}
+
+// Connects a non-blocking socket.
+bool Connect(int socket, const addrinfo& address, int timeout_ms) {
+  if (::connect(socket, address.ai_addr, address.ai_addrlen) == 0) return true;
+  // A signal does not end the attempt: it goes on without its caller.
+  if (errno != EINPROGRESS && errno != EINTR) return false;
+  if (!WaitFor(socket, POLLOUT, timeout_ms).ok()) return false;
+  int error = 0;
+  socklen_t size = sizeof(error);
+  return ::getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
 }
 
 // Runs `call(flags)`, a send or recv, until it moves bytes or fails for good.
@@ -44,6 +55,18 @@ Status Transfer(int socket, short event, int timeout_ms, Call call, std::size_t*
 }
 
 }  // namespace
+
+UniqueFd ConnectToFirst(const addrinfo* addresses, int timeout_ms) {
+  for (const addrinfo* at = addresses; at != nullptr; at = at->ai_next) {
+    const int type = at->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK;
+    UniqueFd socket(::socket(at->ai_family, type, at->ai_protocol));
+    if (!socket.valid() || !Connect(socket.get(), *at, timeout_ms)) continue;
+    // Transfers without a time-out rely on calls that block.
+    int off = 0;
+    if (::ioctl(socket.get(), FIONBIO, &off) == 0) return socket;
+  }
+  return UniqueFd();
+}
 
 Status WriteAll(int socket, std::string_view bytes, int timeout_ms) {
   while (!bytes.empty()) {
