@@ -2,10 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <set>
+#include <thread>
 
 #include "common/endian.h"
+#include "lsm/lsm_db.h"
 #include "meta/pd_service.h"
+#include "support/fault.h"
 #include "support/temp_dir.h"
 
 namespace kandb::meta {
@@ -21,6 +25,21 @@ class PdServiceTest : public ::testing::Test {
   PdServiceTest() {
     EXPECT_TRUE(store::MetaStore::Open(dir.path(), "", 0, &store).ok());
     test_clock_ns = 5'000'999'999;
+    Restart(0);
+  }
+
+  // Writes a table with these pairs and restarts everything on it.
+  void RestartOnTable(std::vector<lsm::Entry> entries) {
+    service.reset();
+    store.reset();
+    std::unique_ptr<lsm::LsmDb> engine;
+    const lsm::LsmDb::Options flush_at_once = {
+        .write_buffer_size = 1, .max_table_files = 8, .sync = false};
+    ASSERT_TRUE(lsm::LsmDb::Open(dir.path(), flush_at_once, &engine).ok());
+    ASSERT_TRUE(engine->Write(entries).ok());
+    engine->WaitForBackgroundIdle();
+    engine.reset();
+    ASSERT_TRUE(store::MetaStore::Open(dir.path(), "", 0, &store).ok());
     Restart(0);
   }
 
@@ -41,6 +60,11 @@ class PdServiceTest : public ::testing::Test {
     EXPECT_TRUE(service->AllocId({count}, &response).ok());
     EXPECT_EQ(response.count, std::max(count, 1u));
     return response.first_id;
+  }
+
+  Status Upsert(std::vector<Region> regions, std::vector<std::uint64_t> removed_ids = {}) {
+    pdpb::UpsertRegionResponse response;
+    return service->UpsertRegion({std::move(regions), std::move(removed_ids)}, &response);
   }
 
   std::uint64_t IdMark() {
@@ -84,6 +108,7 @@ class PdServiceTest : public ::testing::Test {
   }
 
   testing::TempDir dir;
+  testing::FaultInjector fault;
   std::unique_ptr<store::MetaStore> store;
   std::unique_ptr<PdService> service;
   pdpb::GetRegionResponse routed;
@@ -154,14 +179,10 @@ TEST_F(PdServiceTest, RoutesByRangesInTheOrderOfTheKeys) {
       {"a", nobody},   {"", nobody}, {"\xff\xff", "3"}};
   for (const auto& [key, answer] : answers) EXPECT_EQ(Route(key), answer) << key;
 
-  pdpb::UpsertRegionResponse response;
-  ASSERT_TRUE(
-      service->UpsertRegion({{region(9, "", "c"), region(77, "c", "")}, {10, 2, 404}}, &response)
-          .ok());
+  ASSERT_TRUE(Upsert({region(9, "", "c"), region(77, "c", "")}, {10, 2, 404}).ok());
   EXPECT_EQ(Route("c\xff"), "77");
   EXPECT_EQ(Route(""), "9");
-  EXPECT_EQ(response.message, "");
-  EXPECT_TRUE(service->UpsertRegion({}, &response).ok());
+  EXPECT_TRUE(Upsert({}).ok());
 }
 
 // Keys that differ at every place of a word and by their lengths alone.
@@ -173,21 +194,107 @@ TEST_F(PdServiceTest, RoutesKeysOfAnyLengthAsBytes) {
     starts.insert(std::string(length - 1, 'k') + "\x01zzzzzzzz");
     starts.insert(std::string(length - 1, 'k') + "\xff" + "aaaaaaaa");
   }
-  pdpb::UpsertRegionRequest request;
+  std::vector<Region> regions;
   for (auto at = starts.begin(); at != starts.end(); ++at) {
     const auto next = std::next(at);
-    request.regions.push_back(
-        {request.regions.size(), *at, next == starts.end() ? "" : *next, {}, {}});
+    regions.push_back({regions.size(), *at, next == starts.end() ? "" : *next, {}, {}});
   }
-  pdpb::UpsertRegionResponse response;
-  ASSERT_TRUE(service->UpsertRegion(request, &response).ok());
-  for (const Region& region : request.regions) {
+  ASSERT_TRUE(Upsert(regions).ok());
+  for (const Region& region : regions) {
     const std::string id = std::to_string(region.id);
     EXPECT_EQ(Route(region.start_key), id);
     // The smallest key behind the start.
     const std::string successor = region.start_key + '\0';
     if (successor == region.end_key) continue;
     EXPECT_EQ(Route(successor), id);
+  }
+}
+
+// Regions split and merge, each change one batch: some region covers the key at every moment,
+// though a pass over all of them can miss it.
+TEST_F(PdServiceTest, AKeyThatIsAlwaysCoveredIsAlwaysFound) {
+  constexpr std::uint64_t kRegions = 10000;
+  std::vector<Region> others;
+  for (std::uint64_t id = 10000; id < 10000 + kRegions; ++id) {
+    const std::string key = "x" + std::to_string(id);
+    others.push_back({id, key, key + "!", {}, {}});
+  }
+  ASSERT_TRUE(Upsert(others).ok());
+  // The right half is first or last in the order of the keys.
+  const Region whole = {15000, "a", "c", {}, {}};
+  const Region left = {15000, "a", "b", {}, {}};
+  ASSERT_TRUE(Upsert({whole}).ok());
+  std::atomic<bool> done = false;
+  std::atomic<int> changes = 0;
+  std::thread writer([&] {
+    for (std::uint64_t right_id = 1; !done; right_id = right_id == 1 ? 99999 : 1) {
+      EXPECT_TRUE(Upsert({left, {right_id, "b", "c", {}, {}}}).ok());
+      EXPECT_TRUE(Upsert({whole}, {right_id}).ok());
+      ++changes;
+    }
+  });
+  for (int i = 0; i < 500; ++i) {
+    pdpb::GetRegionResponse found;
+    EXPECT_EQ(service->GetRegion({"bb"}, &found).ToString(), "OK") << i;
+    EXPECT_EQ(service->GetRegion({"d"}, &found).ToString(), "NotFound: no region covers key");
+  }
+  done = true;
+  writer.join();
+  EXPECT_GT(changes, 10);
+}
+
+TEST_F(PdServiceTest, WhatCannotBeWrittenIsNotAnswered) {
+  fault.Arm({.kind = testing::kWrite, .count = 3});
+  pdpb::AllocIdResponse ids;
+  const std::string failure = "Corruption: wal write: Input/output error";
+  EXPECT_EQ(service->AllocId({7}, &ids).ToString(), failure);
+  EXPECT_EQ(ids.count, 0u);
+  pdpb::BootstrapResponse response;
+  EXPECT_EQ(service->Bootstrap({{1, "a", 0}, {2, "", "", {}, {}}, {}}, &response).ToString(),
+            failure);
+  EXPECT_EQ(Upsert({{2, "", "", {}, {}}}).ToString(), failure);
+  EXPECT_EQ(AllocId(7), 1024u);
+  EXPECT_EQ(Route("k"), "NotFound: cluster not bootstrapped");
+  // All of a bootstrap is one write; once the cluster exists, the outcome of it is not told.
+  fault.Arm({.kind = testing::kWrite, .first = 2});
+  EXPECT_FALSE(Bootstrap({1, "a", 0}, {2, "", "", {}, {{3, 1, {}}}}, {{4, "x", "y", {}, {}}}));
+  EXPECT_TRUE(Bootstrap({1, "b", 0}, {}));
+  EXPECT_EQ(Route("k"), "2");
+  EXPECT_EQ(routed.leader_store.address, "a");
+}
+
+TEST_F(PdServiceTest, WhatCannotBeReadCountsAsAbsentOrIsNamed) {
+  RestartOnTable({{lsm::kPut, "pd/bootstrapped", "1"},
+                  {lsm::kPut, "pd/id_alloc", std::string("\0\x10\0\0\0\0\0\0", 8)},
+                  {lsm::kPut, "pd/region/8", Encode(Region{8, "", "", {}, {}})}});
+  EXPECT_EQ(AllocId(1), 4096u);
+  fault.Arm({.kind = testing::kPread, .count = testing::Fault::kForEver});
+  const std::string failure = "Corruption: sst pread: Input/output error";
+  EXPECT_EQ(Route("k"), failure);
+  pdpb::RegionHeartbeatResponse answer;
+  EXPECT_EQ(service->RegionHeartbeat({1, {}, {8}}, &answer).ToString(), failure);
+  EXPECT_FALSE(Bootstrap({1, "a", 0}, {2, "", "", {}, {}}));  // taken for a new cluster
+  Restart(0);
+  EXPECT_EQ(AllocId(1), 5097u);  // the mark that AllocId wrote is in memory, above the table
+  fault.Disarm();
+  EXPECT_EQ(Route("k"), "2");
+}
+
+// One store with a long address makes any answer long.
+TEST_F(PdServiceTest, AnAnswerThatFitsNoFrameIsGivenUp) {
+  Bootstrap({1, std::string(1 << 20, 'a'), 0}, {});
+  Restart(3);
+  Region region;
+  for (const std::size_t count : {63, 64}) {
+    region.peers.assign(count, {1, 1, {}});
+    ASSERT_TRUE(Upsert({region}).ok());
+    const Status routes = service->GetRegion({"k"}, &routed);
+    const std::vector<pdpb::RegionHeartbeatEntry> entries(count, {8, {2}, {}, {}});
+    pdpb::RegionHeartbeatResponse answer;
+    const Status answers = service->RegionHeartbeat({2, entries, {}}, &answer);
+    const std::string expected = count == 63 ? "OK" : "Corruption: kanrpc: payload too large";
+    EXPECT_EQ(routes.ToString(), expected);
+    EXPECT_EQ(answers.ToString(), expected);
   }
 }
 

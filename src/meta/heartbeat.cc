@@ -2,13 +2,32 @@
 
 #include "meta/keys.h"
 #include "meta/pd_service.h"
+#include "rpc/frame.h"
 
 namespace kandb::meta {
+
+// The commands of an answer. Each may carry an address of any length: what does not fit a frame is
+// not kept, and the heartbeat fails, though it counts as a report.
+class CommandList {
+ public:
+  void Add(pdpb::ScheduleKind kind, std::uint64_t region_id, std::uint64_t store_id,
+           const std::string& address = {}) {
+    size += kFixedSize + address.size();
+    if (!too_large()) commands.push_back({kind, region_id, store_id, address});
+  }
+  bool too_large() const { return size > kanrpc::kMaxPayloadSize; }
+  std::vector<pdpb::ScheduleCommand> Take() { return std::move(commands); }
+
+ private:
+  static inline const std::size_t kFixedSize = pdpb::FieldSize(pdpb::ScheduleCommand());
+
+  std::vector<pdpb::ScheduleCommand> commands;
+  std::size_t size = 0;  // bytes in the answer
+};
 
 namespace {
 
 using pdpb::RegionHeartbeatEntry;
-using pdpb::ScheduleCommand;
 using pdpb::ScheduleKind;
 using pdpb::Store;
 
@@ -28,19 +47,19 @@ class IdSet {
 
 // One replica more: on the first store that has none yet and can be reached.
 void AddMissingPeer(const RegionHeartbeatEntry& entry, const std::vector<Store>& stores,
-                    IdSet* members, std::vector<ScheduleCommand>* commands) {
+                    IdSet* members, CommandList* commands) {
   members->Assign(entry.member_store_ids);
   const auto chosen = std::find_if(stores.begin(), stores.end(), [&](const Store& store) {
     return !store.address.empty() && !members->Contains(store.id);
   });
   if (chosen == stores.end()) return;
-  commands->push_back({ScheduleKind::kAddPeer, entry.region_id, chosen->id, chosen->address});
+  commands->Add(ScheduleKind::kAddPeer, entry.region_id, chosen->id, chosen->address);
 }
 
 // One replica less: the first candidate among the members or else the first member, but never that
 // of the reporting store.
 void RemoveSurplusPeer(const RegionHeartbeatEntry& entry, std::uint64_t reporter, IdSet* candidates,
-                       std::vector<ScheduleCommand>* commands) {
+                       CommandList* commands) {
   candidates->Assign(entry.candidate_store_ids);
   const std::vector<std::uint64_t>& members = entry.member_store_ids;
   auto chosen = std::find_if(members.begin(), members.end(), [&](std::uint64_t id) {
@@ -51,7 +70,7 @@ void RemoveSurplusPeer(const RegionHeartbeatEntry& entry, std::uint64_t reporter
                           [&](std::uint64_t id) { return id != reporter; });
   }
   if (chosen == members.end() || *chosen == 0) return;
-  commands->push_back({ScheduleKind::kRemovePeer, entry.region_id, *chosen, {}});
+  commands->Add(ScheduleKind::kRemovePeer, entry.region_id, *chosen);
 }
 
 }  // namespace
@@ -60,11 +79,12 @@ Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& request,
                                   pdpb::RegionHeartbeatResponse* response) {
   std::vector<Store> stores;
   if (Status s = ReadStores(&stores); !s.ok()) return s;
-  std::vector<ScheduleCommand> commands;
+  CommandList commands;
   IdSet ids;
   for (const RegionHeartbeatEntry& entry : request.regions) {
+    if (commands.too_large()) break;
     for (const std::uint64_t store_id : entry.caught_up_learner_store_ids) {
-      commands.push_back({ScheduleKind::kPromoteLearner, entry.region_id, store_id, {}});
+      commands.Add(ScheduleKind::kPromoteLearner, entry.region_id, store_id);
     }
     if (target_replicas == 0) continue;
     const std::size_t member_count = entry.member_store_ids.size();
@@ -75,8 +95,9 @@ Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& request,
   }
 
   for (const std::uint64_t region_id : request.region_ids) {
+    if (commands.too_large()) break;
     if (!IsStaleReplica(region_id, request.store_id)) continue;
-    commands.push_back({ScheduleKind::kDestroyStaleReplica, region_id, request.store_id, {}});
+    commands.Add(ScheduleKind::kDestroyStaleReplica, region_id, request.store_id);
   }
 
   MutexLock lock(&heartbeat_mutex);
@@ -84,7 +105,8 @@ Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& request,
     MarkReporter(entry.region_id, request.store_id);
   }
   if (stores.size() >= 2) TransferLeaders(request, &commands);
-  response->commands = std::move(commands);
+  if (commands.too_large()) return kanrpc::PayloadTooLarge();
+  response->commands = commands.Take();
   return {};
 }
 
@@ -127,7 +149,7 @@ std::uint64_t PdService::ReportedRegions(std::uint64_t store_id) const {
 
 // Moves leadership to the candidate whose store leads least, where that is clearly less than here.
 void PdService::TransferLeaders(const pdpb::RegionHeartbeatRequest& request,
-                                std::vector<ScheduleCommand>* commands) {
+                                CommandList* commands) {
   const std::uint64_t own = ReportedRegions(request.store_id);
   if (own < 2) return;
   IdSet candidates;
@@ -143,7 +165,7 @@ void PdService::TransferLeaders(const pdpb::RegionHeartbeatRequest& request,
       chosen = &member;
     }
     if (chosen == nullptr) continue;
-    commands->push_back({ScheduleKind::kTransferLeader, entry.region_id, *chosen, {}});
+    commands->Add(ScheduleKind::kTransferLeader, entry.region_id, *chosen);
   }
 }
 

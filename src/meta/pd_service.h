@@ -24,6 +24,8 @@ namespace kandb::meta {
 using Clock = std::uint64_t (*)();
 std::uint64_t SystemClock();
 
+class CommandList;
+
 class PdService {
  public:
   // `metadata` is borrowed and must outlive the service. `target` is the number of members that
@@ -46,17 +48,19 @@ class PdService {
   Status Bootstrap(const pdpb::BootstrapRequest& request, pdpb::BootstrapResponse* response);
 
   // Finds the first region, in the order of the keys, that covers the key, and the stores of its
-  // peers. NotFound "cluster not bootstrapped" or "no region covers key"; Corruption "bad store
-  // record" for the leader's, or "bad region record" when the region sought may be one that does
-  // not decode.
+  // peers. NotFound "cluster not bootstrapped" or "no region covers key", either true of one
+  // moment; Corruption "bad store record" for the leader's, "bad region record" when the region
+  // sought may be one that does not decode, or "kanrpc: payload too large" when the stores do not
+  // fit a frame.
   Status GetRegion(const pdpb::GetRegionRequest& request, pdpb::GetRegionResponse* response);
 
   // Writes and deletes region records as they are given, all or nothing, comparing no epochs.
   Status UpsertRegion(const pdpb::UpsertRegionRequest& request,
                       pdpb::UpsertRegionResponse* response);
 
-  // Answers a store's report of the regions that it leads with what the store shall do. Fails only
-  // as reading the stores does.
+  // Answers a store's report of the regions that it leads with what the store is to do. Fails as
+  // reading the stores does, or with Corruption "kanrpc: payload too large" when the commands do
+  // not fit a frame.
   Status RegionHeartbeat(const pdpb::RegionHeartbeatRequest& request,
                          pdpb::RegionHeartbeatResponse* response) EXCLUDES(heartbeat_mutex);
 
@@ -66,7 +70,7 @@ class PdService {
 
  private:
   // routing.cc
-  // Fails as GetRegion does for want of a region.
+  // Fails as GetRegion does without a region.
   Status FindRegion(std::string_view key, pdpb::Region* region) const;
 
   // heartbeat.cc
@@ -74,8 +78,8 @@ class PdService {
   bool IsStaleReplica(std::uint64_t region_id, std::uint64_t store_id) const;
   void MarkReporter(std::uint64_t region_id, std::uint64_t store_id) REQUIRES(heartbeat_mutex);
   std::uint64_t ReportedRegions(std::uint64_t store_id) const REQUIRES(heartbeat_mutex);
-  void TransferLeaders(const pdpb::RegionHeartbeatRequest& request,
-                       std::vector<pdpb::ScheduleCommand>* commands) REQUIRES(heartbeat_mutex);
+  void TransferLeaders(const pdpb::RegionHeartbeatRequest& request, CommandList* commands)
+      REQUIRES(heartbeat_mutex);
 
   // Never change after construction.
   store::MetaStore* const store;

@@ -6,6 +6,7 @@
 #include "common/endian.h"
 #include "meta/keys.h"
 #include "meta/pd_service.h"
+#include "rpc/frame.h"
 
 namespace kandb::meta {
 
@@ -108,6 +109,7 @@ Status PdService::GetRegion(const pdpb::GetRegionRequest& request,
   pdpb::Region region;
   if (Status s = FindRegion(request.key, &region); !s.ok()) return s;
   pdpb::GetRegionResponse answer;
+  std::size_t stores_size = 0;  // in the answer, of which they alone can be many times the request
   for (const pdpb::Peer& peer : region.peers) {
     const bool is_leader = &peer == &region.peers.front();
     std::string record;
@@ -121,7 +123,10 @@ Status PdService::GetRegion(const pdpb::GetRegionRequest& request,
       answer.leader = peer;
       answer.leader_store = peer_store;
     }
-    if (decodes) answer.stores.push_back(std::move(peer_store));
+    if (!decodes) continue;
+    stores_size += pdpb::FieldSize(peer_store);
+    if (stores_size > kanrpc::kMaxPayloadSize) return kanrpc::PayloadTooLarge();
+    answer.stores.push_back(std::move(peer_store));
   }
   answer.region = std::move(region);
   *response = std::move(answer);

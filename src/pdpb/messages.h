@@ -86,9 +86,10 @@ struct RegionRange {
 // an epoch and some peers have: their contents are not looked at. False for every other region,
 // which may be a sound one still; `*range` is then unspecified.
 [[gnu::always_inline]] inline bool DecodeFront(std::string_view bytes, RegionRange* range) {
-  constexpr std::size_t kIdSize = EncodedSize<std::uint64_t>();
-  constexpr std::size_t kSmallestSize = 4 * kFieldHeaderSize + kIdSize + EncodedSize<RegionEpoch>();
-  constexpr std::size_t kPeerSize = kFieldHeaderSize + EncodedSize<Peer>();
+  constexpr std::size_t kIdSize = sizeof(Region::id);
+  constexpr std::size_t kSmallestSize =
+      kFieldHeaderSize + kIdSize + 2 * kFieldHeaderSize + FieldSize(RegionEpoch());
+  constexpr std::size_t kPeerSize = FieldSize(Peer());
   constexpr auto kFields = Region::Fields();
   if (bytes.size() < kSmallestSize) return false;
   // What is left for the keys and the peers.

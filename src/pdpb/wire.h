@@ -21,12 +21,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <vector>
 
+#include "common/check.h"
 #include "common/endian.h"
 
 namespace kandb::pdpb {
@@ -67,7 +69,13 @@ bool Decode(std::string_view bytes, M* message);
 
 inline constexpr std::size_t kFieldHeaderSize = 2 + 4;  // bytes
 
+// A length that does not fit its field ends the process, as it would make the rest unreadable.
+inline void CheckLength(std::size_t length) {
+  KANDB_CHECK(length <= std::numeric_limits<std::uint32_t>::max(), length);
+}
+
 inline void AppendFieldHeader(std::uint16_t tag, std::size_t length, std::string* out) {
+  CheckLength(length);
   AppendU16(tag, out);
   AppendU32(static_cast<std::uint32_t>(length), out);
 }
@@ -82,7 +90,9 @@ void AppendMessage(std::uint16_t tag, const M& message, std::string* out) {
   AppendFieldHeader(tag, 0, out);
   const std::size_t start = out->size();
   AppendTo(message, out);
-  StoreLittleEndian(static_cast<std::uint32_t>(out->size() - start), out->data() + start - 4);
+  const std::size_t length = out->size() - start;
+  CheckLength(length);
+  StoreLittleEndian(static_cast<std::uint32_t>(length), out->data() + start - 4);
 }
 
 // --- Encoding by the type of a member ---
@@ -125,22 +135,44 @@ std::string Encode(const M& message) {
   return out;
 }
 
-// --- Sizes ---
+// --- Sizes, in bytes; constant expressions for messages of fixed size ---
 
-// Of the encoding of a T, which must not depend on its contents: no bytes, nothing repeated.
+template <Message M>
+constexpr std::size_t EncodedSize(const M& message);
+
+// Of the field that a member is written as, or the fields of a repeated one.
 template <class T>
-constexpr std::size_t EncodedSize() {
+constexpr std::size_t FieldSize(const T& value) {
   if constexpr (Message<T>) {
-    const auto sum = []<class... Of, class... Member>(const Field<Of, Member>&...) {
-      return (std::size_t{0} + ... + (kFieldHeaderSize + EncodedSize<Member>()));
-    };
-    return std::apply(sum, T::Fields());
+    return kFieldHeaderSize + EncodedSize(value);
   } else if constexpr (std::is_same_v<T, bool>) {
-    return 1;
+    return kFieldHeaderSize + 1;
+  } else if constexpr (std::is_integral_v<T> || std::is_enum_v<T>) {
+    return kFieldHeaderSize + sizeof(std::uint64_t);
   } else {
-    static_assert(std::is_integral_v<T> || std::is_enum_v<T>);
-    return sizeof(std::uint64_t);
+    return kFieldHeaderSize + value.size();
   }
+}
+
+template <class T>
+constexpr std::size_t FieldSize(const std::vector<T>& values) {
+  std::size_t size = 0;
+  for (const T& value : values) size += FieldSize(value);
+  return size;
+}
+
+// Of what AppendTo appends.
+template <Message M>
+constexpr std::size_t EncodedSize(const M& message) {
+  const auto size = [&](const auto& field) {
+    const auto& value = message.*field.member;
+    if constexpr (!std::remove_cvref_t<decltype(field)>::kWrittenWhenEmpty) {
+      if (value.empty()) return std::size_t{0};
+    }
+    return FieldSize(value);
+  };
+  return std::apply([&](const auto&... field) { return (std::size_t{0} + ... + size(field)); },
+                    M::Fields());
 }
 
 // --- Decoding by the type of a member; false when the value does not fit it ---

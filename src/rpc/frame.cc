@@ -1,8 +1,8 @@
 #include "rpc/frame.h"
 
 #include <algorithm>
-#include <cassert>
 
+#include "common/check.h"
 #include "common/endian.h"
 #include "crypto/crc32c.h"
 #include "rpc/socket_io.h"
@@ -27,9 +27,11 @@ constexpr std::size_t kKeptBufferSize = std::size_t{64} << 10;
 
 }  // namespace
 
+Status PayloadTooLarge() { return Status::Corruption("kanrpc: payload too large"); }
+
 void BeginFrame(FrameType type, std::uint64_t request_id, std::string_view method,
                 std::string* frame) {
-  assert(method.size() <= kMaxMethodSize);
+  KANDB_CHECK(method.size() <= kMaxMethodSize, method.size());
   frame->assign(kMagic);
   frame->push_back(static_cast<char>(type));
   AppendU64(request_id, frame);
@@ -41,7 +43,7 @@ void BeginFrame(FrameType type, std::uint64_t request_id, std::string_view metho
 void FinishFrame(std::string* frame) {
   const std::size_t method_length = LoadU16(frame->data() + kMethodLengthOffset);
   const std::size_t payload_length = frame->size() - kBeforePayloadSize - method_length;
-  assert(payload_length <= kMaxPayloadSize);
+  KANDB_CHECK(payload_length <= kMaxPayloadSize, payload_length);
   StoreLittleEndian(static_cast<std::uint32_t>(payload_length),
                     frame->data() + kMethodOffset + method_length);
   AppendU32(crypto::Crc32c(std::string_view(*frame).substr(kTypeOffset)), frame);
@@ -72,7 +74,7 @@ Status FrameReader::Read(Frame* frame, int timeout_ms) {
   if (Status s = Fill(payload_offset, timeout_ms); !s.ok()) return s;
   const std::size_t payload_length =
       LoadU32(buffer.unread().data() + payload_offset - kPayloadLengthSize);
-  if (payload_length > kMaxPayloadSize) return Status::Corruption("kanrpc: payload too large");
+  if (payload_length > kMaxPayloadSize) return PayloadTooLarge();
 
   const std::size_t crc_offset = payload_offset + payload_length;
   if (Status s = Fill(crc_offset + kCrcSize, timeout_ms); !s.ok()) return s;

@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 
@@ -24,6 +25,14 @@ namespace kandb::kanrpc {
 
 inline constexpr std::size_t kMaxMethodSize = 256;                     // bytes
 inline constexpr std::size_t kMaxPayloadSize = std::size_t{64} << 20;  // bytes
+
+static_assert(kMaxMethodSize <= std::numeric_limits<std::uint16_t>::max() &&
+                  kMaxPayloadSize <= std::numeric_limits<std::uint32_t>::max(),
+              "the lengths of a frame are fields of 16 and 32 bits");
+
+// Corruption "kanrpc: payload too large": of a frame that is read, and of a response that passes
+// the limit, for whoever builds it to stop there.
+Status PayloadTooLarge();
 
 enum FrameType : std::uint8_t { kRequest = 0, kResponse = 1, kError = 2 };
 
@@ -37,7 +46,7 @@ struct Frame {
 
 // Builds one frame in `*frame`: BeginFrame replaces its contents by all that stands before the
 // payload, the caller appends the payload, FinishFrame fills in its length and appends the
-// checksum. The method and the payload must be within their limits.
+// checksum. A method or payload beyond its limit ends the process: no peer would take the frame.
 void BeginFrame(FrameType type, std::uint64_t request_id, std::string_view method,
                 std::string* frame);
 void FinishFrame(std::string* frame);

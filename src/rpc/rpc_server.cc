@@ -233,7 +233,7 @@ bool RpcServer::Answer(Shared* shared, std::string_view method, std::uint64_t re
     status = found->second(payload, response);
   }
   if (status.ok() && response->size() - PayloadOffset(method) > kMaxPayloadSize) {
-    status = Status::Corruption("kanrpc: payload too large");
+    status = PayloadTooLarge();
   }
   if (!status.ok()) {
     BeginFrame(kError, request_id, method, response);
