@@ -7,6 +7,7 @@
 
 #include "common/endian.h"
 #include "kandb_ctl/key_text.h"
+#include "lsm/directory_lock.h"
 #include "lsm/recovery.h"
 #include "lsm/scan_iterator.h"
 #include "meta/keys.h"
@@ -94,6 +95,14 @@ Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto,
   if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, take); !s.ok()) return s;
   *cluster = std::move(loaded);
   return {};
+}
+
+// The lock is let go of at once: looking must not keep a server from starting. A file system
+// without locks is no reason to refuse.
+Status RefuseRunningServer(const std::string& dir) {
+  lsm::DirectoryLock lock;
+  Status locked = lsm::LockDirectory(dir, &lock);
+  return locked.code() == Status::kInvalidArgument ? locked : Status();
 }
 
 Status ReadPassphraseFile(const std::string& path, store::StoreCrypto* crypto) {
