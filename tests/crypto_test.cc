@@ -128,6 +128,29 @@ TEST(Sm4Cbc, AgreesWithOpenSsl) {
   }
 }
 
+TEST(Sm4Cbc, RefusesBadPadding) {
+  constexpr char kBad[] = "InvalidArgument: sm4: bad padding";
+  const struct {
+    std::string padded, result, plaintext;
+  } cases[] = {
+      {std::string(15, 'x') + '\1', "OK", std::string(15, 'x')},
+      {std::string(16, '\x10'), "OK", ""},
+      {std::string(32, '\0'), kBad, "untouched"},
+      {std::string(32, '\x11'), kBad, "untouched"},  // 17 times 17, and more
+      {'x' + std::string(15, '\x10'), kBad, "untouched"},
+      {std::string(13, 'x') + "\2\3\3", kBad, "untouched"},
+  };
+  for (const auto& c : cases) {
+    const Sm4Key key = {1};
+    const Sm4Iv iv = {2};
+    // Whole blocks get a block of padding more, which is cut off here.
+    const std::string ciphertext = Sm4CbcEncrypt(c.padded, key, iv).substr(0, c.padded.size());
+    std::string plaintext = "untouched";
+    EXPECT_EQ(Sm4CbcDecrypt(ciphertext, key, iv, &plaintext).ToString(), c.result);
+    EXPECT_EQ(plaintext, c.plaintext);
+  }
+}
+
 // The expected bits were computed apart from this code, with integers of unlimited size.
 TEST(Bloom, SerialisedBytes) {
   const struct {

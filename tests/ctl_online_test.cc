@@ -7,6 +7,7 @@
 
 #include "kandb_ctl/key_text.h"
 #include "pdpb/messages.h"
+#include "support/eventually.h"
 #include "support/run_tool.h"
 #include "support/server_process.h"
 
@@ -75,8 +76,7 @@ region  start  end  epoch  stores  leader
   auto load = std::async(std::launch::async, [&] {
     return testing::RunTool({"load", "get-region", "--seconds=60", options});
   });
-  while (calls < 100 && load.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) {
-  }
+  EXPECT_TRUE(testing::Eventually([&] { return calls >= 100; }));
   server.Stop();
   const testing::ToolResult result = load.get();
   EXPECT_TRUE(result.exit_status == 1 && result.err.ends_with("so the load ended early\n"))

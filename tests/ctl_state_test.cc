@@ -4,10 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <regex>
 
+#include "crypto/bloom.h"
 #include "lsm/lsm_db.h"
 #include "lsm/table_format.h"
+#include "meta/keys.h"
 #include "pdpb/messages.h"
 #include "store/value_envelope.h"
 #include "support/hex.h"
@@ -17,92 +21,298 @@
 namespace kandb::testing {
 namespace {
 
-lsm::Entry Put(const char* key, const auto& record) {
+lsm::Entry Put(const std::string& key, const auto& record) {
   return {lsm::kPut, key, pdpb::Encode(record)};
 }
 
+using Batch = std::vector<lsm::Entry>;
+
 // The batch stands in a log; with a small buffer in a table.
-void Write(const std::string& dir, std::uint64_t buffer, const std::vector<lsm::Entry>& batch) {
+void Write(const std::string& dir, std::uint64_t buffer, const Batch& batch) {
   std::unique_ptr<lsm::LsmDb> db;
   ASSERT_TRUE(lsm::LsmDb::Open(dir, {buffer, 8, false}, &db).ok());
   ASSERT_TRUE(db->Write(batch).ok());
   db->WaitForBackgroundIdle();
 }
 
-// A sound cluster: a table of 23 entries, and a log with the mark of the identifiers.
-void WriteCluster(const std::string& dir) {
-  std::vector<lsm::Entry> batch = {
-      Put("pd/store/1", pdpb::Store{1, "h:1", 0}),
-      Put("pd/region/10", pdpb::Region{10, "", "m", {}, {{11, 1, {}}}}),
-      Put("pd/region/20", pdpb::Region{20, "m", "", {}, {{21, 1, {}}}})};
-  for (char c = 'a'; c < 'u'; ++c) batch.push_back({lsm::kDelete, std::string("zz") + c, ""});
-  Write(dir, 1, batch);
-  Write(dir, 1 << 20, {{lsm::kPut, "pd/id_alloc", Hex("e907000000000000")}});
+// What verify prints, without the path of the directory.
+std::string Verify(const std::string& dir) {
+  const ToolResult result = RunTool({"state", "verify", dir});
+  EXPECT_EQ(result.exit_status, result.out.empty() ? 0 : 1);
+  return std::regex_replace(result.out, std::regex(dir + "/"), "") + result.err;
+}
+
+// --- Damaged files ---
+
+constexpr char kManifest[] = "MANIFEST";
+constexpr char kTable[] = "sst-000003.sst";
+constexpr char kLog[] = "wal-000004.log";
+
+// The entries of the table. The last is one of many deletions, so that no record goes with it.
+Batch Entries(const char* last_key = "zzt") {
+  Batch entries = {Put("pd/region/10", pdpb::Region{10, "", "m", {}, {{11, 1, {}}}}),
+                   Put("pd/region/20", pdpb::Region{20, "m", "", {}, {{21, 1, {}}}}),
+                   Put("pd/store/1", pdpb::Store{1, "h:1", 0})};
+  for (char c = 'a'; c < 't'; ++c) entries.push_back({lsm::kDelete, std::string("zz") + c, ""});
+  entries.push_back({lsm::kDelete, last_key, ""});
+  return entries;
+}
+constexpr std::size_t kCount = 23;
+
+std::string Data(const Batch& entries) {
+  std::string data;
+  for (const lsm::Entry& entry : entries) AppendEntry(entry, &data);
+  return data;
+}
+
+std::size_t OffsetOf(std::size_t number) {
+  const Batch entries = Entries();
+  return Data({entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(number)}).size();
+}
+
+// Every 16th entry is indexed.
+std::string Index(const char* second_key = "zzn", std::size_t second_offset = OffsetOf(16)) {
+  std::string index;
+  lsm::AppendIndexElement({"pd/region/10", 0}, &index);
+  if (second_key != nullptr) lsm::AppendIndexElement({second_key, second_offset}, &index);
+  return index;
+}
+
+std::string Filter(const Batch& entries) {
+  crypto::BloomFilter filter(kCount, lsm::kFilterBitsPerKey);
+  for (const lsm::Entry& entry : entries) filter.Add(entry.key);
+  return filter.Serialize();
+}
+
+struct TableParts {
+  std::string data = Data(Entries());
+  std::string index = Index();
+  std::string gap = {};
+  std::string filter = Filter(Entries());
+  std::size_t count = kCount;
+};
+std::string Table(const TableParts& parts) {
+  std::string table = parts.data + parts.index + parts.gap;
+  const std::size_t filter_offset = table.size();
+  table += parts.filter;
+  lsm::AppendFooter(
+      {parts.data.size(), parts.index.size(), filter_offset, parts.filter.size(), parts.count},
+      &table);
+  return table;
+}
+
+std::string At(const char* file, std::size_t offset) {
+  return file + (" offset " + std::to_string(offset)) + ": ";
+}
+
+using Damage = std::function<void(const std::string& dir)>;
+Damage Replace(const char* file, const std::string& bytes) {
+  return [=](const std::string& dir) { WriteFile(dir + "/" + file, bytes); };
+}
+Damage Remove(const char* file) {
+  return [=](const std::string& dir) { std::filesystem::remove(dir + "/" + file); };
+}
+Damage Forbid(const char* file) {
+  return [=](const std::string& dir) {
+    std::filesystem::permissions(dir + "/" + file, std::filesystem::perms::none);
+  };
+}
+Damage MakeDirectory(const char* name) {
+  return [=](const std::string& dir) {
+    std::filesystem::remove(dir + "/" + name);
+    std::filesystem::create_directory(dir + "/" + name);
+  };
 }
 
 // Every file with its time of change.
 std::string ReadAll(const std::string& dir) {
   std::string all;
   for (const auto& file : std::filesystem::directory_iterator(dir)) {
-    all += file.path().string() + ReadFile(file.path());
+    all += file.path().string() + (file.is_regular_file() ? ReadFile(file.path()) : "");
     all += std::to_string(file.last_write_time().time_since_epoch().count());
   }
   return all;
 }
 
 TEST(StateVerify, NamesTheDamageAndChangesNothing) {
-  std::string miscounting;
-  lsm::AppendFooter({556, 39, 595, 34, 24}, &miscounting);
-  // Where a file is overwritten, with what, and part of what is then found.
-  const std::tuple<const char*, std::size_t, std::string, const char*> cases[] = {
-      {"wal-000004.log", 40, "", ""},
-      {"wal-000004.log", 40, "1", "offset 40: torn record at the end: an unacknowledged write"},
-      {"wal-000004.log", 20, "!", "offset 0: record crc mismatch; 40 bytes from here on are not"},
-      {"sst-000003.sst", 0, "\5", "offset 0: sst bad record op\nrecords: not checked"},
-      {"sst-000003.sst", 5, "~", "offset 0: the filter denies this key\n"},
-      {"sst-000003.sst", 5, "~", "offset 130: the key is not above the one before\n"},
-      {"sst-000003.sst", 556, "~", "offset 556: sst index truncated\nrecords: not checked"},
-      {"sst-000003.sst", 587, "~", "offset 472: the index does not point here with this key\n"},
-      {"sst-000003.sst", 629, miscounting, "the footer counts 24 records, there are 23\n"},
-      {"MANIFEST", 12, "xst 3\ny", "unknown word \"xst\"\nMANIFEST offset 18: no record"}};
-  for (const auto& [file, offset, bytes, finding] : cases) {
+  const TempDir sound;
+  Write(sound.path(), 1, Entries());
+  Write(sound.path(), 1 << 20, {{lsm::kPut, "pd/id_alloc", Hex("e907000000000000")}});
+  const std::string manifest = ReadFile(sound.File(kManifest));
+  const std::string unknown = manifest + "xst 3\n";
+  const std::string log = ReadFile(sound.File(kLog));
+  std::string damaged_log = log;
+  damaged_log.back() ^= 1;
+  const std::string table = Table({});
+  ASSERT_EQ(ReadFile(sound.File(kTable)), table);
+  const std::string data = Data(Entries());
+  const std::size_t last = OffsetOf(kCount - 1);
+  const std::size_t footer = table.size() - lsm::kFooterSize;
+  const std::string not_checked = "records: not checked, the next start fails\n";
+  const std::string misindexed =
+      At(kTable, OffsetOf(16)) + "the index does not point here with this key\n";
+  const std::string gaps = "data, index, filter and footer have gaps\n";
+  const std::pair<Damage, std::string> cases[] = {
+      {[](auto&) {}, ""},
+      {Replace(kManifest, unknown + "y"),
+       At(kManifest, manifest.size()) + "unknown word \"xst\"\n" + At(kManifest, unknown.size()) +
+           "no record; the rest is not read\n"},
+      {Replace(kManifest, "sst 3\n"), "MANIFEST: no next_file\n"},
+      {Replace(kManifest, "next_file 9223372036854775808 sst 3"),
+       "MANIFEST: next_file is out of range: the next start fails\n"},
+      {Replace(kManifest, manifest + "sst 3"), "sst-000003.sst: named twice by the manifest\n"},
+      {Replace("sst-9.tmp", ""), ""},
+      {Replace("sst-000009.sst", ""),
+       "sst-000009.sst: not named by the manifest: the next start deletes it\n"},
+      {Remove(kManifest),
+       "MANIFEST: missing: the next start deletes every table\n"
+       "sst-000003.sst: not named by the manifest: the next start deletes it\n"},
+      {Forbid(kManifest), "MANIFEST: manifest open: Permission denied\n" + not_checked},
+      {MakeDirectory(kManifest), "MANIFEST: manifest read: Is a directory\n" + not_checked},
+      {Replace("wal-9223372036854775807.log", ""), ""},  // no number that the engine would use
+
+      {Replace("wal-9.log", log),
+       "wal-000009.log: missing; a file with another name for this number is never read\n"},
+      {MakeDirectory("wal-000009.log"), "wal-000009.log: no regular file\n"},
+      // A file that cannot be read at its start.
+      {[](auto& dir) {
+         std::filesystem::create_symlink("/proc/self/mem", dir + "/wal-000009.log");
+       },
+       At("wal-000009.log", 0) +
+           "wal read: Input/output error; 0 bytes from here on are not replayed\n"},
+      {Forbid(kLog), "wal-000004.log: wal open wal-000004.log: Permission denied\n" + not_checked},
+      {Replace(kLog, log + "1"),
+       At(kLog, log.size()) + "torn record at the end: an unacknowledged write\n"},
+      {Replace(kLog, damaged_log + log), At(kLog, 0) + "record crc mismatch; " +
+                                             std::to_string(2 * log.size()) +
+                                             " bytes from here on are not replayed\n"},
+
+      {Remove(kTable),
+       "sst-000003.sst: sst open sst-000003.sst: No such file or directory\n" + not_checked},
+      {Replace(kTable, table.substr(1) + "?"),
+       At(kTable, footer) + "sst bad magic\n" + not_checked},
+      {Replace(kTable, Table({.index = Index() + "?"})),
+       At(kTable, data.size()) + "sst index truncated\n" + not_checked},
+      {Replace(kTable, Table({.index = Index() + Index()})),
+       At(kTable, data.size()) + "index elements that belong to no record\n"},
+      {Replace(kTable, Table({.index = Index(nullptr)})), misindexed},
+      {Replace(kTable, Table({.index = Index("zzm")})), misindexed},
+      {Replace(kTable, Table({.index = Index("zzn", last)})), misindexed},
+      {Replace(kTable, Table({.gap = "?"})), At(kTable, footer + 1) + gaps},
+      {Replace(kTable, table.substr(0, footer) + "?" + table.substr(footer)),
+       At(kTable, footer + 1) + gaps},
+      {Replace(kTable, Table({.data = "\5" + data.substr(1)})),
+       At(kTable, 0) + "sst bad record op\nrecords: not checked: sst bad record op\n"},
+      {Replace(kTable, Table({.filter = Filter({})})),
+       At(kTable, 0) + "the filter denies this key (and 22 more)\n"},
+      {Replace(kTable, Table({.data = Data(Entries("zzu"))})),
+       At(kTable, last) + "the filter denies this key\n"},
+      {Replace(kTable, Table({.data = Data(Entries("zzs"))})),
+       At(kTable, last) + "the key is not above the one before\n"},
+      {Replace(kTable, Table({.count = 24})),
+       At(kTable, footer) + "the footer counts 24 records, there are 23\n"},
+  };
+  for (const auto& [damage, findings] : cases) {
     const TempDir dir;
-    WriteCluster(dir.path());
-    WriteFile(dir.File(file), ReadFile(dir.File(file)).replace(offset, bytes.size(), bytes));
+    std::filesystem::copy(sound.path(), dir.path(), std::filesystem::copy_options::recursive);
+    damage(dir.path());
     const std::string before = ReadAll(dir.path());
     EXPECT_GE(RunTool({"state", "summary", dir.path()}).exit_status, 0);
     EXPECT_GE(RunTool({"state", "dump", dir.path()}).exit_status, 0);
-    const ToolResult result = RunTool({"state", "verify", dir.path()});
-    EXPECT_NE(result.out.find(finding), std::string::npos) << finding << result.out;
-    EXPECT_EQ(result.exit_status, bytes.empty() ? 0 : 1) << result.out;
+    EXPECT_EQ(Verify(dir.path()), findings);
     EXPECT_EQ(ReadAll(dir.path()), before);
   }
 }
 
-TEST(StateVerify, ComparesTheRecords) {
-  const TempDir dir;
-  WriteCluster(dir.path());
-  Write(dir.path(), 1 << 20,
-        {{lsm::kPut, "pd/id_alloc", "123"},
-         {lsm::kPut, "pd/region/9", "x"},
-         Put("pd/region/10", pdpb::Region{10, "b", "k", {}, {{11, 1, {}}, {12, 1, {}}}}),
-         Put("pd/region/30", pdpb::Region{31, "c", "d", {}, {{32, 7, {}}}})});
-  EXPECT_EQ(RunTool({"state", "verify", dir.path()}).out,
-            "pd/id_alloc: 3 bytes, not 8: the next start hands out identifiers from 0 on\n"
-            "pd/region/30: holds the record of id 31\npd/region/9: no region record\n"
-            "pd/region/: no region from the first key to b\n"
-            "pd/region/31: overlaps region 10 from c\npd/region/10: no region from k to m\n"
-            "pd/region/10: peer 12 shares store 1\npd/region/31: peer 32 is on unknown store 7\n");
+// --- Records that are wrong, alone or together ---
+
+Batch Regions(const std::vector<pdpb::Region>& regions) {
+  Batch batch = {Put("pd/store/1", pdpb::Store{1, "h:1", 0})};
+  for (const pdpb::Region& region : regions) {
+    batch.push_back(Put(meta::RegionKey(region.id), region));
+  }
+  return batch;
 }
 
-TEST(StateDump, OpensSealedValues) {
+Batch Stores(std::uint64_t count) {
+  Batch batch;
+  for (std::uint64_t id = 1; id <= count; ++id) {
+    batch.push_back(Put(meta::StoreKey(id), pdpb::Store{id, "", 0}));
+  }
+  return batch;
+}
+
+TEST(StateVerify, ComparesTheRecords) {
+  const pdpb::Peer peer = {9, 1, {}};
+  const std::pair<Batch, const char*> cases[] = {
+      {{{lsm::kPut, "pd/bootstrapped", "1"}},
+       "pd/region/: no region from the first key to the last key\n"},
+      {{{lsm::kPut, "pd/id_alloc", "123"},
+        {lsm::kPut, "pd/other", ""},
+        {lsm::kPut, "pd/region/1", "x"},
+        Put("pd/region/2", pdpb::Region{3, "", "", {}, {peer}}),
+        Put("pd/store/1", pdpb::Store{1, "", 0}),
+        {lsm::kPut, "pd/store/2", "x"},
+        Put("pd/store/3", pdpb::Store{4, "", 0})},
+       "pd/id_alloc: 3 bytes, not 8: the next start hands out identifiers from 0 on\n"
+       "pd/other: unknown key\npd/region/1: no region record\n"
+       "pd/region/2: holds the record of id 3\npd/store/2: no store record\n"
+       "pd/store/3: holds the record of id 4\n"},
+      {Regions({{1, "b", "k", {}, {peer}}, {2, "c", "d", {}, {peer}}, {3, "j", "m", {}, {peer}}}),
+       "pd/region/: no region from the first key to b\n"
+       "pd/region/2: overlaps region 1 from c\npd/region/3: overlaps region 1 from j\n"
+       "pd/region/3: no region from m to the last key\n"},
+      {Regions({{1, "", "b", {}, {peer}}, {2, "c", "", {}, {peer}}, {3, "d", "e", {}, {peer}}}),
+       "pd/region/1: no region from b to c\npd/region/3: overlaps region 2 from d\n"},
+      {Regions({{1, "", "", {}, {peer}}, {2, "d", "d", {}, {peer}}, {3, "f", "e", {}, {peer}}}),
+       "pd/region/2: an empty range: it ends where it starts, or before\n"
+       "pd/region/3: an empty range: it ends where it starts, or before\n"},
+      {Regions({{1, "", "k", {}, {}}, {2, "k", "", {}, {{6, 1, {}}, {7, 1, {}}, {8, 7, {}}}}}),
+       "pd/region/1: no peers\npd/region/2: peer 7 shares store 1\n"
+       "pd/region/2: peer 8 is on unknown store 7\n"},
+      {Stores(100001), "pd/store/: 100001 records, of which the server looks at 100000\n"},
+  };
+  for (const auto& [batch, findings] : cases) {
+    const TempDir dir;
+    Write(dir.path(), 1 << 30, batch);
+    EXPECT_EQ(Verify(dir.path()), findings);
+  }
+}
+
+TEST(StateDump, OpensSealedValuesAndFailsForOthers) {
   const TempDir dir;
   WriteFile(dir.File("p"), "secret\n");
-  Write(dir.path(), 1 << 20, {{lsm::kPut, "k", SealValue(store::CryptoFor("secret"), "value")}});
-  EXPECT_EQ(
-      RunTool({"--json", "state", "dump", dir.path(), "--passphrase-file", dir.File("p")}).out,
-      "{\"key\":\"k\",\"kind\":\"unknown\",\"record\":\"value\"}\n");
+  Write(dir.path(), 1 << 20,
+        {{lsm::kPut, "a", "plain"},
+         {lsm::kPut, "b", SealValue(store::CryptoFor("secret"), "value")}});
+  const ToolResult dump =
+      RunTool({"--json", "state", "dump", dir.path(), "--passphrase-file", dir.File("p")});
+  EXPECT_EQ(dump.exit_status, 1);
+  EXPECT_EQ(dump.err, "kandb-ctl: a: tde: ciphertext too short\n");
+  EXPECT_EQ(dump.out,
+            R"({"key":"a","kind":"unknown","record":"plain","error":"tde: ciphertext too short"}
+{"key":"b","kind":"unknown","record":"value"}
+)");
 }
+
+TEST(StateCommands, RefuseTheDirectoryOfARunningServer) {
+  const TempDir dir;
+  std::unique_ptr<lsm::LsmDb> db;
+  ASSERT_TRUE(lsm::LsmDb::Open(dir.path(), {}, &db).ok());
+  const std::vector<std::string> commands[] = {{"state", "summary", dir.path()},
+                                               {"state", "dump", dir.path()},
+                                               {"state", "verify", dir.path()},
+                                               {"report", dir.path(), "--out", dir.File("page")}};
+  std::vector<std::future<ToolResult>> results;
+  for (const auto& command : commands) {
+    results.push_back(std::async(std::launch::async, [&] { return RunTool(command); }));
+  }
+  for (auto& result : results) {
+    EXPECT_EQ(result.get().err, "kandb-ctl: " + dir.path() + " is in use by another process\n");
+  }
+}
+
+// --- Single files ---
 
 TEST(FileCommands, ReadTheDocumentedBytes) {
   const TempDir dir;

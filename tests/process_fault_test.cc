@@ -1,13 +1,19 @@
-// The real executable when it is killed again and again under load, and when its disk is full.
+// The real executable when it is killed again and again under load, and when its disk is full or
+// fails.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -230,7 +236,7 @@ TEST(ProcessFaults, KillNineLosesNothingAcknowledged) {
             << loop.checked_records << " records checked\n";
 }
 
-// --- A full disk ---
+// --- A full disk, and one that fails ---
 
 constexpr std::size_t kMiB = std::size_t{1} << 20;
 constexpr char kFull[] = "remote: Corruption: wal write: No space left on device";
@@ -320,6 +326,31 @@ TEST(ProcessFaults, AFullDiskRefusesChangesUntilThereIsRoom) {
   EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(log); }));
   server.Kill();
   regions.Check(ListeningServer(disk.dir.path()).port());
+}
+
+// Makes every fdatasync of this process fail, and of the program that it becomes.
+void FailSyncs() {
+  sock_filter filter[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fdatasync, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EIO),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program = {.len = std::size(filter), .filter = filter};
+  if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 ||
+      ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0) {
+    ::_exit(126);
+  }
+}
+
+TEST(ProcessFaults, NoChangeIsAcknowledgedThatIsNotSynced) {
+  const TempDir dir;
+  LargeRegions regions;
+  ASSERT_TRUE(regions.WriteNext(ListeningServer(dir.path()).port()).ok());
+  const ListeningServer server(dir.path(), FailSyncs);
+  EXPECT_EQ(regions.WriteNext(server.port()).message(),
+            "remote: Corruption: wal fdatasync: Input/output error");
+  regions.Check(server.port());
 }
 
 }  // namespace

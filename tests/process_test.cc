@@ -1,6 +1,7 @@
 // The real executable over loopback: its command line and its main job.
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "support/server_process.h"
 #include "support/temp_dir.h"
@@ -10,7 +11,6 @@ namespace {
 
 using namespace pdpb;  // NOLINT(google-build-using-namespace): every message is used here
 using testing::Caller;
-using testing::FreePort;
 using testing::ListeningServer;
 using testing::ServerProcess;
 using testing::TempDir;
@@ -57,15 +57,18 @@ TEST(Process, EndsWithAnErrorThatNamesTheCause) {
   }
 }
 
+// The port is taken at 127.0.0.1: a server that listens there, or at every address, does not start.
 TEST(Process, DoesItsMainJobAcrossARestart) {
   const TempDir dir;
-  const std::string port = std::to_string(FreePort());
-  const std::vector<std::string> arguments = {"--port=" + port, "--bind_addr", "127.0.0.1",
+  kanrpc::RpcServer neighbour;
+  ASSERT_TRUE(neighbour.Start(0, "127.0.0.1").ok());
+  const std::string port = std::to_string(neighbour.port());
+  const std::vector<std::string> arguments = {"--port=" + port, "--bind_addr", "127.0.0.2",
                                               "--target_replicas=2"};
-  const std::string banner = "kandb-meta listening on 127.0.0.1:" + port + ", state at ./pd-data\n";
+  const std::string banner = "kandb-meta listening on 127.0.0.2:" + port + ", state at ./pd-data\n";
   auto server = std::make_unique<ServerProcess>(arguments, dir.path());
   ASSERT_EQ(server->ReadBanner(), banner);
-  Caller client(std::stoi(port));
+  Caller client(neighbour.port(), "127.0.0.2");
   AllocIdResponse ids;
   ASSERT_TRUE(client.AllocId({5}, &ids).ok());
   EXPECT_EQ(ids.first_id, 1024u);
@@ -93,6 +96,17 @@ TEST(Process, DoesItsMainJobAcrossARestart) {
   EXPECT_EQ(routed.leader, region.peers[0]);
   EXPECT_EQ(routed.leader_store, stores[0]);
   EXPECT_EQ(routed.stores, stores);
+}
+
+TEST(Process, TakesAsManyDescriptorsAsItMay) {
+  rlimit own{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &own), 0);
+  const rlimit lowered{.rlim_cur = 64, .rlim_max = own.rlim_max};
+  const TempDir dir;
+  const ListeningServer server(dir.path(), [&] { ::setrlimit(RLIMIT_NOFILE, &lowered); });
+  rlimit taken{};
+  ASSERT_EQ(::prlimit(server.pid(), RLIMIT_NOFILE, nullptr, &taken), 0);
+  EXPECT_EQ(taken.rlim_cur, own.rlim_max);
 }
 
 TEST(Process, ASecondServerOnTheDirectoryIsRefused) {

@@ -5,11 +5,13 @@
 #include "lsm/lsm_db.h"
 #include "store/meta_store.h"
 #include "store/value_envelope.h"
+#include "support/hex.h"
 #include "support/temp_dir.h"
 
 namespace kandb::store {
 namespace {
 
+using testing::Hex;
 using testing::TempDir;
 
 TEST(Envelope, SealsAndOpens) {
@@ -87,6 +89,17 @@ TEST_F(MetaStoreTest, AnotherPassphraseOpensNoValue) {
   // Of one value in 256 another key makes something that looks like padding, but not of all these.
   EXPECT_EQ(Open("another")->Scan("", "", 10, &pairs).ToString(),
             "InvalidArgument: sm4: bad padding");
+}
+
+// The published digest of "abc" begins with the key under which openssl sealed this value:
+// 66c7f0f4 62eeedd9 d1f2d46b dc10e4e2.
+TEST_F(MetaStoreTest, ThePassphraseOpensWhatIsSealedUnderTheFrontOfItsDigest) {
+  const std::string iv = Hex("00010203 04050607 08090a0b 0c0d0e0f");
+  EXPECT_TRUE(Open("")->Put({{"k", iv + Hex("96253fb7 a2452c0a b4ea55a0 9719bada")}}).ok());
+  std::string value;
+  bool found = false;
+  EXPECT_EQ(Open("abc")->Get("k", &value, &found).ToString(), "OK");
+  EXPECT_EQ(value, "value");
 }
 
 }  // namespace

@@ -49,8 +49,8 @@ class ListeningServer {
 // server that hangs passes.
 class Caller : public client::PdClient {
  public:
-  explicit Caller(int port)
-      : Caller(std::make_unique<kanrpc::RpcClient>("127.0.0.1:" + std::to_string(port),
+  explicit Caller(int port, const std::string& host = "127.0.0.1")
+      : Caller(std::make_unique<kanrpc::RpcClient>(host + ":" + std::to_string(port),
                                                    kanrpc::RpcClientOptions{60000, 1})) {}
 
  private:

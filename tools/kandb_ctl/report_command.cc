@@ -36,6 +36,7 @@ Status WritePage(const std::string& path, const std::string& page) {
 }
 
 int Report(const Arguments& arguments, bool json) {
+  if (Status s = RefuseRunningServer(arguments.dir); !s.ok()) return Fail(s);
   store::StoreCrypto crypto;
   if (Status s = ReadPassphraseFile(arguments.passphrase_file, &crypto); !s.ok()) return Fail(s);
   ClusterState cluster;

@@ -11,19 +11,11 @@
 #include "kandb_ctl/row_writer.h"
 #include "kandb_ctl/state_directory.h"
 #include "kandb_ctl/state_summary.h"
-#include "lsm/directory_lock.h"
 #include "lsm/recovery.h"
 
 namespace kandb::ctl {
 
 namespace {
-
-// A running server replaces and deletes files at any time. The lock is let go of at once: looking
-// must not keep a server from starting.
-Status RefuseRunningServer(const std::string& dir) {
-  lsm::DirectoryLock lock;
-  return lsm::LockDirectory(dir, &lock);
-}
 
 int PrintSummary(const std::string& dir, const store::StoreCrypto& crypto, bool json) {
   const Json summary = SummarizeDirectory(dir, crypto);

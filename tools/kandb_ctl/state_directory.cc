@@ -7,6 +7,7 @@
 
 #include "common/endian.h"
 #include "kandb_ctl/key_text.h"
+#include "lsm/directory_lock.h"
 #include "lsm/recovery.h"
 #include "lsm/scan_iterator.h"
 #include "meta/keys.h"
@@ -94,6 +95,12 @@ Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto,
   if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, take); !s.ok()) return s;
   *cluster = std::move(loaded);
   return {};
+}
+
+// The lock is released at once: looking must not keep a server from starting.
+Status RefuseRunningServer(const std::string& dir) {
+  lsm::DirectoryLock lock;
+  return lsm::LockDirectory(dir, &lock);
 }
 
 Status ReadPassphraseFile(const std::string& path, store::StoreCrypto* crypto) {

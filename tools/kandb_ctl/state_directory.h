@@ -28,6 +28,10 @@ struct ClusterState {
   std::vector<std::string> oddities;
 };
 
+// InvalidArgument "<dir> is in use by another process" when a server runs on it: it replaces and
+// deletes files at any time.
+Status RefuseRunningServer(const std::string& dir);
+
 // Reads what the server would hold after its next start. Fails where the server would fail to open
 // it.
 Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto, ClusterState* cluster);
