@@ -128,7 +128,8 @@ Damage MakeDirectory(const char* name) {
 std::string ReadAll(const std::string& dir) {
   std::string all;
   for (const auto& file : std::filesystem::directory_iterator(dir)) {
-    all += file.path().string() + (file.is_regular_file() ? ReadFile(file.path()) : "");
+    all += file.path().string() +
+           (file.is_symlink() || file.is_directory() ? "" : ReadFile(file.path()));
     all += std::to_string(file.last_write_time().time_since_epoch().count());
   }
   return all;
