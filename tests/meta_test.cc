@@ -285,7 +285,7 @@ TEST_F(PdServiceTest, AnAnswerThatFitsNoFrameIsGivenUp) {
   Bootstrap({1, std::string(1 << 20, 'a'), 0}, {});
   Restart(3);
   Region region;
-  for (const std::size_t count : {63, 64}) {
+  for (const std::size_t count : {63u, 64u}) {
     region.peers.assign(count, {1, 1, {}});
     ASSERT_TRUE(Upsert({region}).ok());
     const Status routes = service->GetRegion({"k"}, &routed);
