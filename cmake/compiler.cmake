@@ -9,7 +9,7 @@ set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 
 # A failed check names its file as it stands in the repository, wherever that was built.
 add_compile_options(-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
-  -fmacro-prefix-map=${PROJECT_BINARY_DIR}/floors/=)
+  -fmacro-prefix-map=${PROJECT_BINARY_DIR}/layers/=)
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   add_compile_options(-Wthread-safety)

@@ -5,14 +5,14 @@
 
 include(CMakePackageConfigHelpers)
 
-set(client_floors common pdpb rpc client)
-list(TRANSFORM client_floors PREPEND kandb_ OUTPUT_VARIABLE client_libraries)
+set(client_layers common pdpb rpc client)
+list(TRANSFORM client_layers PREPEND kandb_ OUTPUT_VARIABLE client_libraries)
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/kandb)
 
 # rpc needs crypto to link, but no header of crypto.
 install(TARGETS ${client_libraries} kandb_crypto EXPORT kandb-targets COMPONENT development)
-foreach(floor IN LISTS client_floors)
-  install(DIRECTORY src/${floor} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kandb COMPONENT development
+foreach(layer IN LISTS client_layers)
+  install(DIRECTORY src/${layer} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kandb COMPONENT development
     FILES_MATCHING PATTERN "*.h")
 endforeach()
 

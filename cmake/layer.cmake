@@ -1,12 +1,12 @@
-# kandb_floor(NAME SOURCES file... [PUBLIC floor...] [PRIVATE floor...])
+# kandb_layer(NAME SOURCES file... [PUBLIC layer...] [PRIVATE layer...])
 #
 # One static library for one folder of src/. Its headers are reached only through an include root of its own
-# (floors/NAME/NAME is a link to src/NAME), so a folder can include nothing but the floors it names:
-# PUBLIC for floors whose headers its own headers include, PRIVATE for those that only its sources use.
-# Once installed (cmake/install.cmake) the floors share one include root, and NAME is called kandb::NAME.
-function(kandb_floor name)
+# (layers/NAME/NAME is a link to src/NAME), so a folder can include nothing but the layers it names:
+# PUBLIC for layers whose headers its own headers include, PRIVATE for those that only its sources use.
+# Once installed (cmake/install.cmake) the layers share one include root, and NAME is called kandb::NAME.
+function(kandb_layer name)
   cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
-  set(include_root ${PROJECT_BINARY_DIR}/floors/${name})
+  set(include_root ${PROJECT_BINARY_DIR}/layers/${name})
   file(MAKE_DIRECTORY ${include_root})
   file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${name} ${include_root}/${name} SYMBOLIC)
 
