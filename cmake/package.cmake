@@ -2,7 +2,8 @@
 # system alone, outside of any prefix, is the component system, which `cmake --install` leaves out.
 
 install(FILES packaging/kandb-meta.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-install(FILES README.md docs/operations.md docs/protocol.md docs/file-formats.md docs/architecture.md
+install(FILES README.md CHANGELOG.md docs/operations.md docs/protocol.md docs/file-formats.md docs/architecture.md
+  docs/reliability.md docs/performance.md docs/development.md
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/kandb-meta)
 if(KANDB_TOOLS)
   foreach(tool kandb-ctl kandb-sim)
