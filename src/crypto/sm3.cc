@@ -66,7 +66,7 @@ template <int... group>
 void Compress(const char* blocks, std::size_t block_count, State* state) {
   for (; block_count > 0; --block_count, blocks += kBlockSize) {
     Schedule w;
-    for (std::size_t i = 0; i < w.size(); ++i) w[i] = __builtin_bswap32(LoadU32(blocks + 4 * i));
+    for (std::size_t i = 0; i < w.size(); ++i) w[i] = LoadBigEndian<std::uint32_t>(blocks + 4 * i);
     State next = *state;
     AllRounds(w, next, std::make_integer_sequence<int, 16>());
     for (std::size_t i = 0; i < next.size(); ++i) (*state)[i] ^= next[i];
@@ -87,14 +87,12 @@ Sm3Digest Sm3(std::string_view bytes) {
   padded[rest.size()] = '\x80';
   const std::size_t block_count = rest.size() + 1 + kBitCountSize <= kBlockSize ? 1 : 2;
   const std::uint64_t bit_count = std::uint64_t{bytes.size()} * 8;
-  StoreLittleEndian(__builtin_bswap64(bit_count),
-                    padded + block_count * kBlockSize - kBitCountSize);
+  StoreBigEndian(bit_count, padded + block_count * kBlockSize - kBitCountSize);
   Compress(padded, block_count, &state);
 
   Sm3Digest digest;
-  for (std::size_t i = 0; i < digest.size(); ++i) {
-    digest[i] = static_cast<std::uint8_t>(state[i / 4] >> (24 - 8 * (i % 4)));
-  }
+  char* const bytes_of_digest = reinterpret_cast<char*>(digest.data());
+  for (std::size_t i = 0; i < state.size(); ++i) StoreBigEndian(state[i], bytes_of_digest + 4 * i);
   return digest;
 }
 

@@ -77,16 +77,16 @@ struct Block {
 };
 
 inline Block LoadBlock(const char* from) {
-  return {__builtin_bswap32(LoadU32(from)), __builtin_bswap32(LoadU32(from + 4)),
-          __builtin_bswap32(LoadU32(from + 8)), __builtin_bswap32(LoadU32(from + 12))};
+  return {LoadBigEndian<std::uint32_t>(from), LoadBigEndian<std::uint32_t>(from + 4),
+          LoadBigEndian<std::uint32_t>(from + 8), LoadBigEndian<std::uint32_t>(from + 12)};
 }
 
 // The words leave in reverse order, by the last step of the cipher.
 inline void StoreBlock(const Block& block, char* to) {
-  StoreLittleEndian(__builtin_bswap32(block.x3), to);
-  StoreLittleEndian(__builtin_bswap32(block.x2), to + 4);
-  StoreLittleEndian(__builtin_bswap32(block.x1), to + 8);
-  StoreLittleEndian(__builtin_bswap32(block.x0), to + 12);
+  StoreBigEndian(block.x3, to);
+  StoreBigEndian(block.x2, to + 4);
+  StoreBigEndian(block.x1, to + 8);
+  StoreBigEndian(block.x0, to + 12);
 }
 
 // Runs the 32 rounds over independent blocks side by side, so that the processor works on one while
@@ -116,7 +116,7 @@ inline void XorBlock(const char* with, char* block) {
 Sm4::Sm4(const Sm4Key& key) {
   std::array<std::uint32_t, 4> k;
   const char* const bytes = reinterpret_cast<const char*>(key.data());
-  for (std::size_t i = 0; i < 4; ++i) k[i] = __builtin_bswap32(LoadU32(bytes + 4 * i)) ^ kFk[i];
+  for (std::size_t i = 0; i < 4; ++i) k[i] = LoadBigEndian<std::uint32_t>(bytes + 4 * i) ^ kFk[i];
   for (std::uint32_t i = 0; i < 32; ++i) {
     k[i % 4] ^= KeyT(k[(i + 1) % 4] ^ k[(i + 2) % 4] ^ k[(i + 3) % 4] ^ Ck(i));
     round_keys[i] = k[i % 4];

@@ -12,8 +12,6 @@ namespace kandb::meta {
 
 namespace {
 
-std::uint64_t LoadBigEndian(const char* bytes) { return __builtin_bswap64(LoadU64(bytes)); }
-
 // a < b by bytes. Keys are short: the call that this saves took longer than their comparison.
 bool Less(std::string_view a, std::string_view b) {
   constexpr std::size_t kWord = sizeof(std::uint64_t);
@@ -21,8 +19,8 @@ bool Less(std::string_view a, std::string_view b) {
   if (shared < kWord) return a < b;
   // The last word overlaps the one before, where their bytes were equal.
   for (std::size_t at = 0;; at = std::min(at + kWord, shared - kWord)) {
-    const std::uint64_t a_word = LoadBigEndian(a.data() + at);
-    const std::uint64_t b_word = LoadBigEndian(b.data() + at);
+    const std::uint64_t a_word = LoadBigEndian<std::uint64_t>(a.data() + at);
+    const std::uint64_t b_word = LoadBigEndian<std::uint64_t>(b.data() + at);
     if (a_word != b_word) return a_word < b_word;
     if (at == shared - kWord) return a.size() < b.size();
   }
