@@ -206,7 +206,7 @@ struct UpsertRegionResponse {
   std::string message;
 
   static constexpr auto Fields() {
-    return std::tuple{OptionalField{1, "message", &UpsertRegionResponse::message}};
+    return std::tuple{Field{1, "message", &UpsertRegionResponse::message, kOmittedWhenEmpty}};
   }
 };
 

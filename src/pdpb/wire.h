@@ -16,7 +16,8 @@
 //
 //   static constexpr auto Fields() { return std::tuple{Field{1, "id", &Peer::id}, ...}; }
 //
-// and Encode and Decode both follow that list. Stateless; safe from any thread.
+// Encode and Decode both follow that list. A field is always written, unless its entry in the list
+// says kOmittedWhenEmpty. Stateless; safe from any thread.
 #pragma once
 
 #include <cstddef>
@@ -33,32 +34,31 @@
 
 namespace kandb::pdpb {
 
-// A member that is always written (a vector: once for each element).
+// Whether the encoder writes a field whose value has no bytes.
+enum Presence { kAlwaysWritten, kOmittedWhenEmpty };
+
+// One entry of a message's list: a member of type T and how it is encoded.
 template <class M, class T>
 struct Field {
-  static constexpr bool kWrittenWhenEmpty = true;
   std::uint16_t tag;
   const char* name;  // for people
-  T M::*member;
-  constexpr Field(std::uint16_t field_tag, const char* field_name, T M::*field_member)
-      : tag(field_tag), name(field_name), member(field_member) {}
-};
-
-// A member of bytes that is not written when it is empty.
-template <class M, class T>
-struct OptionalField {
-  static constexpr bool kWrittenWhenEmpty = false;
-  std::uint16_t tag;
-  const char* name;  // for people
-  T M::*member;
-  constexpr OptionalField(std::uint16_t field_tag, const char* field_name, T M::*field_member)
-      : tag(field_tag), name(field_name), member(field_member) {}
+  T M::*member;      // a vector is written as one field for each element
+  Presence presence;
+  constexpr Field(std::uint16_t field_tag, const char* field_name, T M::*field_member,
+                  Presence field_presence = kAlwaysWritten)
+      : tag(field_tag), name(field_name), member(field_member), presence(field_presence) {}
 };
 
 template <class M>
 concept Message = requires {
   M::Fields();
 };
+
+// Calls `visit(field)` for each entry of the list, in order.
+template <Message M, class Visit>
+[[gnu::always_inline]] constexpr void ForEachField(Visit visit) {
+  std::apply([&](const auto&... field) { (visit(field), ...); }, M::Fields());
+}
 
 template <Message M>
 void AppendTo(const M& message, std::string* out);
@@ -115,26 +115,6 @@ void AppendValue(std::uint16_t tag, const std::vector<T>& values, std::string* o
   for (const T& value : values) AppendValue(tag, value, out);
 }
 
-// Appends the encoding of `message`.
-template <Message M>
-void AppendTo(const M& message, std::string* out) {
-  const auto append = [&](const auto& field) {
-    const auto& value = message.*field.member;
-    if constexpr (!std::remove_cvref_t<decltype(field)>::kWrittenWhenEmpty) {
-      if (value.empty()) return;
-    }
-    AppendValue(field.tag, value, out);
-  };
-  std::apply([&](const auto&... field) { (append(field), ...); }, M::Fields());
-}
-
-template <Message M>
-std::string Encode(const M& message) {
-  std::string out;
-  AppendTo(message, &out);
-  return out;
-}
-
 // --- Sizes, in bytes; constant expressions for messages of fixed size ---
 
 template <Message M>
@@ -161,18 +141,38 @@ constexpr std::size_t FieldSize(const std::vector<T>& values) {
   return size;
 }
 
+// True for a field that the encoder leaves out of `message`.
+template <class M, class T>
+constexpr bool IsOmitted(const M& message, const Field<M, T>& field) {
+  return field.presence == kOmittedWhenEmpty &&
+         FieldSize(message.*field.member) == kFieldHeaderSize;
+}
+
 // Of what AppendTo appends.
 template <Message M>
 constexpr std::size_t EncodedSize(const M& message) {
-  const auto size = [&](const auto& field) {
-    const auto& value = message.*field.member;
-    if constexpr (!std::remove_cvref_t<decltype(field)>::kWrittenWhenEmpty) {
-      if (value.empty()) return std::size_t{0};
-    }
-    return FieldSize(value);
-  };
-  return std::apply([&](const auto&... field) { return (std::size_t{0} + ... + size(field)); },
-                    M::Fields());
+  std::size_t size = 0;
+  ForEachField<M>([&](const auto& field) {
+    if (!IsOmitted(message, field)) size += FieldSize(message.*field.member);
+  });
+  return size;
+}
+
+// --- Encoding ---
+
+// Appends the encoding of `message`.
+template <Message M>
+void AppendTo(const M& message, std::string* out) {
+  ForEachField<M>([&](const auto& field) {
+    if (!IsOmitted(message, field)) AppendValue(field.tag, message.*field.member, out);
+  });
+}
+
+template <Message M>
+std::string Encode(const M& message) {
+  std::string out;
+  AppendTo(message, &out);
+  return out;
 }
 
 // --- Decoding by the type of a member; false when the value does not fit it ---
@@ -262,26 +262,27 @@ bool ReserveElements(std::string_view bytes, std::uint16_t tag, std::vector<T>* 
   return true;
 }
 
-// Stops at the member that has the tag: true when the value fits it, and also when none has it.
-template <Message M>
+// Decodes the value into the member whose field has the tag; a tag of no field is skipped. False
+// when the value does not fit the member.
+template <Message M, std::size_t index = 0>
 [[gnu::always_inline]] inline bool DecodeField(std::uint16_t tag, std::string_view value,
                                                M* message, DecodeBudget* budget) {
-  const auto fits = [&](const auto&... field) __attribute__((always_inline)) {
-    bool good = true;
-    (void)((field.tag == tag &&
-            (good = DecodeValue(value, &(message->*field.member), budget), true)) ||
-           ...);
-    return good;
-  };
-  return std::apply(fits, M::Fields());
+  constexpr auto kFields = M::Fields();
+  if constexpr (index < std::tuple_size_v<decltype(kFields)>) {
+    constexpr auto kField = std::get<index>(kFields);
+    if (tag == kField.tag) return DecodeValue(value, &(message->*kField.member), budget);
+    return DecodeField<M, index + 1>(tag, value, message, budget);
+  }
+  return true;
 }
 
 template <Message M>
 bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget) {
-  const auto reserve = [&](const auto&... field) {
-    return (ReserveElements(bytes, field.tag, &(message->*field.member), budget) && ...);
-  };
-  if (!std::apply(reserve, M::Fields())) return false;
+  bool enough = true;
+  ForEachField<M>([&](const auto& field) {
+    enough = enough && ReserveElements(bytes, field.tag, &(message->*field.member), budget);
+  });
+  if (!enough) return false;
 
   std::uint16_t tag = 0;
   std::string_view value;
