@@ -44,11 +44,17 @@ TEST_F(RegionRouterTest, RoutesByRangesInTheOrderOfTheKeys) {
                       region(2, std::string("\0\0", 2), std::string(1, 0)), region(3, "\xff", ""),
                       region(4, "f", "f\x80")})
                   .ok());
-  const std::pair<std::string, std::string> answers[] = {
-      {"b", "9"},         {"bzz", "9"},      {"c", "10"},  // of two, region 10 is first in key
-                                                           // order
-      {"c\xff", "10"},    {"f", "4"},        {"f\x7f", "4"},   {"f\x80", kNotCovered},
-      {"a", kNotCovered}, {"", kNotCovered}, {"\xff\xff", "3"}};
+  const std::pair<std::string, std::string> answers[] = {{"b", "9"},
+                                                         {"bzz", "9"},
+                                                         {"c", "10"},  // of two, region 10 is first
+                                                                       // in key order
+                                                         {"c\xff", "10"},
+                                                         {"f", "4"},
+                                                         {"f\x7f", "4"},
+                                                         {"f\x80", kNotCovered},
+                                                         {"a", kNotCovered},
+                                                         {"", kNotCovered},
+                                                         {"\xff\xff", "3"}};
   for (const auto& [key, answer] : answers) EXPECT_EQ(Find(key), answer) << key;
 
   ASSERT_TRUE(Upsert({region(9, "", "c"), region(77, "c", "")}, {10, 2, 404}).ok());

@@ -38,8 +38,8 @@ constexpr std::uint32_t Ck(std::uint32_t round) {
   return word;
 }
 
-// The S-box followed by the linear map L, for each of the four places of a byte in the word: the
-// place 0 is the most significant one. L commutes with rotation.
+// The S-box followed by the linear map L, for each of the four positions of a byte in the word;
+// position 0 is the most significant one. L commutes with rotation.
 using RoundTables = std::array<std::array<std::uint32_t, 256>, 4>;
 
 constexpr RoundTables BuildRoundTables() {
@@ -48,8 +48,8 @@ constexpr RoundTables BuildRoundTables() {
     const std::uint32_t b = std::uint32_t{kSbox[byte]} << 24;
     const std::uint32_t l =
         b ^ std::rotl(b, 2) ^ std::rotl(b, 10) ^ std::rotl(b, 18) ^ std::rotl(b, 24);
-    for (std::size_t place = 0; place < 4; ++place) {
-      tables[place][byte] = std::rotr(l, static_cast<int>(8 * place));
+    for (std::size_t position = 0; position < 4; ++position) {
+      tables[position][byte] = std::rotr(l, static_cast<int>(8 * position));
     }
   }
   return tables;
@@ -89,8 +89,8 @@ inline void StoreBlock(const Block& block, char* to) {
   StoreBigEndian(block.x0, to + 12);
 }
 
-// Runs the 32 rounds over independent blocks side by side, so that the processor works on one while
-// the table lookups of another are under way. Each sum ends with the word that is ready last.
+// Runs the 32 rounds over independent blocks, interleaved: the processor works on one while it
+// waits for the table lookups of another. Each sum ends with the word that is ready last.
 template <Direction direction, class... Blocks>
 inline void RunRounds(const RoundKeys& round_keys, Blocks&... b) {
   for (std::size_t round = 0; round < 32; round += 4) {
@@ -104,7 +104,7 @@ inline void RunRounds(const RoundKeys& round_keys, Blocks&... b) {
   }
 }
 
-// Word by word, as the cipher stores: a wider read so soon after would have to wait for the cache.
+// Word by word, as the cipher stores them: a wider load soon after the stores would stall.
 inline void XorBlock(const char* with, char* block) {
   for (std::size_t i = 0; i < kSm4BlockSize; i += 4) {
     StoreLittleEndian(LoadU32(block + i) ^ LoadU32(with + i), block + i);

@@ -16,12 +16,12 @@ namespace kandb::meta {
 
 namespace {
 
-// a < b by bytes. Keys are short: the call that this saves took longer than their comparison.
+// a < b as unsigned bytes. Keys are short: calling memcmp took longer than comparing them.
 bool Less(std::string_view a, std::string_view b) {
   constexpr std::size_t kWord = sizeof(std::uint64_t);
   const std::size_t shared = std::min(a.size(), b.size());
   if (shared < kWord) return a < b;
-  // The last word overlaps the one before, where their bytes were equal.
+  // The last word may overlap the one before it, whose bytes were equal.
   for (std::size_t at = 0;; at = std::min(at + kWord, shared - kWord)) {
     const std::uint64_t a_word = LoadBigEndian<std::uint64_t>(a.data() + at);
     const std::uint64_t b_word = LoadBigEndian<std::uint64_t>(b.data() + at);
@@ -34,20 +34,20 @@ bool Covers(const pdpb::RegionRange& range, std::string_view key) {
   return !Less(key, range.start_key) && (range.end_key.empty() || Less(key, range.end_key));
 }
 
-// Looks through region records for the first whose range covers a key. Almost all that it meets are
-// others, and so it decodes no more of a record than it takes to tell that.
+// Searches region records for the first whose range covers a key. Nearly all ranges do not, so it
+// decodes no more of a record than is needed to tell.
 class RegionSearch {
  public:
   explicit RegionSearch(std::string_view sought_key) : key(sought_key) {}
 
-  // Both return false when the search has ended. This one runs for every region of the cluster: one
-  // function without calls.
+  // Both return false to end the search. LookAt runs for every region of the cluster: flattened, it
+  // is one function without calls.
   [[gnu::flatten]] bool LookAt(std::string_view record) {
     pdpb::RegionRange range;
     if (DecodeFront(record, &range) && !Covers(range, key)) return true;
     return LookCloselyAt(record);
   }
-  // Notices a record that is damaged after its range, too.
+  // Also notices damage after the range.
   [[gnu::noinline]] bool LookCloselyAt(std::string_view record) {
     any_record = true;
     pdpb::RegionRange range;

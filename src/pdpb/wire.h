@@ -179,10 +179,10 @@ std::string Encode(const M& message) {
 
 // An element of a repeated field can be six bytes in a message and over a hundred in memory. So
 // that a peer cannot make a payload of 64 MiB take more than a gigabyte, the elements of one
-// message together may take kDecodedSizeBase and kDecodedSizeFactor times the size of its encoding;
-// beyond that it does not decode. Only a payload made for it gets there: what an encoder of this
-// catalogue writes takes less than the factor, and over half a million elements without fields fit
-// the base.
+// message together may take kDecodedSizeBase plus kDecodedSizeFactor times the size of its
+// encoding; beyond that it does not decode. Only a crafted payload exceeds this: what an encoder of
+// this catalogue writes takes less than the factor, and more than half a million elements without
+// fields fit the base.
 inline constexpr std::size_t kDecodedSizeBase = std::size_t{64} << 20;  // bytes
 inline constexpr std::size_t kDecodedSizeFactor = 4;
 
@@ -191,7 +191,7 @@ class DecodeBudget {
   explicit DecodeBudget(std::size_t encoded_size)
       : left(kDecodedSizeBase + kDecodedSizeFactor * encoded_size) {}
 
-  // False when `size` bytes are too many.
+  // False, taking nothing, when fewer than `size` bytes are left.
   bool Take(std::size_t size) {
     if (size > left) return false;
     left -= size;
@@ -208,7 +208,7 @@ bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget);
 template <class T>
 bool DecodeValue(std::string_view value, T* member, DecodeBudget* budget) {
   if constexpr (Message<T>) {
-    // A field that occurs again replaces what came before, whole.
+    // A later occurrence of the field replaces an earlier one as a whole.
     *member = T{};
     return DecodeFields(value, member, budget);
   } else if constexpr (std::is_same_v<T, bool>) {
@@ -230,8 +230,8 @@ bool DecodeValue(std::string_view value, std::vector<T>* members, DecodeBudget* 
   return DecodeValue(value, &members->emplace_back(), budget);
 }
 
-// Takes the next field off `*bytes`; false when it is torn. Always inline: left out of line, it
-// stores the halves of a view one by one, and whoever copies the view as a whole waits for them.
+// Takes the next field off `*bytes`; false when it is torn. Always inline: out of line, the two
+// halves of a view are stored one by one, and a load of the whole view stalls on them.
 [[gnu::always_inline]] inline bool TakeField(std::string_view* bytes, std::uint16_t* tag,
                                              std::string_view* value) {
   if (bytes->size() < kFieldHeaderSize) return false;
@@ -248,8 +248,8 @@ bool ReserveElements(std::string_view, std::uint16_t, T*, DecodeBudget*) {
   return true;
 }
 
-// Makes room for the elements that `bytes` hold of the repeated field `tag`; false when they would
-// take too much.
+// Reserves memory for the elements of the repeated field `tag` in `bytes`; false when they exceed
+// the budget.
 template <class T>
 bool ReserveElements(std::string_view bytes, std::uint16_t tag, std::vector<T>* members,
                      DecodeBudget* budget) {
@@ -294,8 +294,8 @@ bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget) {
 
 // Decodes into a freshly constructed message; fields that do not occur keep their defaults, unknown
 // ones are skipped. False when `bytes` are not a whole number of fields, a known field does not fit
-// its member, or the elements take too much memory; the message then holds part of the input.
-// Members of type std::string_view point into `bytes`.
+// its member, or the elements exceed the budget above; the message is then partly filled. Throws
+// std::bad_alloc. Members of type std::string_view point into `bytes`.
 template <Message M>
 bool Decode(std::string_view bytes, M* message) {
   DecodeBudget budget(bytes.size());
