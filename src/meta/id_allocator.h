@@ -13,8 +13,8 @@ namespace kandb::meta {
 class IdAllocator {
  public:
   // `metadata_store` is borrowed and must outlive the allocator. Reads the mark: numbering
-  // continues there. Without one, or when it cannot be read, it starts at 1024; a damaged one
-  // restarts it at 0.
+  // continues there. Without one, or when it cannot be read, it starts at 1024. A damaged one
+  // restarts it at 0: identifiers are then handed out again.
   explicit IdAllocator(store::MetaStore* metadata_store);
 
   // Hands out `count` consecutive identifiers, at least 1; `*first_id` is the first. Fails as the
@@ -24,7 +24,7 @@ class IdAllocator {
  private:
   store::MetaStore* const metadata;
 
-  // Guards the identifiers, and the mark in the store while it is read and written.
+  // Guards the identifiers. Held while the mark in the metadata store is read and written.
   Mutex id_mutex;
   std::uint64_t next_id GUARDED_BY(id_mutex);
 };
