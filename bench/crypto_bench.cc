@@ -1,6 +1,6 @@
 // Are the checksum, the hash and the cipher as fast as those of an established library? SM3 and SM4
 // run against OpenSSL, CRC-32C against ISA-L and against its own simpler methods. Both sides
-// run by turns, and the fastest turn of each counts, since other load only makes a turn slower.
+// run alternately, and the fastest turn of each counts, since other load only makes a turn slower.
 // `ours` and `other` are bytes per second of input; above a `ratio` of 1, ours is faster. Trust the
 // ratios rather than the rates. The time of an iteration, a turn of both, means nothing.
 
@@ -31,7 +31,8 @@ double TimeCalls(Function function, std::size_t call_count) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Calls `ours` and `other`, which take in `size` bytes at each call and give the same, by turns.
+// Calls `ours` and `other` alternately; each call reads `size` bytes, and both give the same
+// result.
 template <class Ours, class Other>
 void Compare(benchmark::State& state, std::size_t size, Ours ours, Other other) {
   if (ours() != other()) throw std::runtime_error("the results differ");
@@ -85,7 +86,7 @@ void Check(int openssl_result) {
   if (openssl_result != 1) throw std::runtime_error("OpenSSL failed");
 }
 
-// OpenSSL finds the algorithm by its name once, not for each message; the same holds below.
+// OpenSSL looks the algorithm up by its name once, not for each message; also below.
 void Sm3OverOpenSsl(benchmark::State& state) {
   const std::string bytes = Text(state);
   const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),

@@ -26,7 +26,7 @@ void Check(const Status& status) {
   if (!status.ok()) throw std::runtime_error(status.ToString());
 }
 
-// Keys in an order without system: 0x9e3779b1 is prime to every count below it.
+// Keys in scrambled order: 0x9e3779b1 is coprime to every count below it.
 std::string RegionKey(std::uint64_t i, std::uint64_t count) {
   return "pd/region/" + std::to_string(i * 0x9e3779b1 % count);
 }
@@ -64,7 +64,7 @@ const pdpb::Region region = {
     7, "start key", "stop key", {1, 1}, {{1, 1, {}}, {2, 2, {}}, {3, 3, {}}}};
 void DecodeRegion(benchmark::State& state) { DecodeMessage<pdpb::Region>(state, Encode(region)); }
 BENCHMARK(DecodeRegion);
-// What a lookup does with each region that it passes.
+// The layout-independent read of a range; a lookup uses it where DecodeFront does not apply.
 void DecodeRegionRange(benchmark::State& state) {
   DecodeMessage<pdpb::RegionRange>(state, Encode(region));
 }

@@ -74,7 +74,7 @@ class Cluster {
   kanrpc::RpcServer server;
 };
 
-// The cluster of the present benchmark, made by its first thread before the others start.
+// The cluster of the running benchmark, made before its threads start.
 std::unique_ptr<Cluster> cluster;
 
 void MakeCluster(const benchmark::State& state) {
@@ -137,7 +137,7 @@ void GetRegion(benchmark::State& state) {
 }
 BENCHMARK(GetRegion)->Apply(GrowingClusters);
 
-// The engine's share of the same lookups: a pass over the records up to the one sought, touching
+// The engine's share of the same lookups: a scan of the records up to the one sought, touching
 // each.
 void ScanToRegion(benchmark::State& state) {
   const std::int64_t regions = state.range(0);
@@ -175,7 +175,7 @@ BENCHMARK(RegionHeartbeat)
     ->Setup(MakeCluster)
     ->Teardown(DropCluster);
 
-// Opening a store whose log holds about 60 MB of regions.
+// Opening a store whose WALs have about 60 MB of regions.
 void Recovery(benchmark::State& state) {
   TempDir dir;
   std::unique_ptr<store::MetaStore> store;

@@ -1,4 +1,4 @@
-// Command lines, a line an argument: whatever was accepted, the values written out again are.
+// Command lines, one argument per line: accepted values, written out again, are accepted.
 
 #include <sstream>
 #include <vector>
@@ -26,7 +26,7 @@ static std::optional<int> Parse(std::string* command_line) {
 }
 
 void TryInput(std::string_view input) {
-  // Nearly every input is complained about; the fuzzer itself keeps the old stream.
+  // Nearly every input prints an error; the fuzzer itself keeps the old stream.
   [[maybe_unused]] static std::FILE* const nowhere = stderr = std::fopen("/dev/null", "w");
   std::string values(input);
   const int exit_status = Parse(&values).value_or(0);

@@ -1,5 +1,5 @@
 // Frames: in whatever pieces the stream arrives, a frame that is read has the bytes that the writer
-// builds, and the next one is read from right behind it.
+// builds, and the next one is read from its end.
 
 #include <sys/socket.h>
 
@@ -9,7 +9,7 @@
 // What the peer has yet to send, and the sizes of the pieces that arrive next.
 static std::string_view unsent, piece_sizes;
 
-// Stands in for the system's: a real socket would not deliver the same pieces every time.
+// Replaces the system's: a real socket would not deliver the same pieces every time.
 extern "C" ssize_t recv(int, void* buffer, size_t capacity, int) {
   const std::size_t piece = piece_sizes.empty() ? 0 : static_cast<unsigned char>(piece_sizes[0]);
   piece_sizes = piece_sizes.substr(!piece_sizes.empty());
@@ -38,8 +38,8 @@ static std::size_t ReadFrames(const std::string& stream, std::string_view sizes)
   return end;
 }
 
-// Also behind sound frames, because hardly any change leaves a checksum right. The second one has
-// to be moved to the front of the reader's first buffer of 4 KiB, the third into a larger one.
+// Also after valid frames, because hardly any mutation keeps a checksum valid. The second one must
+// be moved to the front of the reader's first buffer of 4 KiB, the third into a larger one.
 void TryInput(std::string_view input) {
   std::string stream;
   for (const std::size_t payload_size : {2048u, 2048u, 8192u}) {

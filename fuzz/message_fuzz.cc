@@ -1,6 +1,6 @@
-// Messages: what decodes, encodes and decodes to the same; a region's range is the same in place.
-// Whatever is taken in place begins with an id and a range, and its range is these; so is that of
-// the whole, unless what follows names a bound again. Every encoding is taken.
+// Messages: what decodes, encodes and decodes to the same; a RegionRange has the bounds of its
+// Region. What DecodeFront accepts begins with an id and the range that it returns; the whole
+// decodes to the same range, unless a later field repeats a bound. It accepts every encoding.
 
 #include "pdpb/messages.h"
 #include "target.h"

@@ -47,8 +47,8 @@ struct FullListener {
   std::optional<testing::RawConnection> filler;
 };
 
-// Listens like a server; answers the n-th request of its life by the n-th step of its script, and
-// closes the connection after every step but 'o'. Every request but those after an 'o' so needs a
+// Listens like a server, answers the n-th request by the n-th step of its script, and closes the
+// connection after every step but 'o'. So every request that does not follow an 'o' needs a new
 // connection.
 //   o answer   i wrong id   t wrong type   e error frame   h half a frame   c close   s stall
 class ScriptedPeer {

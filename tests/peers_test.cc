@@ -53,7 +53,7 @@ struct Server {
     EXPECT_TRUE(caller.RegionHeartbeat({1, {{ids.first_id, {1}, {}, {}}}, {}}, &answer).ok());
   }
 
-  // All connections are gone, and what they held with them.
+  // All connections are closed, and their threads and descriptors are free.
   void ExpectAlone() {
     EXPECT_TRUE(Eventually([&] { return OpenFiles(pid) <= files; }));
     EXPECT_TRUE(Eventually([&] { return ProcStatus(pid, "Threads") <= threads; }));
@@ -74,7 +74,7 @@ std::function<void()> Limit(__rlimit_resource resource, rlim_t value) {
   };
 }
 
-// Opens connections until the server closes one unanswered, which is not kept; `most` at most.
+// Opens at most `most` connections, until the server closes one unanswered, which is not kept.
 Connections ConnectWhileAnswered(int port, std::size_t most) {
   Connections answered;
   for (;;) {
@@ -105,7 +105,7 @@ TEST(Peers, ThousandsOfIdleConnectionsCostLittle) {
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &raised), 0);
   const std::size_t wanted = KANDB_SANITIZED ? 1000 : 10000;
   std::size_t count = std::min<std::size_t>(wanted, limit.rlim_max - 200);
-  // Each connection also takes a thread; "max", which is no number, leaves it at that.
+  // Each connection also takes a thread. The limit may read "max", which is no number.
   std::size_t thread_limit = 0;
   if (std::ifstream("/sys/fs/cgroup/pids.max") >> thread_limit) {
     count = std::min(count, thread_limit / 2);
@@ -135,13 +135,13 @@ TEST(Peers, ConnectionsPastTheDescriptorLimitAreClosed) {
   UpsertRegionResponse done;
   ASSERT_TRUE(inside.UpsertRegion({{large}, {}}, &done).ok());
   Connections idle = FillUp(server.port, 150, 200);
-  // Files can still be opened: a full memtable goes into a table, and its log away.
+  // Files can still be opened: a full memtable is flushed to a table, and its WAL deleted.
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(inside.UpsertRegion({{large}, {}}, &done).ok());
   EXPECT_TRUE(Eventually(
       [&] { return !std::filesystem::exists(server.dir.File("pd-data/wal-000001.log")); }));
   ExpectAllAnswer(idle);
   idle.clear();
-  // Once they are gone but for `inside`, the shortage is over for the very next one.
+  // Once all but `inside` are closed, the very next connection is served.
   EXPECT_TRUE(Eventually([&] { return ProcStatus(server.pid, "Threads") <= server.threads + 1; }));
   EXPECT_TRUE(RawConnection(server.port).Answers());
 }
@@ -155,7 +155,7 @@ TEST(Peers, ConnectionsWithoutAThreadAreClosed) {
   server.ExpectServes();
 }
 
-// Requests grow until memory does not suffice: to receive, to decode, to handle or to log them.
+// Requests grow until the server is out of memory: to receive, decode, handle or log them.
 TEST(Peers, OutOfMemoryEndsTheRequestAlone) {
   if (KANDB_SANITIZED) GTEST_SKIP() << "a sanitizer needs all address space";
   Server server(Limit(RLIMIT_AS, 256 * kMiB));
@@ -237,7 +237,7 @@ TEST(Peers, PromisesCostOnlyWhatWasSent) {
   }
   server.ExpectServes();
   stalled.clear();
-  server.ExpectAlone();  // so that all that was sent has been read
+  server.ExpectAlone();  // all that was sent has been read
   const long peak = ProcStatus(server.pid, "VmHWM") - before;
   EXPECT_TRUE(KANDB_SANITIZED || peak < (kPeers + 16) * 1024) << peak;  // kB
 }

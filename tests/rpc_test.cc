@@ -60,7 +60,7 @@ TEST(FrameReader, NamesTheFault) {
       {PingFrame().replace(22, 1, "x"), "frame crc mismatch"},
       {Hex("4b525043 00 0000000000000000 0101"), "method too long"},
       {Hex("4b525043 00 0000000000000000 0000 01000004"), "payload too large"},
-      // The largest payload is waited for, and memory for it is not taken before it arrives.
+      // The largest payload is waited for, and its memory is not allocated before it arrives.
       {Hex("4b525043 00 0000000000000000 0000 00000004"), "io timeout"},
       {"", "io timeout"},
   };
@@ -92,8 +92,8 @@ Status AnswerBytes(const TsoRequest& request, pdpb::UpsertRegionResponse* respon
   return {};
 }
 
-// A server with a method that echoes its count, one that answers with as many bytes, some that fail
-// and one that waits for the test.
+// A server with methods that echo the count, answer with that many bytes, fail, throw, or wait for
+// the test.
 class ServerTest : public ::testing::Test {
  protected:
   ServerTest() {
@@ -210,9 +210,9 @@ TEST_F(ServerTest, StopWaitsForHandlersAndStartsNone) {
   ASSERT_TRUE(waiting.Send(BuildFrame(kRequest, 1, "Wait", "")));
   entered.wait();
   auto stopped = std::async(std::launch::async, [&] { server.Stop(); });
-  server.Wait();  // returns when accepting has ended, which does not wait for handlers
+  server.Wait();  // returns when accepting has ended, before the handler does
   EXPECT_FALSE(Works(idle.get()));
-  // One that does not wait for the handler is done long before.
+  // A Stop that did not wait for the handler would return long before.
   EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
   released.count_down();
   stopped.get();

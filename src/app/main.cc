@@ -27,8 +27,7 @@ const std::int64_t* const target_replicas = flags::DefineInteger(
     "auto-heal: schedule adding replicas until each region reaches this member count (0 = off; "
     "promotion of caught-up learners is always on)");
 
-// Every connection holds a descriptor: as many as the system allows. The default has to do
-// otherwise.
+// Every connection needs a descriptor. When the limit cannot be raised, the default applies.
 void RaiseDescriptorLimit() {
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
@@ -38,8 +37,7 @@ void RaiseDescriptorLimit() {
 
 int Serve() {
   std::unique_ptr<kandb::store::MetaStore> store;
-  // Without a passphrase, so values are plain; synced, so that what is acknowledged survives a
-  // crash.
+  // No passphrase: values are stored in plain. Synced: an acknowledged write survives a crash.
   if (Status s = kandb::store::MetaStore::Open(*data_dir, "", 1, &store); !s.ok()) {
     std::fprintf(stderr, "failed to open pd state at %s: %s\n", data_dir->c_str(),
                  s.ToString().c_str());
@@ -47,7 +45,7 @@ int Serve() {
   }
   kandb::meta::PdService service(store.get(), static_cast<std::uint32_t>(*target_replicas));
 
-  // Declared last, destroyed first: no handler may run once the service goes.
+  // Declared last, destroyed first: no handler may run while the service is destroyed.
   kandb::kanrpc::RpcServer server;
   service.RegisterTo(&server);
   if (Status s = server.Start(static_cast<int>(*port), *bind_addr); !s.ok()) {
@@ -68,7 +66,7 @@ int main(int argc, char** argv) try {
   RaiseDescriptorLimit();
   return Serve();
 } catch (const std::exception& failure) {
-  // Only while starting, for want of memory or of a thread; later each thread looks after itself.
+  // Out of memory or threads during the start. Later each thread catches its own exceptions.
   std::fprintf(stderr, "failed to start pd: %s\n", failure.what());
   return 1;
 }

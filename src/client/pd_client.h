@@ -1,4 +1,4 @@
-// Typed calls of the placement driver's six methods. As thread-safe as what it calls through.
+// Typed calls of the placement driver's six methods. Thread-safe, as its client or pool is.
 #pragma once
 
 #include <functional>

@@ -1,4 +1,6 @@
-// Little-endian integers at any address. The only place that knows the byte order of this machine.
+// Integers as bytes at any address. The only place that knows the byte order of this machine. Files
+// and messages are little-endian. Big-endian loads are for the ciphers, and for comparing bytes in
+// their order as numbers.
 #pragma once
 
 #include <bit>
@@ -26,6 +28,19 @@ inline std::uint64_t LoadU64(const char* from) { return LoadLittleEndian<std::ui
 template <class Integer>
 void StoreLittleEndian(Integer value, char* to) {
   std::memcpy(to, &value, sizeof(value));
+}
+
+inline std::uint32_t ReverseBytes(std::uint32_t value) { return __builtin_bswap32(value); }
+inline std::uint64_t ReverseBytes(std::uint64_t value) { return __builtin_bswap64(value); }
+
+// `Integer` is std::uint32_t or std::uint64_t.
+template <class Integer>
+Integer LoadBigEndian(const char* from) {
+  return ReverseBytes(LoadLittleEndian<Integer>(from));
+}
+template <class Integer>
+void StoreBigEndian(Integer value, char* to) {
+  StoreLittleEndian(ReverseBytes(value), to);
 }
 
 template <class Integer>

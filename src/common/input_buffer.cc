@@ -15,7 +15,7 @@ char* InputBuffer::Reserve(std::size_t size) {
   begin = 0;
   end = kept;
   if (free_size() < size) {
-    // A large block is moved by its pages, without a copy that is resident beside it.
+    // realloc remaps the pages of a large block: no second copy becomes resident.
     void* larger = std::realloc(bytes.get(), kept + size);
     if (larger == nullptr) throw std::bad_alloc();
     (void)bytes.release();

@@ -1,5 +1,5 @@
-// A window over a stream of bytes: what has been read and not yet consumed, and free space behind
-// it. Sockets, logs and table files are read through it in large pieces. Not thread-safe.
+// A buffer over a stream of bytes: those read and not yet consumed, then free space. Sockets, WALs
+// and table files are read through it in large pieces. Not thread-safe.
 #pragma once
 
 #include <cassert>
@@ -20,19 +20,20 @@ class InputBuffer {
     begin += size;
   }
 
-  // Makes room for at least `size` bytes behind the unread ones, moving these to the front or into
-  // larger memory when it has to, and returns where that room begins.
+  // Makes room for at least `size` bytes after the unread ones and returns its address. May move
+  // the unread bytes to the front or into a larger allocation. Throws std::bad_alloc, with nothing
+  // changed for the reader.
   char* Reserve(std::size_t size);
-  // All the room that the memory held has behind the unread bytes, once Reserve has tidied it.
+  // Bytes of free space after the unread ones. Reserve may increase it beyond what was asked for.
   std::size_t free_size() const { return capacity - end; }
-  // `size` bytes were read into the reserved room.
+  // `size` bytes were read into the free space.
   void Commit(std::size_t size) {
     assert(size <= free_size());
     end += size;
   }
 
   void Clear() { begin = end = 0; }
-  // Gives memory above `keep_capacity` bytes back, provided that nothing is unread.
+  // Frees the memory when it exceeds `keep_capacity` bytes and nothing is unread.
   void Release(std::size_t keep_capacity);
 
  private:

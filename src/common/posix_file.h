@@ -1,6 +1,5 @@
-// Owned descriptors, the table through which the engine reaches the file system, and the loops
-// around its calls. Thread-safe as the system calls themselves are; descriptors passed as int are
-// borrowed.
+// Owned descriptors, the table through which the engine calls the file system, and the loops around
+// these calls. As thread-safe as the system calls; descriptors passed as int are borrowed.
 #pragma once
 
 #include <dirent.h>
@@ -45,10 +44,10 @@ class UniqueFd {
   int fd = -1;
 };
 
-// Every call by which the engine finds, opens, changes, reads or locks a file. A test swaps entries
-// to count calls, to make the n-th one fail, or to end the process there; it does so before the
-// threads start that use the table, which itself has no lock. Not in it: close and closedir, whose
-// results nothing depends on, and fstat of a descriptor that is already open.
+// The system calls by which the engine finds, opens, changes, reads and locks files; all of them
+// but close and closedir, whose results nothing depends on, and fstat of an open descriptor. A test
+// swaps entries to count calls, to make the n-th one fail, or to end the process there. The table
+// has no lock: entries are swapped before the threads start that use them.
 struct FileCalls {
   int (*open)(const char* path, int flags, mode_t mode);
   ssize_t (*read)(int fd, void* buffer, std::size_t size);

@@ -26,7 +26,7 @@ std::string Status::ToString() const {
   return std::string(KindText(status_code)) + ": " + status_message;
 }
 
-// The text is short enough to stand in the string object itself.
+// The text fits the internal buffer of the string, so that nothing is allocated.
 Status OutOfMemory() noexcept { return Status::Corruption("out of memory"); }
 
 Status CopyOrOutOfMemory(const Status& status) noexcept {

@@ -19,8 +19,8 @@ class [[nodiscard]] Status {
   static Status InvalidArgument(std::string message) {
     return {kInvalidArgument, std::move(message)};
   }
-  // Stored or received data that does not decode or fails a check; failed system calls too, for
-  // which there is no kind of its own.
+  // Stored or received data does not decode or fails a check; also a failed system call, which has
+  // no kind of its own.
   static Status Corruption(std::string message) { return {kCorruption, std::move(message)}; }
   static Status NotFound(std::string message) { return {kNotFound, std::move(message)}; }
 

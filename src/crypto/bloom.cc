@@ -12,7 +12,7 @@ constexpr std::size_t kHeaderSize = 4 + 1;  // bytes before the bits
 constexpr std::uint64_t kMinBits = 64;
 
 int ProbesFor(std::uint32_t bits_per_key) {
-  // At ln 2 probes for each bit of a key the fewest foreign keys are admitted.
+  // ln 2 probes for each bit of a key admit the fewest absent keys.
   constexpr double kLn2 = 0.69;
   return static_cast<int>(std::clamp(bits_per_key * kLn2, 1.0, 30.0));
 }

@@ -17,7 +17,7 @@
 
 namespace kandb::crypto {
 
-// All that a filter needs to know of a key.
+// All that a filter needs of a key.
 struct BloomHash {
   std::uint64_t h1;
   std::uint64_t h2;
@@ -27,9 +27,9 @@ BloomHash HashForBloom(std::string_view key);
 // Builds a filter. Not thread-safe.
 class BloomFilter {
  public:
-  // For `num_keys` keys, of which more or fewer may come, at `bits_per_key` each; at least 64 bits
-  // in all. Ten bits for each key admit about one foreign key in a hundred. From 2^32 bits on
-  // num_bits is cut to 32 bits, and a reader finds such a filter malformed.
+  // `bits_per_key` for each of `num_keys` keys, at least 64 bits in total; more or fewer keys may
+  // be added. Ten bits for each key admit about one absent key in a hundred. From 2^32 bits on
+  // num_bits is cut to 32 bits, and a reader takes such a filter for malformed.
   BloomFilter(std::size_t num_keys, std::uint32_t bits_per_key);
 
   void Add(const BloomHash& hash);
@@ -46,8 +46,8 @@ class BloomFilter {
 // Asks a filter. Immutable: any thread may use it at any time.
 class BloomFilterView {
  public:
-  // Takes any bytes. Those that are no filter make a view that admits every key. Here num_bits need
-  // not be a multiple of 8, as long as the bits fill their bytes to the last one.
+  // Takes any bytes. Malformed ones make a view that admits every key. num_bits need not be a
+  // multiple of 8 here, as long as the last byte has at least one of them.
   explicit BloomFilterView(std::string serialised_filter);
 
   // False: `key` was certainly not added.

@@ -40,7 +40,7 @@ constexpr Tables BuildTables() {
 
 constexpr Tables kTables = BuildTables();
 
-// The register once `word` has gone through it.
+// The register after `word` has gone through it.
 constexpr std::uint32_t FeedWord(std::uint32_t crc, std::uint64_t word) {
   const std::uint64_t sum = word ^ crc;
   return kTables[7][sum & 0xff] ^ kTables[6][sum >> 8 & 0xff] ^ kTables[5][sum >> 16 & 0xff] ^
@@ -68,14 +68,14 @@ std::uint32_t ByTable(std::string_view bytes) {
                                                          std::string_view bytes) {
   std::uint64_t wide_crc = crc;
   const char* next = bytes.data();
-  // Two words a round: in short inputs the loop costs as much as the instruction that it repeats.
+  // Two words per iteration: in short inputs the loop costs as much as the instruction.
   const std::size_t left = bytes.size() % (2 * kWordSize);
   const char* const end_of_pairs = next + (bytes.size() - left);
   for (; next != end_of_pairs; next += 2 * kWordSize) {
     wide_crc = _mm_crc32_u64(wide_crc, LoadU64(next));
     wide_crc = _mm_crc32_u64(wide_crc, LoadU64(next + kWordSize));
   }
-  // At most four steps for the rest instead of eight: most log records are short.
+  // At most four steps for the rest instead of eight: most WAL records are short.
   if ((left & 8) != 0) {
     wide_crc = _mm_crc32_u64(wide_crc, LoadU64(next));
     next += 8;
@@ -114,16 +114,15 @@ constexpr Powers BuildPowers() {
 
 constexpr Powers kPowers = BuildPowers();
 
-// What remains of `crc` once `word_count` words, at least one, have followed it, in a form that one
-// CRC32 instruction reduces to a register. That instruction multiplies by x^32, and the product of
-// two reflected polynomials stands one bit off its place, which is another x: hence 31 = 64 - 33.
+// `crc` after `word_count` words of zeros, at least one, in a form that one CRC32 instruction
+// reduces to a register. That instruction multiplies by x^32, and the product of two reflected
+// polynomials is off by one bit, which is another x: hence 31 = 64 - 33.
 [[gnu::target("sse4.2,pclmul")]] inline __m128i Advance(std::uint64_t crc, std::size_t word_count) {
   return _mm_clmulepi64_si128(_mm_cvtsi64_si128(static_cast<std::int64_t>(crc)),
                               _mm_cvtsi64_si128(kPowers[word_count - 1]), 0);
 }
 
-// Out of line, because short inputs are the usual ones and need none of the registers that it
-// saves.
+// Out of line: most inputs are short, and need none of the registers that this function saves.
 [[gnu::target("sse4.2,pclmul"), gnu::noinline]] std::uint32_t ByThirds(std::string_view bytes) {
   std::uint32_t crc = kPreset;
   while (bytes.size() >= kMinInterleaved) {
@@ -148,7 +147,7 @@ std::uint32_t ByInterleaving(std::string_view bytes) {
 }
 
 Crc32cMethod DetectFastestMethod() {
-  // A static initialiser may run before the library has asked the processor itself.
+  // A static initialiser may run before the library's own detection.
   __builtin_cpu_init();
   if (__builtin_cpu_supports("sse4.2") == 0) return Crc32cMethod::kTable;
   if (__builtin_cpu_supports("pclmul") == 0) return Crc32cMethod::kInstruction;
@@ -161,7 +160,7 @@ Crc32cMethod DetectFastestMethod() { return Crc32cMethod::kTable; }
 
 #endif
 
-// Zero before it is initialised, so that an initialiser that runs earlier takes the tables.
+// Zero, which is kTable, before it is initialised: an earlier initialiser takes the tables.
 const Crc32cMethod fastest_method = DetectFastestMethod();
 
 }  // namespace

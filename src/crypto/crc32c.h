@@ -9,12 +9,12 @@
 
 namespace kandb::crypto {
 
-// The checksum of `bytes`, by the fastest means that this processor offers; of no bytes it is 0.
-// Safe to call from static initialisers.
+// The checksum of `bytes`, by the fastest method of this processor; 0 for no bytes. Safe to call
+// from static initialisers.
 std::uint32_t Crc32c(std::string_view bytes);
 
-// The ways to the same value, each faster than the one before it, apart so that they can be
-// compared. A processor that offers one also offers those before it.
+// The methods give the same value, each faster than the one before it; they can be chosen so that
+// they can be compared. A processor that supports one supports those before it.
 enum class Crc32cMethod {
   kTable,        // on any processor
   kInstruction,  // the CRC32 instruction of SSE4.2

@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t kBlockSize = 64;    // bytes
 constexpr std::size_t kBitCountSize = 8;  // bytes at the end of the padding
 using State = std::array<std::uint32_t, 8>;
-// Sixteen consecutive words of the expanded message; word j stands at j mod 16.
+// Sixteen consecutive words of the expanded message; word j has the index j mod 16.
 using Schedule = std::array<std::uint32_t, 16>;
 
 constexpr State kInitialState = {0x7380166f, 0x4914b2b9, 0x172442d7, 0xda8a0600,
@@ -22,9 +22,9 @@ constexpr State kInitialState = {0x7380166f, 0x4914b2b9, 0x172442d7, 0xda8a0600,
 inline std::uint32_t P0(std::uint32_t x) { return x ^ std::rotl(x, 9) ^ std::rotl(x, 17); }
 inline std::uint32_t P1(std::uint32_t x) { return x ^ std::rotl(x, 15) ^ std::rotl(x, 23); }
 
-// Round j of 64. The standard moves all eight variables one place on after each round; here they
-// stay, the new A and E take the places of d and h, and the next round is called with the places
-// renamed. Inlining is demanded because only then do the variables live in registers.
+// Round j of 64. The standard moves all eight variables by one after each round. Here they stay:
+// the new A and E replace d and h, and the next round is called with the arguments rotated. Always
+// inline: only then do the variables live in registers.
 template <int j>
 [[gnu::always_inline]] inline void Round(Schedule& w, std::uint32_t& a, std::uint32_t& b,
                                          std::uint32_t& c, std::uint32_t& d, std::uint32_t& e,
@@ -66,7 +66,7 @@ template <int... group>
 void Compress(const char* blocks, std::size_t block_count, State* state) {
   for (; block_count > 0; --block_count, blocks += kBlockSize) {
     Schedule w;
-    for (std::size_t i = 0; i < w.size(); ++i) w[i] = __builtin_bswap32(LoadU32(blocks + 4 * i));
+    for (std::size_t i = 0; i < w.size(); ++i) w[i] = LoadBigEndian<std::uint32_t>(blocks + 4 * i);
     State next = *state;
     AllRounds(w, next, std::make_integer_sequence<int, 16>());
     for (std::size_t i = 0; i < next.size(); ++i) (*state)[i] ^= next[i];
@@ -80,21 +80,19 @@ Sm3Digest Sm3(std::string_view bytes) {
   const std::size_t whole_blocks = bytes.size() / kBlockSize;
   Compress(bytes.data(), whole_blocks, &state);
 
-  // The rest, a one bit, zeros, and the number of bits of the message up to the end of a block.
+  // The last block or two: the rest, a one bit, zeros, and the number of bits of the message.
   const std::string_view rest = bytes.substr(whole_blocks * kBlockSize);
   char padded[2 * kBlockSize] = {};
   if (!rest.empty()) std::memcpy(padded, rest.data(), rest.size());
   padded[rest.size()] = '\x80';
   const std::size_t block_count = rest.size() + 1 + kBitCountSize <= kBlockSize ? 1 : 2;
   const std::uint64_t bit_count = std::uint64_t{bytes.size()} * 8;
-  StoreLittleEndian(__builtin_bswap64(bit_count),
-                    padded + block_count * kBlockSize - kBitCountSize);
+  StoreBigEndian(bit_count, padded + block_count * kBlockSize - kBitCountSize);
   Compress(padded, block_count, &state);
 
   Sm3Digest digest;
-  for (std::size_t i = 0; i < digest.size(); ++i) {
-    digest[i] = static_cast<std::uint8_t>(state[i / 4] >> (24 - 8 * (i % 4)));
-  }
+  char* const bytes_of_digest = reinterpret_cast<char*>(digest.data());
+  for (std::size_t i = 0; i < state.size(); ++i) StoreBigEndian(state[i], bytes_of_digest + 4 * i);
   return digest;
 }
 

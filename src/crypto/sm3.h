@@ -1,4 +1,4 @@
-// The SM3 hash of GB/T 32905-2016 (also ISO/IEC 10118-3:2018): 256 bits over bytes of any number.
+// The SM3 hash of GB/T 32905-2016 (also ISO/IEC 10118-3:2018): 256 bits over any number of bytes.
 // Pure functions of their input: any thread may call them at any time.
 #pragma once
 

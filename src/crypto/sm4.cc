@@ -38,8 +38,8 @@ constexpr std::uint32_t Ck(std::uint32_t round) {
   return word;
 }
 
-// The S-box followed by the linear map L, for each of the four places of a byte in the word: the
-// place 0 is the most significant one. L commutes with rotation.
+// The S-box followed by the linear map L, for each of the four positions of a byte in the word;
+// position 0 is the most significant one. L commutes with rotation.
 using RoundTables = std::array<std::array<std::uint32_t, 256>, 4>;
 
 constexpr RoundTables BuildRoundTables() {
@@ -48,8 +48,8 @@ constexpr RoundTables BuildRoundTables() {
     const std::uint32_t b = std::uint32_t{kSbox[byte]} << 24;
     const std::uint32_t l =
         b ^ std::rotl(b, 2) ^ std::rotl(b, 10) ^ std::rotl(b, 18) ^ std::rotl(b, 24);
-    for (std::size_t place = 0; place < 4; ++place) {
-      tables[place][byte] = std::rotr(l, static_cast<int>(8 * place));
+    for (std::size_t position = 0; position < 4; ++position) {
+      tables[position][byte] = std::rotr(l, static_cast<int>(8 * position));
     }
   }
   return tables;
@@ -77,20 +77,20 @@ struct Block {
 };
 
 inline Block LoadBlock(const char* from) {
-  return {__builtin_bswap32(LoadU32(from)), __builtin_bswap32(LoadU32(from + 4)),
-          __builtin_bswap32(LoadU32(from + 8)), __builtin_bswap32(LoadU32(from + 12))};
+  return {LoadBigEndian<std::uint32_t>(from), LoadBigEndian<std::uint32_t>(from + 4),
+          LoadBigEndian<std::uint32_t>(from + 8), LoadBigEndian<std::uint32_t>(from + 12)};
 }
 
 // The words leave in reverse order, by the last step of the cipher.
 inline void StoreBlock(const Block& block, char* to) {
-  StoreLittleEndian(__builtin_bswap32(block.x3), to);
-  StoreLittleEndian(__builtin_bswap32(block.x2), to + 4);
-  StoreLittleEndian(__builtin_bswap32(block.x1), to + 8);
-  StoreLittleEndian(__builtin_bswap32(block.x0), to + 12);
+  StoreBigEndian(block.x3, to);
+  StoreBigEndian(block.x2, to + 4);
+  StoreBigEndian(block.x1, to + 8);
+  StoreBigEndian(block.x0, to + 12);
 }
 
-// Runs the 32 rounds over independent blocks side by side, so that the processor works on one while
-// the table lookups of another are under way. Each sum ends with the word that is ready last.
+// Runs the 32 rounds over independent blocks, interleaved: the processor works on one while it
+// waits for the table lookups of another. Each sum ends with the word that is ready last.
 template <Direction direction, class... Blocks>
 inline void RunRounds(const RoundKeys& round_keys, Blocks&... b) {
   for (std::size_t round = 0; round < 32; round += 4) {
@@ -104,7 +104,7 @@ inline void RunRounds(const RoundKeys& round_keys, Blocks&... b) {
   }
 }
 
-// Word by word, as the cipher stores: a wider read so soon after would have to wait for the cache.
+// Word by word, as the cipher stores them: a wider load soon after the stores would stall.
 inline void XorBlock(const char* with, char* block) {
   for (std::size_t i = 0; i < kSm4BlockSize; i += 4) {
     StoreLittleEndian(LoadU32(block + i) ^ LoadU32(with + i), block + i);
@@ -116,7 +116,7 @@ inline void XorBlock(const char* with, char* block) {
 Sm4::Sm4(const Sm4Key& key) {
   std::array<std::uint32_t, 4> k;
   const char* const bytes = reinterpret_cast<const char*>(key.data());
-  for (std::size_t i = 0; i < 4; ++i) k[i] = __builtin_bswap32(LoadU32(bytes + 4 * i)) ^ kFk[i];
+  for (std::size_t i = 0; i < 4; ++i) k[i] = LoadBigEndian<std::uint32_t>(bytes + 4 * i) ^ kFk[i];
   for (std::uint32_t i = 0; i < 32; ++i) {
     k[i % 4] ^= KeyT(k[(i + 1) % 4] ^ k[(i + 2) % 4] ^ k[(i + 3) % 4] ^ Ck(i));
     round_keys[i] = k[i % 4];

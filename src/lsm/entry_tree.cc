@@ -1,12 +1,13 @@
 #include "lsm/entry_tree.h"
 
 #include <algorithm>
-#include <bit>
 #include <cassert>
 #include <cstdint>
 #include <cstring>
 #include <new>
 #include <type_traits>
+
+#include "common/endian.h"
 
 namespace kandb::lsm {
 
@@ -32,11 +33,10 @@ std::size_t CommonPrefixLength(std::string_view a, std::string_view b) {
 
 // The 8 bytes of `key` behind its first `skip` ones, as a number with the order of the bytes.
 std::uint64_t Head(std::string_view key, std::size_t skip) {
-  std::uint64_t head = 0;
-  if (key.size() == skip) return head;  // an empty view may have no address to copy from
-  std::memcpy(&head, key.data() + skip, std::min(key.size() - skip, sizeof(head)));
-  static_assert(std::endian::native == std::endian::little);
-  return __builtin_bswap64(head);
+  if (key.size() == skip) return 0;  // an empty view may have no address to copy from
+  char head[sizeof(std::uint64_t)] = {};
+  std::memcpy(head, key.data() + skip, std::min(key.size() - skip, sizeof(head)));
+  return LoadBigEndian<std::uint64_t>(head);
 }
 
 }  // namespace

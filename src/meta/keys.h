@@ -23,7 +23,7 @@ inline constexpr std::string_view kIdAllocKey = "pd/id_alloc";
 struct KeyRange {
   std::string_view begin;
   std::string_view end;
-  std::uint32_t max_records;  // as many as the service ever looks at
+  std::uint32_t max_records;  // the most that a scan reads
 };
 inline constexpr KeyRange kStoreKeys = {"pd/store/", "pd/store0", 100000};
 inline constexpr KeyRange kRegionKeys = {"pd/region/", "pd/region0", 1000000};

@@ -16,7 +16,7 @@ namespace kandb::pdpb {
 // --- Records ---
 
 struct RegionEpoch {
-  std::uint64_t conf_version = 0;  // counts changes of the members
+  std::uint64_t conf_version = 0;  // counts membership changes
   std::uint64_t version = 0;       // counts changes of the key range
 
   static constexpr auto Fields() {
@@ -41,11 +41,11 @@ struct Peer {
   bool operator==(const Peer&) const = default;
 };
 
-// A storage node. An empty address keeps it from being chosen for new replicas.
+// A storage node. One with an empty address is never chosen for a new replica.
 struct Store {
   std::uint64_t id = 0;
   std::string address;
-  std::uint8_t state = 0;  // the store's own business, kept as it was reported
+  std::uint8_t state = 0;  // not interpreted, kept as reported
 
   static constexpr auto Fields() {
     return std::tuple{Field{1, "id", &Store::id}, Field{2, "address", &Store::address},
@@ -54,7 +54,7 @@ struct Store {
   bool operator==(const Store&) const = default;
 };
 
-// A range of keys [start_key, end_key) and its replicas. An empty bound is no bound.
+// A range of keys [start_key, end_key) and its replicas. An empty bound means unbounded.
 struct Region {
   std::uint64_t id = 0;
   std::string start_key;
@@ -70,8 +70,8 @@ struct Region {
   bool operator==(const Region&) const = default;
 };
 
-// The range of an encoded Region, read in place: a lookup looks at many regions and keeps one. Also
-// decodes as a message of its own.
+// The range of a Region, as views into its encoding: a lookup reads many ranges and keeps one
+// Region. Decodes like any message.
 struct RegionRange {
   std::string_view start_key;
   std::string_view end_key;
@@ -82,9 +82,9 @@ struct RegionRange {
   }
 };
 
-// Reads the range of a Region that begins as AppendTo begins it, and goes on with as many bytes as
-// an epoch and some peers have: their contents are not looked at. False for every other region,
-// which may be a sound one still; `*range` is then unspecified.
+// Reads the range of a Region that is laid out as AppendTo writes it: id, start_key, end_key, then
+// as many bytes as an epoch and a whole number of peers take, whose contents are not checked. False
+// for any other layout, which may still decode; `*range` is then unspecified.
 [[gnu::always_inline]] inline bool DecodeFront(std::string_view bytes, RegionRange* range) {
   constexpr std::size_t kIdSize = sizeof(Region::id);
   constexpr std::size_t kSmallestSize =
@@ -92,7 +92,7 @@ struct RegionRange {
   constexpr std::size_t kPeerSize = FieldSize(Peer());
   constexpr auto kFields = Region::Fields();
   if (bytes.size() < kSmallestSize) return false;
-  // What is left for the keys and the peers.
+  // Bytes left for the keys and the peers.
   std::size_t left = bytes.size() - kSmallestSize;
   const char* at = bytes.data();
   const auto take_key = [&](const auto& field, std::string_view* key)
@@ -206,7 +206,7 @@ struct UpsertRegionResponse {
   std::string message;
 
   static constexpr auto Fields() {
-    return std::tuple{OptionalField{1, "message", &UpsertRegionResponse::message}};
+    return std::tuple{Field{1, "message", &UpsertRegionResponse::message, kOmittedWhenEmpty}};
   }
 };
 
@@ -232,8 +232,7 @@ struct RegionHeartbeatEntry {
 struct RegionHeartbeatRequest {
   std::uint64_t store_id = 0;
   std::vector<RegionHeartbeatEntry> regions;
-  std::vector<std::uint64_t>
-      region_ids;  // replicas that the store holds, to be checked for staleness
+  std::vector<std::uint64_t> region_ids;  // replicas of the store, to be checked for staleness
 
   static constexpr auto Fields() {
     return std::tuple{Field{1, "store_id", &RegionHeartbeatRequest::store_id},

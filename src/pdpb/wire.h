@@ -16,7 +16,8 @@
 //
 //   static constexpr auto Fields() { return std::tuple{Field{1, "id", &Peer::id}, ...}; }
 //
-// and Encode and Decode both follow that list. Stateless; safe from any thread.
+// Encode and Decode both follow that list. A field is always written, unless its entry in the list
+// says kOmittedWhenEmpty. Stateless; safe from any thread.
 #pragma once
 
 #include <cstddef>
@@ -33,32 +34,31 @@
 
 namespace kandb::pdpb {
 
-// A member that is always written (a vector: once for each element).
+// Whether the encoder writes a field whose value has no bytes.
+enum Presence { kAlwaysWritten, kOmittedWhenEmpty };
+
+// One entry of a message's list: a member of type T and how it is encoded.
 template <class M, class T>
 struct Field {
-  static constexpr bool kWrittenWhenEmpty = true;
   std::uint16_t tag;
   const char* name;  // for people
-  T M::*member;
-  constexpr Field(std::uint16_t field_tag, const char* field_name, T M::*field_member)
-      : tag(field_tag), name(field_name), member(field_member) {}
-};
-
-// A member of bytes that is not written when it is empty.
-template <class M, class T>
-struct OptionalField {
-  static constexpr bool kWrittenWhenEmpty = false;
-  std::uint16_t tag;
-  const char* name;  // for people
-  T M::*member;
-  constexpr OptionalField(std::uint16_t field_tag, const char* field_name, T M::*field_member)
-      : tag(field_tag), name(field_name), member(field_member) {}
+  T M::*member;      // a vector is written as one field for each element
+  Presence presence;
+  constexpr Field(std::uint16_t field_tag, const char* field_name, T M::*field_member,
+                  Presence field_presence = kAlwaysWritten)
+      : tag(field_tag), name(field_name), member(field_member), presence(field_presence) {}
 };
 
 template <class M>
 concept Message = requires {
   M::Fields();
 };
+
+// Calls `visit(field)` for each entry of the list, in order.
+template <Message M, class Visit>
+[[gnu::always_inline]] constexpr void ForEachField(Visit visit) {
+  std::apply([&](const auto&... field) { (visit(field), ...); }, M::Fields());
+}
 
 template <Message M>
 void AppendTo(const M& message, std::string* out);
@@ -115,26 +115,6 @@ void AppendValue(std::uint16_t tag, const std::vector<T>& values, std::string* o
   for (const T& value : values) AppendValue(tag, value, out);
 }
 
-// Appends the encoding of `message`.
-template <Message M>
-void AppendTo(const M& message, std::string* out) {
-  const auto append = [&](const auto& field) {
-    const auto& value = message.*field.member;
-    if constexpr (!std::remove_cvref_t<decltype(field)>::kWrittenWhenEmpty) {
-      if (value.empty()) return;
-    }
-    AppendValue(field.tag, value, out);
-  };
-  std::apply([&](const auto&... field) { (append(field), ...); }, M::Fields());
-}
-
-template <Message M>
-std::string Encode(const M& message) {
-  std::string out;
-  AppendTo(message, &out);
-  return out;
-}
-
 // --- Sizes, in bytes; constant expressions for messages of fixed size ---
 
 template <Message M>
@@ -161,28 +141,48 @@ constexpr std::size_t FieldSize(const std::vector<T>& values) {
   return size;
 }
 
+// True for a field that the encoder leaves out of `message`.
+template <class M, class T>
+constexpr bool IsOmitted(const M& message, const Field<M, T>& field) {
+  return field.presence == kOmittedWhenEmpty &&
+         FieldSize(message.*field.member) == kFieldHeaderSize;
+}
+
 // Of what AppendTo appends.
 template <Message M>
 constexpr std::size_t EncodedSize(const M& message) {
-  const auto size = [&](const auto& field) {
-    const auto& value = message.*field.member;
-    if constexpr (!std::remove_cvref_t<decltype(field)>::kWrittenWhenEmpty) {
-      if (value.empty()) return std::size_t{0};
-    }
-    return FieldSize(value);
-  };
-  return std::apply([&](const auto&... field) { return (std::size_t{0} + ... + size(field)); },
-                    M::Fields());
+  std::size_t size = 0;
+  ForEachField<M>([&](const auto& field) {
+    if (!IsOmitted(message, field)) size += FieldSize(message.*field.member);
+  });
+  return size;
+}
+
+// --- Encoding ---
+
+// Appends the encoding of `message`.
+template <Message M>
+void AppendTo(const M& message, std::string* out) {
+  ForEachField<M>([&](const auto& field) {
+    if (!IsOmitted(message, field)) AppendValue(field.tag, message.*field.member, out);
+  });
+}
+
+template <Message M>
+std::string Encode(const M& message) {
+  std::string out;
+  AppendTo(message, &out);
+  return out;
 }
 
 // --- Decoding by the type of a member; false when the value does not fit it ---
 
 // An element of a repeated field can be six bytes in a message and over a hundred in memory. So
 // that a peer cannot make a payload of 64 MiB take more than a gigabyte, the elements of one
-// message together may take kDecodedSizeBase and kDecodedSizeFactor times the size of its encoding;
-// beyond that it does not decode. Only a payload made for it gets there: what an encoder of this
-// catalogue writes takes less than the factor, and over half a million elements without fields fit
-// the base.
+// message together may take kDecodedSizeBase plus kDecodedSizeFactor times the size of its
+// encoding; beyond that it does not decode. Only a crafted payload exceeds this: what an encoder of
+// this catalogue writes takes less than the factor, and more than half a million elements without
+// fields fit the base.
 inline constexpr std::size_t kDecodedSizeBase = std::size_t{64} << 20;  // bytes
 inline constexpr std::size_t kDecodedSizeFactor = 4;
 
@@ -191,7 +191,7 @@ class DecodeBudget {
   explicit DecodeBudget(std::size_t encoded_size)
       : left(kDecodedSizeBase + kDecodedSizeFactor * encoded_size) {}
 
-  // False when `size` bytes are too many.
+  // False, taking nothing, when fewer than `size` bytes are left.
   bool Take(std::size_t size) {
     if (size > left) return false;
     left -= size;
@@ -208,7 +208,7 @@ bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget);
 template <class T>
 bool DecodeValue(std::string_view value, T* member, DecodeBudget* budget) {
   if constexpr (Message<T>) {
-    // A field that occurs again replaces what came before, whole.
+    // A later occurrence of the field replaces an earlier one as a whole.
     *member = T{};
     return DecodeFields(value, member, budget);
   } else if constexpr (std::is_same_v<T, bool>) {
@@ -230,8 +230,8 @@ bool DecodeValue(std::string_view value, std::vector<T>* members, DecodeBudget* 
   return DecodeValue(value, &members->emplace_back(), budget);
 }
 
-// Takes the next field off `*bytes`; false when it is torn. Always inline: left out of line, it
-// stores the halves of a view one by one, and whoever copies the view as a whole waits for them.
+// Takes the next field off `*bytes`; false when it is torn. Always inline: out of line, the two
+// halves of a view are stored one by one, and a load of the whole view stalls on them.
 [[gnu::always_inline]] inline bool TakeField(std::string_view* bytes, std::uint16_t* tag,
                                              std::string_view* value) {
   if (bytes->size() < kFieldHeaderSize) return false;
@@ -248,8 +248,8 @@ bool ReserveElements(std::string_view, std::uint16_t, T*, DecodeBudget*) {
   return true;
 }
 
-// Makes room for the elements that `bytes` hold of the repeated field `tag`; false when they would
-// take too much.
+// Reserves memory for the elements of the repeated field `tag` in `bytes`; false when they exceed
+// the budget.
 template <class T>
 bool ReserveElements(std::string_view bytes, std::uint16_t tag, std::vector<T>* members,
                      DecodeBudget* budget) {
@@ -262,26 +262,27 @@ bool ReserveElements(std::string_view bytes, std::uint16_t tag, std::vector<T>* 
   return true;
 }
 
-// Stops at the member that has the tag: true when the value fits it, and also when none has it.
-template <Message M>
+// Decodes the value into the member whose field has the tag; a tag of no field is skipped. False
+// when the value does not fit the member.
+template <Message M, std::size_t index = 0>
 [[gnu::always_inline]] inline bool DecodeField(std::uint16_t tag, std::string_view value,
                                                M* message, DecodeBudget* budget) {
-  const auto fits = [&](const auto&... field) __attribute__((always_inline)) {
-    bool good = true;
-    (void)((field.tag == tag &&
-            (good = DecodeValue(value, &(message->*field.member), budget), true)) ||
-           ...);
-    return good;
-  };
-  return std::apply(fits, M::Fields());
+  constexpr auto kFields = M::Fields();
+  if constexpr (index < std::tuple_size_v<decltype(kFields)>) {
+    constexpr auto kField = std::get<index>(kFields);
+    if (tag == kField.tag) return DecodeValue(value, &(message->*kField.member), budget);
+    return DecodeField<M, index + 1>(tag, value, message, budget);
+  }
+  return true;
 }
 
 template <Message M>
 bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget) {
-  const auto reserve = [&](const auto&... field) {
-    return (ReserveElements(bytes, field.tag, &(message->*field.member), budget) && ...);
-  };
-  if (!std::apply(reserve, M::Fields())) return false;
+  bool enough = true;
+  ForEachField<M>([&](const auto& field) {
+    enough = enough && ReserveElements(bytes, field.tag, &(message->*field.member), budget);
+  });
+  if (!enough) return false;
 
   std::uint16_t tag = 0;
   std::string_view value;
@@ -293,8 +294,8 @@ bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget) {
 
 // Decodes into a freshly constructed message; fields that do not occur keep their defaults, unknown
 // ones are skipped. False when `bytes` are not a whole number of fields, a known field does not fit
-// its member, or the elements take too much memory; the message then holds part of the input.
-// Members of type std::string_view point into `bytes`.
+// its member, or the elements exceed the budget above; the message is then partly filled. Throws
+// std::bad_alloc. Members of type std::string_view point into `bytes`.
 template <Message M>
 bool Decode(std::string_view bytes, M* message) {
   DecodeBudget budget(bytes.size());

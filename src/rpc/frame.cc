@@ -20,8 +20,8 @@ constexpr std::size_t kPayloadLengthSize = 4;
 constexpr std::size_t kCrcSize = 4;
 static_assert(kMethodOffset + kPayloadLengthSize == kBeforePayloadSize);
 
-// What a connection's buffer holds at least, and what it may keep between frames: most frames fit
-// the first, and an idle connection shall not hold on to the memory of a large one.
+// The buffer of a connection: its least capacity, which most frames fit, and the most that it keeps
+// between frames, so that an idle connection does not keep the memory of a large one.
 constexpr std::size_t kFirstBufferSize = std::size_t{4} << 10;
 constexpr std::size_t kKeptBufferSize = std::size_t{64} << 10;
 

@@ -30,8 +30,8 @@ static_assert(kMaxMethodSize <= std::numeric_limits<std::uint16_t>::max() &&
                   kMaxPayloadSize <= std::numeric_limits<std::uint32_t>::max(),
               "the lengths of a frame are fields of 16 and 32 bits");
 
-// Corruption "kanrpc: payload too large": of a frame that is read, and of a response that passes
-// the limit, for whoever builds it to stop there.
+// Corruption "kanrpc: payload too large": for a received frame, and for a response above the limit,
+// which its builder gives up there.
 Status PayloadTooLarge();
 
 enum FrameType : std::uint8_t { kRequest = 0, kResponse = 1, kError = 2 };
@@ -44,9 +44,9 @@ struct Frame {
   std::string_view payload;
 };
 
-// Builds one frame in `*frame`: BeginFrame replaces its contents by all that stands before the
-// payload, the caller appends the payload, FinishFrame fills in its length and appends the
-// checksum. A method or payload beyond its limit ends the process: no peer would take the frame.
+// Builds one frame in `*frame`: BeginFrame replaces the contents by everything before the payload,
+// the caller appends the payload, FinishFrame fills in its length and appends the checksum. A
+// method or payload above its limit ends the process: no peer would accept the frame.
 void BeginFrame(FrameType type, std::uint64_t request_id, std::string_view method,
                 std::string* frame);
 void FinishFrame(std::string* frame);
@@ -61,8 +61,8 @@ std::string BuildFrame(FrameType type, std::uint64_t request_id, std::string_vie
                        std::string_view payload);
 
 // Reads the frames of one connection through a buffer: a small frame costs one recv, and frames
-// that arrived together cost none. The buffer grows with what has arrived, never with what a header
-// promises. Used by one thread at a time.
+// that arrived together cost no further one. The buffer grows with the bytes that have arrived,
+// never with the length in a header. Used by one thread at a time.
 class FrameReader {
  public:
   // `connection` is borrowed and must outlive the reader.

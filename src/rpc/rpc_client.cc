@@ -16,7 +16,7 @@ namespace kandb::kanrpc {
 
 namespace {
 
-constexpr std::chrono::milliseconds kFirstPause{20};  // grows by itself with every attempt
+constexpr std::chrono::milliseconds kFirstPause{20};  // grows by this much with every attempt
 
 using AddressList = std::unique_ptr<addrinfo, void (*)(addrinfo*)>;
 
@@ -53,7 +53,7 @@ Status RpcClient::Call(std::string_view method, std::string_view payload, std::s
     Status status = socket.valid() ? Status() : Connect();
     if (status.ok()) status = CallOnce(method, payload, response);
     if (status.ok()) return status;
-    // What is still to come on this connection belongs to the failed call.
+    // Further bytes on this connection would belong to the failed call.
     reader.reset();
     socket.Reset();
     if (attempt >= options.attempts) return status;
@@ -96,7 +96,7 @@ RpcClientPool::RpcClientPool(const std::string& server, const RpcClientOptions& 
 
 Status RpcClientPool::Call(std::string_view method, std::string_view payload,
                            std::string* response) {
-  // Only the spreading matters, so no order with other memory is asked for.
+  // Relaxed: only the distribution matters, not the order with other memory.
   const std::uint64_t turn = next_client.fetch_add(1, std::memory_order_relaxed);
   return clients[turn % clients.size()]->Call(method, payload, response);
 }

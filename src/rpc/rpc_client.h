@@ -19,8 +19,8 @@
 namespace kandb::kanrpc {
 
 struct RpcClientOptions {
-  // Of each wait for the server: to connect to one of its addresses, to send, or to receive.
-  // Negative waits forever. Looking up its name is not bounded by it.
+  // Bounds each wait for the server: to connect to one of its addresses, to send, or to receive.
+  // Negative waits forever. Does not bound the lookup of its name.
   std::int32_t timeout_ms = 5000;
   std::int32_t attempts = 3;  // 0 or less is one attempt
 };
@@ -28,15 +28,15 @@ struct RpcClientOptions {
 class RpcClient {
  public:
   // `server` is host:port; the host is a name, an IPv4 address or an IPv6 address in brackets.
-  // Connects with the first call, to the first address of a name that can be reached.
+  // Connects at the first call, to the first address of the name that can be reached.
   RpcClient(std::string server, const RpcClientOptions& client_options);
 
-  // Sends a request and waits for its response. Every failure closes the connection and is tried
-  // again, after 20 ms, 40 ms and so on, while attempts are left; the last failure is returned:
+  // Sends a request and waits for its response. Every failure closes the connection. The call is
+  // retried after 20 ms, 40 ms and so on while attempts are left; the last failure is returned:
   // NotFound "kanrpc: connection closed"; Corruption "cannot connect to <server>", "kanrpc: request
   // id mismatch", "kanrpc: bad frame type", "remote: " and the server's text, or a failure of
   // reading or writing frames. InvalidArgument for a method or payload above the limits, which is
-  // not sent. A call that failed may have been carried out. `*response` is written only on success.
+  // not sent. A failed call may have been carried out. `*response` is written only on success.
   Status Call(std::string_view method, std::string_view payload, std::string* response)
       EXCLUDES(mutex);
 

@@ -24,25 +24,24 @@ namespace kandb::kanrpc {
 namespace {
 
 constexpr int kListenBacklog = 256;
-// Most of a response buffer's memory that a connection keeps between requests.
+// The most of its response buffer that a connection keeps between requests.
 constexpr std::size_t kKeptResponseSize = std::size_t{64} << 10;  // bytes
 // Descriptors kept free for the storage engine's files. Accepting up to the limit would make accept
 // fail, which ends the server.
 constexpr int kReservedDescriptors = 64;
-// Of a connection's thread. The deepest path, an answer with the engine below it, takes some KiB;
-// sanitizers multiply that. The usual 8 MiB would make thousands of connections run against limits
-// of address space.
+// Of a connection's thread. The deepest path, a handler with the engine below it, takes a few KiB;
+// sanitizers multiply that. With the usual 8 MiB, thousands of connections would exceed limits on
+// address space.
 constexpr std::size_t kConnectionStackSize = std::size_t{256} << 10;  // bytes
 
 void SetFlag(int socket, int level, int option) {
   const int on = 1;
-  // Neither SO_REUSEADDR nor TCP_NODELAY can fail on a TCP socket, and none is needed for
-  // correctness.
+  // Neither SO_REUSEADDR nor TCP_NODELAY can fail on a TCP socket, and correctness needs neither.
   (void)::setsockopt(socket, level, option, &on, sizeof(on));
 }
 
-// The lowest descriptor that a connection may not have. Descriptors are handed out lowest first, so
-// one with this number or a higher one says that almost all are in use.
+// The lowest descriptor at which a connection is refused. The system hands out the lowest free one,
+// so a descriptor this high means that almost all are in use.
 int FirstRefusedDescriptor() {
   rlimit limit{};
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return std::numeric_limits<int>::max();
@@ -51,7 +50,7 @@ int FirstRefusedDescriptor() {
   return descriptors - std::min(kReservedDescriptors, descriptors / 4);
 }
 
-// Owns the attributes of a thread to be.
+// Owns the attributes for a new thread.
 class ThreadAttributes {
  public:
   ThreadAttributes() {
@@ -70,8 +69,8 @@ class ThreadAttributes {
   pthread_attr_t attributes;
 };
 
-// Runs `body` in a thread of its own with a small stack, which the standard library cannot ask for.
-// Throws std::system_error or std::bad_alloc when there is no thread or memory for it.
+// Runs `body` in a detached thread with a small stack, which std::thread cannot have. Throws
+// std::system_error or std::bad_alloc when there is no thread or no memory for it.
 template <class Body>
 void StartDetached(Body body) {
   const ThreadAttributes attributes;
@@ -95,8 +94,8 @@ Status BindFailure(const std::string& bind_addr, int port, int error) {
 
 class RpcServer::HandlerAdmission {
  public:
-  // Announces itself before it looks at `stopping`, while Stop sets `stopping` before it looks at
-  // the count: in their single total order one of the two sees the other.
+  // Counts the handler before it reads `stopping`; Stop sets `stopping` before it reads the count.
+  // In the single total order of these operations at least one sees the other.
   explicit HandlerAdmission(Shared* server) : shared(server) {
     shared->running_handlers.fetch_add(1);
     admitted = !shared->stopping.load();
@@ -132,8 +131,7 @@ Status RpcServer::Start(int port, const std::string& bind_addr) {
   if (::inet_pton(AF_INET, bind_addr.c_str(), &address.sin_addr) != 1) {
     return Status::InvalidArgument("invalid IPv4 bind address: " + bind_addr);
   }
-  // The address has room for 16 bits. A caller may have narrowed a wider number to this one; it is
-  // not narrowed a second time.
+  // Narrowed to the 16 bits of the address, it would name another port.
   if (port < 0 || port > std::numeric_limits<std::uint16_t>::max()) {
     return BindFailure(bind_addr, port, EINVAL);
   }
@@ -163,8 +161,8 @@ void RpcServer::Wait() {
 void RpcServer::Stop() {
   bool running = false;
   if (!shared->stopping.compare_exchange_strong(running, true)) return;
-  // The shutdown makes a waiting accept fail. The descriptor is closed only after its thread has
-  // ended, because until then its number must not come to mean another file.
+  // The shutdown makes a waiting accept fail. The descriptor is closed only after the thread has
+  // ended: until then its number must not be reused for another file.
   if (listen_socket.valid()) ::shutdown(listen_socket.get(), SHUT_RDWR);
   Wait();
   listen_socket.Reset();
@@ -182,8 +180,8 @@ void RpcServer::AcceptLoop() {
       return;
     }
     if (connection.get() >= first_refused) {
-      // accept took this number before it waited. What counts is whether a lower one is free now;
-      // the connection moves there, so that the reserved ones stay free.
+      // accept chose this number before it waited; a lower one may be free by now. The connection
+      // moves there, so that the reserved ones stay free.
       connection = UniqueFd(::fcntl(connection.get(), F_DUPFD_CLOEXEC, 0));
       if (!connection.valid() || connection.get() >= first_refused) continue;
     }
@@ -193,7 +191,7 @@ void RpcServer::AcceptLoop() {
         Serve(std::move(connection), state);
       });
     } catch (const std::exception&) {
-      // No thread or no memory for it: the connection closes as its owner goes, the server goes on.
+      // No thread or no memory for it: its owner closes the connection, the server continues.
     }
   }
 }
@@ -211,7 +209,7 @@ void RpcServer::Serve(UniqueFd connection, const std::shared_ptr<Shared>& shared
     if (response.capacity() > kKeptResponseSize) std::string().swap(response);
   }
 } catch (const std::exception&) {
-  // Out of memory, say: this connection closes, the others go on.
+  // Out of memory, for example: this connection closes, the others continue.
 }
 
 bool RpcServer::Answer(Shared* shared, std::string_view method, std::uint64_t request_id,
@@ -224,7 +222,7 @@ bool RpcServer::Answer(Shared* shared, std::string_view method, std::uint64_t re
     return true;
   }
 
-  // The handler appends its payload to the frame begun here, so that no byte is copied again.
+  // The handler appends its payload to the frame begun here, so that no byte is copied twice.
   BeginFrame(kResponse, request_id, method, response);
   Status status;
   {

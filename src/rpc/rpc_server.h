@@ -1,5 +1,5 @@
-// Serves registered methods over TCP: one accept thread, one thread for each connection, the
-// requests of a connection one after another. Handlers of different connections run at once.
+// Serves registered methods over TCP: one accept thread and one thread for each connection. The
+// requests of a connection are handled in order, those of different connections concurrently.
 //
 // Register and Start belong to the thread that built the server; Wait and Stop may be called from
 // any.
@@ -21,8 +21,8 @@
 
 namespace kandb::kanrpc {
 
-// What the server asks of a message type: found beside the type, so that this layer knows no
-// catalogue.
+// What the server requires of a message type: Decode and AppendTo in the namespace of the type, so
+// that this layer does not know the catalogue of messages.
 template <class M>
 concept DecodableMessage = std::default_initializable<M> && requires(M* message) {
   { Decode(std::string_view(), message) } -> std::same_as<bool>;
@@ -35,7 +35,7 @@ concept EncodableMessage = std::default_initializable<M> &&
 
 class RpcServer {
  public:
-  // A connection is closed when its peer takes no byte of an answer for `write_timeout_ms`;
+  // A connection is closed when its peer accepts no byte of a response for `write_timeout_ms`;
   // negative waits forever.
   explicit RpcServer(int write_timeout_ms = 30000);
   ~RpcServer();
@@ -67,13 +67,13 @@ class RpcServer {
   // Blocks until the server no longer accepts connections.
   void Wait() EXCLUDES(accept_mutex);
 
-  // Ends accepting. No handler starts after Stop was called, and none runs any more when it
-  // returns. Connections that wait for a request end when their peer closes or sends one. A second
-  // call returns at once.
+  // Ends accepting. No handler starts after Stop was called, and none is running when it returns.
+  // Connections that wait for a request end when their peer closes or sends one. A second call
+  // returns at once.
   void Stop() EXCLUDES(accept_mutex);
 
  private:
-  // Appends the response payload; on failure what it appended is thrown away.
+  // Appends the response payload; on failure what it appended is discarded.
   using Handler = std::function<Status(std::string_view payload, std::string* response)>;
 
   // Shared with the connection threads, which may outlive the server.
@@ -81,12 +81,12 @@ class RpcServer {
     explicit Shared(int timeout_ms) : write_timeout_ms(timeout_ms) {}
 
     const int write_timeout_ms;
-    // Not changed after Start, and therefore read without a lock.
+    // Never changes after Start, so it is read without a lock.
     std::map<std::string, Handler, std::less<>> methods;
     std::atomic<bool> stopping = false;
     std::atomic<int> running_handlers = 0;
   };
-  // Counts a handler as running while it lives. Its handler may run only if it was admitted.
+  // Counts a handler as running. The handler runs only if it was admitted.
   class HandlerAdmission;
 
   void SetHandler(const std::string& method, Handler handler);
@@ -100,7 +100,7 @@ class RpcServer {
   UniqueFd listen_socket;
   int bound_port = 0;
 
-  // Held by whoever joins the accept thread.
+  // Held while the accept thread is joined.
   Mutex accept_mutex;
   std::thread accept_thread GUARDED_BY(accept_mutex);
 };

@@ -25,7 +25,7 @@ Status WaitFor(int socket, short event, int timeout_ms) {
 // Connects a non-blocking socket.
 bool Connect(int socket, const addrinfo& address, int timeout_ms) {
   if (::connect(socket, address.ai_addr, address.ai_addrlen) == 0) return true;
-  // A signal does not end the attempt: it goes on without its caller.
+  // A signal does not end the attempt: it continues asynchronously.
   if (errno != EINPROGRESS && errno != EINTR) return false;
   if (!WaitFor(socket, POLLOUT, timeout_ms).ok()) return false;
   int error = 0;
@@ -36,8 +36,8 @@ bool Connect(int socket, const addrinfo& address, int timeout_ms) {
 // Runs `call(flags)`, a send or recv, until it moves bytes or fails for good.
 template <class Call>
 Status Transfer(int socket, short event, int timeout_ms, Call call, std::size_t* count) {
-  // With a time-out the call itself must not block: it is tried first, because mostly it succeeds
-  // and saves the poll, and waited for only when the socket is not ready.
+  // With a time-out the call itself must not block. It comes before the poll, because it usually
+  // succeeds and saves one.
   const int flags = timeout_ms < 0 ? 0 : MSG_DONTWAIT;
   for (;;) {
     const ssize_t moved = call(flags);

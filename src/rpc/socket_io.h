@@ -1,5 +1,5 @@
 // Connecting, and blocking transfers over a connected stream socket, with time-outs. The socket is
-// borrowed; one reader and one writer a socket. A time-out bounds each wait, not the whole
+// borrowed; one reader and one writer per socket. A time-out bounds each wait, not the whole
 // transfer; negative waits forever.
 //
 // Failures of a transfer: NotFound "kanrpc: connection closed" when the peer has closed; Corruption
@@ -16,7 +16,7 @@ struct addrinfo;
 
 namespace kandb::kanrpc {
 
-// A blocking socket that is connected to the first of `addresses`, in their order, that takes the
+// A blocking socket that is connected to the first of `addresses`, in order, that accepts the
 // connection within `timeout_ms`; invalid when none does.
 UniqueFd ConnectToFirst(const addrinfo* addresses, int timeout_ms);
 

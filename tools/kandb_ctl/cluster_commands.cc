@@ -10,15 +10,13 @@
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/online.h"
 #include "kandb_tools/text_table.h"
+#include "pdpb/timestamp.h"
 
 namespace kandb::ctl {
 
 namespace {
 
 // --- tso ---
-
-constexpr int kLogicalBits = 18;                                    // of a timestamp
-constexpr std::uint32_t kMaxTimestamps = (1u << kLogicalBits) - 1;  // more would run over
 
 std::string UtcDate(std::uint64_t unix_ms) {
   const auto seconds = static_cast<std::time_t>(unix_ms / 1000);
@@ -38,8 +36,8 @@ int RunTso(const Context& context, std::uint32_t count) {
   pdpb::TsoResponse answer;
   if (Status s = connection.pd.Tso({count}, &answer); !s.ok()) return Fail(s);
   Json row = ToJson(answer);
-  row["physical"] = UtcDate(answer.timestamp >> kLogicalBits);
-  row["logical"] = answer.timestamp & kMaxTimestamps;
+  row["physical"] = UtcDate(pdpb::PhysicalMs(answer.timestamp));
+  row["logical"] = pdpb::Logical(answer.timestamp);
   PrintRow(context, row);
   return kExitOk;
 }
@@ -48,7 +46,7 @@ void AddTso(CLI::App* app, Context* context) {
   auto count = std::make_shared<std::uint32_t>(1);
   CLI::App* command = app->add_subcommand("tso", "Takes timestamps and shows the first of them");
   command->add_option("--count", *count, "how many consecutive ones")
-      ->check(CLI::Range(std::uint32_t{1}, kMaxTimestamps))
+      ->check(CLI::Range(std::uint32_t{1}, pdpb::kMaxLogical))
       ->capture_default_str();
   command->callback([=] { context->run = [=] { return RunTso(*context, *count); }; });
 }

@@ -1,5 +1,10 @@
+#include "meta/cluster_bootstrap.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
 #include "meta/keys.h"
-#include "meta/pd_service.h"
 
 namespace kandb::meta {
 
@@ -7,19 +12,22 @@ namespace {
 
 constexpr char kBootstrappedValue[] = "1";
 
+// A marker that cannot be read counts as absent.
+bool IsBootstrapped(const store::MetaStore& metadata) {
+  std::string marker;
+  bool found = false;
+  return metadata.Get(kBootstrappedKey, &marker, &found).ok() && found;
+}
+
 }  // namespace
 
-Status PdService::Bootstrap(const pdpb::BootstrapRequest& request,
-                            pdpb::BootstrapResponse* response) {
+Status ClusterBootstrap::Bootstrap(const pdpb::BootstrapRequest& request,
+                                   bool* already_bootstrapped) {
   const store::KeyValue store_record = {StoreKey(request.store.id), Encode(request.store)};
-
-  std::string marker;
-  bool bootstrapped = false;
-  if (!store->Get(kBootstrappedKey, &marker, &bootstrapped).ok()) bootstrapped = false;
-  if (bootstrapped) {
+  if (IsBootstrapped(*metadata)) {
     // The caller learns that the cluster exists even when its record could not be written.
-    (void)store->Put({store_record});
-    response->already_bootstrapped = true;
+    (void)metadata->Put({store_record});
+    *already_bootstrapped = true;
     return {};
   }
 
@@ -30,7 +38,9 @@ Status PdService::Bootstrap(const pdpb::BootstrapRequest& request,
   for (const pdpb::Region& region : request.extra_regions) {
     puts.emplace_back(RegionKey(region.id), Encode(region));
   }
-  return store->Put(std::move(puts));
+  if (Status s = metadata->Put(std::move(puts)); !s.ok()) return s;
+  *already_bootstrapped = false;
+  return {};
 }
 
 }  // namespace kandb::meta

@@ -1,28 +1,30 @@
+#include "meta/region_router.h"
+
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "common/endian.h"
 #include "meta/keys.h"
-#include "meta/pd_service.h"
 #include "rpc/frame.h"
 
 namespace kandb::meta {
 
 namespace {
 
-std::uint64_t LoadBigEndian(const char* bytes) { return __builtin_bswap64(LoadU64(bytes)); }
-
-// a < b by bytes. Keys are short: the call that this saves took longer than their comparison.
+// a < b as unsigned bytes. Keys are short: calling memcmp took longer than comparing them.
 bool Less(std::string_view a, std::string_view b) {
   constexpr std::size_t kWord = sizeof(std::uint64_t);
   const std::size_t shared = std::min(a.size(), b.size());
   if (shared < kWord) return a < b;
-  // The last word overlaps the one before, where their bytes were equal.
+  // The last word may overlap the one before it, whose bytes were equal.
   for (std::size_t at = 0;; at = std::min(at + kWord, shared - kWord)) {
-    const std::uint64_t a_word = LoadBigEndian(a.data() + at);
-    const std::uint64_t b_word = LoadBigEndian(b.data() + at);
+    const std::uint64_t a_word = LoadBigEndian<std::uint64_t>(a.data() + at);
+    const std::uint64_t b_word = LoadBigEndian<std::uint64_t>(b.data() + at);
     if (a_word != b_word) return a_word < b_word;
     if (at == shared - kWord) return a.size() < b.size();
   }
@@ -32,20 +34,20 @@ bool Covers(const pdpb::RegionRange& range, std::string_view key) {
   return !Less(key, range.start_key) && (range.end_key.empty() || Less(key, range.end_key));
 }
 
-// Looks through region records for the first whose range covers a key. Almost all that it meets are
-// others, and so it decodes no more of a record than it takes to tell that.
+// Searches region records for the first whose range covers a key. Nearly all ranges do not, so it
+// decodes no more of a record than is needed to tell.
 class RegionSearch {
  public:
   explicit RegionSearch(std::string_view sought_key) : key(sought_key) {}
 
-  // Both return false when the search has ended. This one runs for every region of the cluster: one
-  // function without calls.
+  // Both return false to end the search. LookAt runs for every region of the cluster: flattened, it
+  // is one function without calls.
   [[gnu::flatten]] bool LookAt(std::string_view record) {
     pdpb::RegionRange range;
     if (DecodeFront(record, &range) && !Covers(range, key)) return true;
     return LookCloselyAt(record);
   }
-  // Notices a record that is damaged after its range, too.
+  // Also notices damage after the range.
   [[gnu::noinline]] bool LookCloselyAt(std::string_view record) {
     any_record = true;
     pdpb::RegionRange range;
@@ -69,11 +71,12 @@ class RegionSearch {
 
 }  // namespace
 
-// At most three passes. The first one is quick and mostly finds the region. Only the others can
-// tell absence from damage; and absence must be true of one moment, while the region sought may
-// move past a pass as others split and merge. So a second pass beside which something was written
-// is repeated with a list that was taken at once, which keeps writers waiting.
-Status PdService::FindRegion(std::string_view key, pdpb::Region* region) const {
+// At most three passes over the records. The first is quick and usually finds the region. When it
+// does not, the second looks at each record as a whole, to tell absence from damage. Absence must
+// be true of one moment, but a region can move past a pass as others split and merge. So when
+// something was written during the second pass, a third reads a list of one moment, which keeps
+// writers waiting.
+Status RegionRouter::FindRegion(std::string_view key, pdpb::Region* region) const {
   const auto [begin, end, max_records] = kRegionKeys;
   std::optional<RegionSearch> search(key);
   const auto look = [&](std::string_view, std::string_view record) {
@@ -82,15 +85,15 @@ Status PdService::FindRegion(std::string_view key, pdpb::Region* region) const {
   const auto look_closely = [&](std::string_view, std::string_view record) {
     return search->LookCloselyAt(record);
   };
-  if (Status s = store->ForEach(begin, end, max_records, look); !s.ok()) return s;
+  if (Status s = metadata->ForEach(begin, end, max_records, look); !s.ok()) return s;
   if (!search->covered) {
     search.emplace(key);
     bool of_one_moment = false;
-    Status s = store->ForEach(begin, end, max_records, look_closely, &of_one_moment);
+    Status s = metadata->ForEach(begin, end, max_records, look_closely, &of_one_moment);
     if (!s.ok()) return s;
     if (!search->covered && !of_one_moment) {
       search.emplace(key);
-      s = store->ForEachAtOnce(begin, end, max_records, look_closely);
+      s = metadata->ForEachAtOnce(begin, end, max_records, look_closely);
       if (!s.ok()) return s;
     }
   }
@@ -104,37 +107,38 @@ Status PdService::FindRegion(std::string_view key, pdpb::Region* region) const {
   return {};
 }
 
-Status PdService::GetRegion(const pdpb::GetRegionRequest& request,
-                            pdpb::GetRegionResponse* response) {
-  pdpb::Region region;
-  if (Status s = FindRegion(request.key, &region); !s.ok()) return s;
-  pdpb::GetRegionResponse answer;
-  std::size_t stores_size = 0;  // in the answer, of which they alone can be many times the request
-  for (const pdpb::Peer& peer : region.peers) {
-    const bool is_leader = &peer == &region.peers.front();
+Status RegionRouter::AddStores(pdpb::GetRegionResponse* route) const {
+  std::size_t stores_size = 0;  // bytes in the response, many times the request's if peers are many
+  for (const pdpb::Peer& peer : route->region.peers) {
+    const bool is_leader = &peer == &route->region.peers.front();
     std::string record;
     bool found = false;
-    if (Status s = store->Get(StoreKey(peer.store_id), &record, &found); !s.ok()) return s;
+    if (Status s = metadata->Get(StoreKey(peer.store_id), &record, &found); !s.ok()) return s;
     pdpb::Store peer_store;
     const bool decodes = found && Decode(record, &peer_store);
     if (is_leader) {
       if (found && !decodes) return Status::Corruption("bad store record");
-      // Who leads is not known here; the peer that is listed first stands for the leader.
-      answer.leader = peer;
-      answer.leader_store = peer_store;
+      // Who leads is not known here: the peer that is listed first is taken for the leader.
+      route->leader = peer;
+      route->leader_store = peer_store;
     }
     if (!decodes) continue;
     stores_size += pdpb::FieldSize(peer_store);
     if (stores_size > kanrpc::kMaxPayloadSize) return kanrpc::PayloadTooLarge();
-    answer.stores.push_back(std::move(peer_store));
+    route->stores.push_back(std::move(peer_store));
   }
-  answer.region = std::move(region);
-  *response = std::move(answer);
   return {};
 }
 
-Status PdService::UpsertRegion(const pdpb::UpsertRegionRequest& request,
-                               pdpb::UpsertRegionResponse*) {
+Status RegionRouter::Find(std::string_view key, pdpb::GetRegionResponse* route) const {
+  pdpb::GetRegionResponse found;
+  if (Status s = FindRegion(key, &found.region); !s.ok()) return s;
+  if (Status s = AddStores(&found); !s.ok()) return s;
+  *route = std::move(found);
+  return {};
+}
+
+Status RegionRouter::Upsert(const pdpb::UpsertRegionRequest& request) {
   std::vector<store::KeyValue> puts;
   puts.reserve(request.regions.size());
   for (const pdpb::Region& region : request.regions) {
@@ -143,7 +147,7 @@ Status PdService::UpsertRegion(const pdpb::UpsertRegionRequest& request,
   std::vector<std::string> deletes;
   deletes.reserve(request.removed_region_ids.size());
   for (const std::uint64_t id : request.removed_region_ids) deletes.push_back(RegionKey(id));
-  return store->Write(std::move(puts), std::move(deletes));
+  return metadata->Write(std::move(puts), std::move(deletes));
 }
 
 }  // namespace kandb::meta

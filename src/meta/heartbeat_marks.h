@@ -1,0 +1,25 @@
+// Which store reported each region last, and how many regions that gives each store. The counts are
+// kept as the marks change, so that a heartbeat's cost does not grow with the number of regions.
+// Not thread-safe.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <unordered_map>
+
+namespace kandb::meta {
+
+class HeartbeatMarks {
+ public:
+  // `store_id` reported `region_id`. On std::bad_alloc neither marks nor counts change.
+  void Mark(std::uint64_t region_id, std::uint64_t store_id);
+
+  // How many regions `store_id` was the last to report.
+  std::uint64_t RegionCount(std::uint64_t store_id) const;
+
+ private:
+  std::map<std::uint64_t, std::uint64_t> last_reporters;           // store id by region id
+  std::unordered_map<std::uint64_t, std::uint64_t> region_counts;  // by store id
+};
+
+}  // namespace kandb::meta
