@@ -19,11 +19,11 @@
 
 #include "bench_program.h"
 #include "echo_process.h"
-#include "kandb_tools/latency_histogram.h"
 #include "pdpb/messages.h"
 #include "support/raw_connection.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
+#include "tools/common/latency_histogram.h"
 
 namespace kandb::bench {
 namespace {

@@ -9,7 +9,7 @@
 #include "kandb_ctl/bootstrap_command.h"
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/online.h"
-#include "kandb_tools/text_table.h"
+#include "tools/common/text_table.h"
 
 namespace kandb::ctl {
 

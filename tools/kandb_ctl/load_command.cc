@@ -13,7 +13,7 @@
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/load_methods.h"
 #include "kandb_ctl/online.h"
-#include "kandb_tools/latency_histogram.h"
+#include "tools/common/latency_histogram.h"
 
 namespace kandb::ctl {
 

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "kandb_ctl/key_text.h"
-#include "kandb_tools/text_table.h"
+#include "tools/common/text_table.h"
 
 namespace kandb::ctl {
 

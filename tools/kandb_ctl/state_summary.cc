@@ -9,11 +9,11 @@
 #include <optional>
 
 #include "kandb_ctl/state_directory.h"
-#include "kandb_tools/text_table.h"
 #include "lsm/manifest.h"
 #include "lsm/recovery.h"
 #include "lsm/wal.h"
 #include "store/meta_store.h"
+#include "tools/common/text_table.h"
 
 namespace kandb::ctl {
 

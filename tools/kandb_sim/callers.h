@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "client/pd_client.h"
-#include "kandb_tools/latency_histogram.h"
+#include "tools/common/latency_histogram.h"
 
 namespace kandb::sim {
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "kandb_tools/text_table.h"
+#include "tools/common/text_table.h"
 
 namespace kandb::sim {
 
