@@ -245,16 +245,13 @@ void Measure(const Options& options, int port, EchoProcess* echo, pid_t server,
 
 void MeasureSize(const Options& options, EchoProcess* echo, const Size& size, bool smallest) {
   const testing::TempDir dir;
-  const std::string port = std::to_string(testing::FreePort());
-  testing::ServerProcess server({"--port=" + port, "--bind_addr=127.0.0.1",
-                                 "--data_dir=" + dir.File("state"), "--target_replicas=3"});
-  Check(!server.ReadBanner().empty(), "the server did not start");
-  FillCluster(std::stoi(port), size);
+  const testing::ListeningServer server(dir.path(), {}, {"--target_replicas=3"});
+  FillCluster(server.port(), size);
   for (const Method& method : methods) {
     if (std::string_view(method.name).find(options.only) == std::string_view::npos) continue;
     if (!method.depends_on_size && !smallest) continue;
     const auto measure = [&](int connections, bool one_core) {
-      Measure(options, std::stoi(port), echo, server.pid(), method, size, connections, one_core);
+      Measure(options, server.port(), echo, server.pid(), method, size, connections, one_core);
     };
     if (smallest) measure(1, true);
     for (const int connections : options.connections) measure(connections, false);

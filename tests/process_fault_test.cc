@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <map>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -26,6 +25,7 @@
 #include "support/eventually.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
+#include "tools/common/disjoint_ranges.h"
 
 namespace kandb {
 namespace {
@@ -44,28 +44,27 @@ Region RegionAtKey(std::uint64_t id, const std::string& key, std::size_t padding
 
 // --- Killed under load ---
 
-// Numbers that were handed out in runs: none twice, and none below one that somebody had before it
-// was asked for. One past the last number of a run, mapped to its first.
+// Numbers that were handed out: none twice, and none below one that a client had received before
+// the request for it was sent. Thread-safe.
 class HandedOut {
  public:
   std::uint64_t end() {
     const std::lock_guard lock(mutex);
-    return runs.empty() ? 0 : runs.rbegin()->first;
+    return ranges.end();
   }
 
-  // `floor` is what end() was before the request.
-  void Add(std::uint64_t floor, std::uint64_t first, std::uint64_t count) {
+  // `least` is what end() was before the request.
+  void Add(std::uint64_t least, std::uint64_t first, std::uint64_t count) {
     const std::lock_guard lock(mutex);
-    const auto next = runs.upper_bound(first);
-    EXPECT_TRUE(first >= floor && (next == runs.end() || next->second >= first + count)) << first;
-    runs[first + count] = first;
+    EXPECT_GE(first, least);
+    EXPECT_TRUE(ranges.Add(first, count)) << first;
   }
 
-  void Forget() { runs.clear(); }
+  void Forget() { ranges = {}; }
 
  private:
   std::mutex mutex;
-  std::map<std::uint64_t, std::uint64_t> runs;
+  tools::DisjointRanges ranges;
 };
 
 constexpr std::uint64_t kClients = 8;
@@ -170,10 +169,10 @@ class KillLoop {
 
   template <class Response, class Call>
   Status Take(HandedOut* numbers, std::uint32_t count, std::uint64_t Response::*first, Call call) {
-    const std::uint64_t floor = numbers->end();
+    const std::uint64_t least = numbers->end();
     Response taken;
     if (Status s = call(&taken); !s.ok()) return s;
-    numbers->Add(floor, taken.*first, count);
+    numbers->Add(least, taken.*first, count);
     ++runs;
     return {};
   }

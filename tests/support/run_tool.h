@@ -1,14 +1,17 @@
 // The tool that is tested (KANDB_TOOL_BINARY) as a child process, run to its end.
 #pragma once
 
+#include <fcntl.h>
 #include <linux/capability.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
 #include <sstream>
 
-#include "support/child_process.h"
 #include "support/temp_dir.h"
+#include "tools/common/child_process.h"
 
 namespace kandb::testing {
 
@@ -24,7 +27,7 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments,
   const TempDir dir;
   const std::string streams[] = {dir.File("in"), dir.File("out"), dir.File("err")};
   WriteFile(streams[0], input);
-  ChildProcess tool(KANDB_TOOL_BINARY, arguments, ".", [&] {
+  const auto in_child = [&] {
     // Root, too, is then bound by the modes of files.
     ::prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0);
     ::prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0);
@@ -32,8 +35,9 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments,
       const int flags = fd == 0 ? O_RDONLY : O_WRONLY | O_CREAT;
       ::dup2(::open(streams[fd].c_str(), flags | O_CLOEXEC, 0600), fd);
     }
-  });
-  std::string unused;  // the pipe is left to nobody
+  };
+  tools::ChildProcess tool(KANDB_TOOL_BINARY, arguments, {.in_child = in_child});
+  std::string unused;  // standard error is a file
   const int exit_status = tool.WaitForExit(&unused);
   return {exit_status, ReadFile(streams[1]), ReadFile(streams[2])};
 }

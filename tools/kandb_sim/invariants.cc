@@ -1,7 +1,6 @@
 #include "kandb_sim/invariants.h"
 
 #include <algorithm>
-#include <iterator>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -120,21 +119,11 @@ Status CheckLookup(const Cluster& cluster, const std::string& key,
                             Describe(reported));
 }
 
-Status Runs::Add(const std::string& what, std::uint64_t first, std::uint64_t count) {
-  const std::uint64_t end = first + count;
-  const auto after = ends.lower_bound(first);
-  const auto before = after == ends.begin() ? ends.end() : std::prev(after);
-  if (end <= first || (after != ends.end() && after->first < end) ||
-      (before != ends.end() && before->second > first)) {
-    return Status::Corruption(what + " " + std::to_string(first) + " to " +
-                              std::to_string(end - 1) + ": some were handed out before");
-  }
-  if (before != ends.end() && before->second == first) {
-    before->second = end;
-  } else {
-    ends[first] = end;
-  }
-  return {};
+Status AddDisjoint(const std::string& what, std::uint64_t first, std::uint64_t count,
+                   tools::DisjointRanges* ranges) {
+  if (ranges->Add(first, count)) return {};
+  return Status::Corruption(what + " " + std::to_string(first) + " to " +
+                            std::to_string(first + count - 1) + ": some were handed out before");
 }
 
 }  // namespace kandb::sim

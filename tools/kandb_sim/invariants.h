@@ -2,14 +2,13 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "common/status.h"
 #include "kandb_sim/cluster.h"
 #include "pdpb/messages.h"
+#include "tools/common/disjoint_ranges.h"
 
 namespace kandb::sim {
 
@@ -31,16 +30,9 @@ Status CheckCommands(const Cluster& cluster, const pdpb::RegionHeartbeatRequest&
 Status CheckLookup(const Cluster& cluster, const std::string& key,
                    const pdpb::GetRegionResponse& answer, bool at_rest);
 
-// Runs of numbers, as the server hands them out, of which no two may share one.
-class Runs {
- public:
-  // `what` names the numbers in a failure.
-  Status Add(const std::string& what, std::uint64_t first, std::uint64_t count);
-  // Above all that were added; 0 when there are none.
-  std::uint64_t end() const { return ends.empty() ? 0 : ends.rbegin()->second; }
-
- private:
-  std::map<std::uint64_t, std::uint64_t> ends;  // by first; runs that touch are one
-};
+// Adds a range that the server has handed out; fails when it shares a number with an earlier one.
+// `what` names the numbers in a failure.
+Status AddDisjoint(const std::string& what, std::uint64_t first, std::uint64_t count,
+                   tools::DisjointRanges* ranges);
 
 }  // namespace kandb::sim

@@ -141,7 +141,7 @@ Status Simulation::GetIds(std::size_t wanted) {
   if (Status s = callers.RunAll(); !s.ok()) return s;
   for (const pdpb::AllocIdResponse& answer : answers) {
     if (answer.count != request.count) return Status::Corruption("not as many ids as wanted");
-    if (Status s = all_ids.Add("ids", answer.first_id, answer.count); !s.ok()) return s;
+    if (Status s = AddDisjoint("ids", answer.first_id, answer.count, &all_ids); !s.ok()) return s;
     seen.ids += answer.count;
     for (std::uint64_t i = 0; i < answer.count; ++i) ids.push_back(answer.first_id + i);
   }

@@ -65,18 +65,19 @@ Status Simulation::CheckTimestamps() {
     });
   }
   if (Status s = callers.RunAll(); !s.ok()) return s;
-  Runs runs;
+  tools::DisjointRanges ranges;
   for (const Answers& answers : taken) {
     for (const pdpb::TsoResponse& answer : answers) {
       if (answer.timestamp < timestamps_end) {
         return Status::Corruption("timestamp " + std::to_string(answer.timestamp) +
                                   " is not above those of the round before");
       }
-      if (Status s = runs.Add("timestamps", answer.timestamp, answer.count); !s.ok()) return s;
+      if (Status s = AddDisjoint("timestamps", answer.timestamp, answer.count, &ranges); !s.ok())
+        return s;
       seen.timestamps += answer.count;
     }
   }
-  timestamps_end = runs.end();
+  timestamps_end = ranges.end();
   return {};
 }
 

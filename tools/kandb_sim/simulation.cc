@@ -62,7 +62,8 @@ Status Simulation::SetUp() {
     return session->Call(&PdClient::AllocId, {options.store_count}, &store_ids);
   });
   if (Status s = callers.RunAll(); !s.ok()) return s;
-  if (Status s = all_ids.Add("ids", store_ids.first_id, store_ids.count); !s.ok()) return s;
+  if (Status s = AddDisjoint("ids", store_ids.first_id, store_ids.count, &all_ids); !s.ok())
+    return s;
   const std::size_t ids_per_region = Cluster::IdsPerRegion(options);
   if (Status s = GetIds(Cluster::StartRegions(options) * ids_per_region); !s.ok()) return s;
   cluster.emplace(options, store_ids.first_id, &random, &ids);

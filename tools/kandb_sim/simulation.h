@@ -67,7 +67,7 @@ class Simulation {
   Callers callers;
   std::optional<Cluster> cluster;  // from SetUp on
   std::vector<std::uint64_t> ids;  // from the server, not used yet
-  Runs all_ids;
+  tools::DisjointRanges all_ids;
   std::uint64_t timestamps_end = 0;  // above all timestamps of earlier rounds
   const char* phase_name = "";
   SteadyClock::time_point next_progress;
