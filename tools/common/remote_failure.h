@@ -1,5 +1,5 @@
-// What a failure of a call says about the server. The client hands the server's error on as a text, so its
-// kind can only be read from that; this is the one place that does.
+// What a failure of a call says about the server. The client hands the server's error on as a text,
+// so its kind can only be read from that; this is the one place that does.
 #pragma once
 
 #include "common/status.h"

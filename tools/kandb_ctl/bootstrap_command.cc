@@ -4,7 +4,10 @@
 #include <cstdio>
 #include <memory>
 
-#include "kandb_ctl/online.h"
+#include "kandb_ctl/connection.h"
+#include "kandb_ctl/json_input.h"
+#include "kandb_ctl/key_text.h"
+#include "kandb_ctl/options.h"
 
 namespace kandb::ctl {
 

@@ -8,7 +8,9 @@
 
 #include "kandb_ctl/bootstrap_command.h"
 #include "kandb_ctl/command.h"
-#include "kandb_ctl/online.h"
+#include "kandb_ctl/connection.h"
+#include "kandb_ctl/json_input.h"
+#include "kandb_ctl/row_writer.h"
 #include "tools/common/text_table.h"
 
 namespace kandb::ctl {
@@ -40,7 +42,7 @@ int RunTso(const Context& context, std::uint32_t count) {
   Json row = ToJson(answer);
   row["physical"] = UtcDate(answer.timestamp >> kLogicalBits);
   row["logical"] = answer.timestamp & kMaxTimestamps;
-  PrintRow(context, row);
+  PrintRow(row, context.json);
   return kExitOk;
 }
 
@@ -59,9 +61,10 @@ int RunAllocId(const Context& context, std::uint32_t count) {
   Connection connection(context);
   pdpb::AllocIdResponse answer;
   if (Status s = connection.pd.AllocId({count}, &answer); !s.ok()) return Fail(s);
-  PrintRow(context, {{"first_id", answer.first_id},
-                     {"last_id", answer.first_id + answer.count - 1},
-                     {"count", answer.count}});
+  PrintRow({{"first_id", answer.first_id},
+            {"last_id", answer.first_id + answer.count - 1},
+            {"count", answer.count}},
+           context.json);
   return kExitOk;
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kandb_ctl/command.h"
+#include "kandb_ctl/options.h"
 #include "kandb_ctl/row_writer.h"
 #include "kandb_ctl/state_directory.h"
 #include "lsm/manifest.h"
@@ -121,10 +122,7 @@ void AddFileCommands(CLI::App* app, Context* context) {
     const auto arguments = std::make_shared<FileArguments>();
     CLI::App* command = app->add_subcommand(name, description);
     command->add_option("FILE", arguments->path, "the file")->required()->check(CLI::ExistingFile);
-    if (print != PrintManifest) {
-      command->add_option("--passphrase-file", arguments->passphrase_file,
-                          "file with the passphrase that opens sealed values");
-    }
+    if (print != PrintManifest) AddPassphraseOption(command, &arguments->passphrase_file);
     command->callback([arguments, context, print] {
       context->run = [arguments, context, print] { return print(*arguments, context->json); };
     });

@@ -41,6 +41,8 @@ std::string KeyText(std::string_view key) {
   return text;
 }
 
+std::string KeyCell(const std::string& key) { return key.empty() ? "\"\"" : KeyText(key); }
+
 std::optional<std::string> ParseKey(std::string_view text) {
   std::string key;
   if (text.starts_with(kHexPrefix)) {

@@ -11,6 +11,9 @@ namespace kandb::ctl {
 
 std::string KeyText(std::string_view key);
 
+// As KeyText, but an empty key is "", as on a command line.
+std::string KeyCell(const std::string& key);
+
 // Nothing for a text that is neither: an unknown or torn escape, an odd number of digits.
 std::optional<std::string> ParseKey(std::string_view text);
 

@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "kandb_ctl/command.h"
+#include "kandb_ctl/connection.h"
 #include "kandb_ctl/load_methods.h"
-#include "kandb_ctl/online.h"
+#include "kandb_ctl/row_writer.h"
 #include "tools/common/latency_histogram.h"
+#include "tools/common/remote_failure.h"
 
 namespace kandb::ctl {
 
@@ -65,7 +67,7 @@ Result RunConnection(const Context& context, const Arguments& arguments, std::ui
     ++result.errors;
     progress->errors.fetch_add(1, std::memory_order_relaxed);
     result.last_error = status;
-    if (status.message().starts_with("remote: ")) return;
+    if (tools::RemoteFailureOf(status) != tools::RemoteFailure::kNone) return;
     result.server_gone = true;
     progress->server_gone.store(true, std::memory_order_relaxed);
   };
@@ -122,15 +124,16 @@ void PrintResult(const Context& context, const Arguments& arguments, double seco
                  const Result& result) {
   const tools::LatencyHistogram& latencies = result.latencies;
   const auto us = [](std::uint64_t ns) { return static_cast<double>(ns) / 1000; };
-  PrintRow(context, {{"method", arguments.method},
-                     {"connections", arguments.connection_count},
-                     {"requests", latencies.count()},
-                     {"errors", result.errors},
-                     {"requests_per_s", static_cast<double>(latencies.count()) / seconds},
-                     {"p50_us", us(latencies.PercentileNs(0.5))},
-                     {"p99_us", us(latencies.PercentileNs(0.99))},
-                     {"p99.9_us", us(latencies.PercentileNs(0.999))},
-                     {"max_us", us(latencies.max_ns())}});
+  PrintRow({{"method", arguments.method},
+            {"connections", arguments.connection_count},
+            {"requests", latencies.count()},
+            {"errors", result.errors},
+            {"requests_per_s", static_cast<double>(latencies.count()) / seconds},
+            {"p50_us", us(latencies.PercentileNs(0.5))},
+            {"p99_us", us(latencies.PercentileNs(0.99))},
+            {"p99.9_us", us(latencies.PercentileNs(0.999))},
+            {"max_us", us(latencies.max_ns())}},
+           context.json);
   // The numbers come before the errors, even where both streams are one.
   (void)std::fflush(stdout);
 }

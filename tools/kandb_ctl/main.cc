@@ -10,11 +10,6 @@
 
 namespace kandb::ctl {
 
-int Fail(const Status& status) {
-  std::fprintf(stderr, "kandb-ctl: %s\n", status.message().c_str());
-  return kExitFailed;
-}
-
 namespace {
 
 int Run(int argc, char** argv) {

@@ -1,11 +1,14 @@
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
-#include <string_view>
 #include <utility>
 
 #include "kandb_ctl/command.h"
-#include "kandb_ctl/online.h"
+#include "kandb_ctl/connection.h"
+#include "kandb_ctl/json_input.h"
+#include "kandb_ctl/key_text.h"
+#include "kandb_ctl/options.h"
+#include "tools/common/remote_failure.h"
 #include "tools/common/text_table.h"
 
 namespace kandb::ctl {
@@ -63,11 +66,10 @@ void AddGet(CLI::App* region, Context* context) {
 // `*next_key` is then where to go on, otherwise empty.
 Status WalkRegions(client::PdClient* pd, std::string key, std::uint32_t limit,
                    std::vector<pdpb::GetRegionResponse>* found, std::string* next_key) {
-  constexpr std::string_view kGap = "remote: NotFound: no region covers key";
   while (found->size() < limit) {
     pdpb::GetRegionResponse answer;
     Status status = pd->GetRegion({key}, &answer);
-    if (status.message() == kGap) {
+    if (tools::RemoteFailureOf(status) == tools::RemoteFailure::kNoRegionCoversKey) {
       return Status::NotFound("gap at " + KeyCell(key) +
                               ": no region covers it; the walk ends here "
                               "(continue with --start-key)");

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "kandb_ctl/finding.h"
 #include "kandb_ctl/state_directory.h"
 
 namespace kandb::ctl {

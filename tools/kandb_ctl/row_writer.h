@@ -29,6 +29,9 @@ class RowWriter {
   const bool json;
 };
 
+// An object of numbers and texts: as JSON, or as a table of one row.
+void PrintRow(const Json& object, bool as_json);
+
 // Adds "key", "kind" and the decoded "record" of a stored pair to `*row`; for a value that does not
 // decode, its bytes and the "error".
 void AddPair(std::string_view key, std::string_view stored, const store::StoreCrypto& crypto,

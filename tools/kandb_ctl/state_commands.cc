@@ -4,13 +4,14 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <limits>
 #include <memory>
 
 #include "kandb_ctl/command.h"
+#include "kandb_ctl/options.h"
 #include "kandb_ctl/row_writer.h"
 #include "kandb_ctl/state_directory.h"
 #include "kandb_ctl/state_summary.h"
+#include "kandb_ctl/verify_directory.h"
 #include "lsm/recovery.h"
 
 namespace kandb::ctl {
@@ -42,8 +43,7 @@ int DumpRecords(const std::string& dir, const store::StoreCrypto& crypto, bool j
     }
     return true;
   };
-  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
-  if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, write); !s.ok()) return Fail(s);
+  if (Status s = ForEachRecord(view, write); !s.ok()) return Fail(s);
   return exit_status;
 }
 
@@ -119,8 +119,7 @@ void AddStateCommands(CLI::App* app, Context* context) {
     command->add_option("DIR", arguments->dir, "the state directory")
         ->required()
         ->check(CLI::ExistingDirectory);
-    command->add_option("--passphrase-file", arguments->passphrase_file,
-                        "file with the passphrase that opens sealed values");
+    AddPassphraseOption(command, &arguments->passphrase_file);
     command->callback([arguments, context, action] {
       context->run = [arguments, context, action] {
         if (Status s = RefuseRunningServer(arguments->dir); !s.ok()) return Fail(s);

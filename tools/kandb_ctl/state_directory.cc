@@ -9,7 +9,6 @@
 #include "kandb_ctl/key_text.h"
 #include "lsm/directory_lock.h"
 #include "lsm/recovery.h"
-#include "lsm/scan_iterator.h"
 #include "meta/keys.h"
 
 namespace kandb::ctl {
@@ -91,11 +90,17 @@ Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto,
     if (!oddity.empty()) loaded.oddities.push_back(KeyText(key) + ": " + oddity);
     return true;
   };
-  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
-  if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, take); !s.ok()) return s;
+  if (Status s = ForEachRecord(view, take); !s.ok()) return s;
   *cluster = std::move(loaded);
   return {};
 }
+
+Status ForEachRecord(const lsm::ReadView& view, const lsm::PairVisitor& visit) {
+  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
+  return lsm::ForEachLive(view, "", "", kNoLimit, visit);
+}
+
+std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 // The lock is released at once: looking must not keep a server from starting.
 Status RefuseRunningServer(const std::string& dir) {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "common/status.h"
+#include "lsm/scan_iterator.h"
 #include "lsm/sst_reader.h"
 #include "pdpb/messages.h"
 #include "store/value_envelope.h"
@@ -35,6 +35,12 @@ Status RefuseRunningServer(const std::string& dir);
 // Reads what the server would hold after its next start. Fails where the server would fail to open
 // it.
 Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto, ClusterState* cluster);
+
+// Hands every live pair to `visit`, in the order of the keys. Fails only as reading a table does.
+Status ForEachRecord(const lsm::ReadView& view, const lsm::PairVisitor& visit);
+
+// The name of a file without its directory.
+std::string NameOf(const std::string& path);
 
 // A stored pair, decoded as what its key says it is.
 struct StoredRecord {
@@ -60,17 +66,5 @@ Status ReadPassphraseFile(const std::string& path, store::StoreCrypto* crypto);
 // the file goes so far.
 Status OpenTable(const std::string& path, std::shared_ptr<lsm::SstReader>* table,
                  std::optional<std::uint64_t>* damage_offset);
-
-// Something wrong with the directory or the records in it.
-struct Finding {
-  std::string where;  // a file with an offset, or a key
-  std::string text;
-};
-
-// Checks every file and record on its own and the records against one another; see `kandb-ctl state
-// verify --help` for what is checked. `progress` is called now and then with the share of the bytes
-// done, 0 to 1.
-std::vector<Finding> VerifyDirectory(const std::string& dir, const store::StoreCrypto& crypto,
-                                     const std::function<void(double)>& progress);
 
 }  // namespace kandb::ctl

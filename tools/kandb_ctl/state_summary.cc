@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,8 +21,6 @@ namespace {
 constexpr const char* kLog = "log, replayed";
 constexpr const char* kLiveTable = "table";
 constexpr const char* kOrphan = "orphaned table, deleted by the next start";
-
-std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 // What the files are that the next start does not ignore, by their names.
 std::map<std::string, const char*> KnownFiles(const std::string& dir,
@@ -104,8 +101,7 @@ Status CountCluster(const lsm::ReadView& view, const store::StoreCrypto& crypto,
     if (const auto* mark = std::get_if<std::uint64_t>(&record.content)) id_mark = *mark;
     return true;
   };
-  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
-  if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, count); !s.ok()) return s;
+  if (Status s = ForEachRecord(view, count); !s.ok()) return s;
   *cluster = {{"bootstrapped", counts["bootstrapped"] > 0},
               {"id_mark", id_mark ? Json(*id_mark) : Json()},
               {"stores", counts["store"]},

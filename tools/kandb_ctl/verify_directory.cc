@@ -1,10 +1,7 @@
-// Checks of a whole state directory: file by file, then the live records against one another. The
-// logs and tables that the file checks read make up the view from which the records come, so that
-// no log is read twice.
+#include "kandb_ctl/verify_directory.h"
 
 #include <algorithm>
 #include <filesystem>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -14,7 +11,6 @@
 #include "kandb_ctl/key_text.h"
 #include "kandb_ctl/state_directory.h"
 #include "lsm/manifest.h"
-#include "lsm/scan_iterator.h"
 #include "lsm/sst_reader.h"
 #include "lsm/wal.h"
 
@@ -23,8 +19,6 @@ namespace kandb::ctl {
 namespace {
 
 constexpr std::size_t kReadSize = lsm::SstReader::Iterator::kMaxReadSize;
-
-std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 std::string Place(const std::string& path, std::uint64_t offset) {
   return NameOf(path) + " offset " + std::to_string(offset);
@@ -47,6 +41,8 @@ struct Tally {
   }
 };
 
+// The WALs and tables that the file checks read become the view from which the records come, so
+// that no WAL is read twice.
 class Verification {
  public:
   Verification(const std::string& dir, const store::StoreCrypto& store_crypto,
@@ -257,8 +253,7 @@ void Verification::CheckRecords() {
     Advance(key.size() + stored.size());
     return true;
   };
-  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
-  if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, take); !s.ok()) {
+  if (Status s = ForEachRecord(view, take); !s.ok()) {
     return Add("records", "not checked: " + s.message());
   }
   CheckCluster(cluster, &findings);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "tools/common/message_names.h"
 #include "tools/common/text_table.h"
 
 namespace kandb::sim {
@@ -41,12 +42,10 @@ Cells LeadersRow(const char* name, std::vector<std::size_t> counts) {
 }
 
 void PrintCommands(const Results& results) {
-  constexpr const char* kNames[] = {"PromoteLearner", "AddPeer", "RemovePeer",
-                                    "DestroyStaleReplica", "TransferLeader"};
   std::vector<Cells> rows;
-  for (std::size_t kind = 1; kind <= std::size(kNames); ++kind) {
-    rows.push_back(
-        {kNames[kind - 1], Text(results.commands_given[kind]), Text(results.commands_done[kind])});
+  for (const auto& [known, name] : tools::kEnumNames<pdpb::ScheduleKind>) {
+    const auto kind = static_cast<std::size_t>(known);
+    rows.push_back({name, Text(results.commands_given[kind]), Text(results.commands_done[kind])});
   }
   PrintTable({"command", "given", "carried out"}, std::move(rows));
 }

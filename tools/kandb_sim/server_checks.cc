@@ -5,10 +5,13 @@
 
 #include "kandb_sim/key_space.h"
 #include "kandb_sim/simulation.h"
+#include "tools/common/remote_failure.h"
 
 namespace kandb::sim {
 
 using client::PdClient;
+using tools::RemoteFailure;
+using tools::RemoteFailureOf;
 
 Status Simulation::CheckServer() {
   if (Status s = CheckModel(*cluster); !s.ok()) return s;
@@ -24,7 +27,7 @@ void Simulation::AddLookup(bool at_rest) {
   callers.Add(RandomUpStore(), [this, at_rest, key = RandomKey()](Session* session) -> Status {
     pdpb::GetRegionResponse answer;
     Status status = session->Call(&PdClient::GetRegion, {key}, &answer);
-    if (!at_rest && status.message().ends_with("NotFound: no region covers key")) {
+    if (!at_rest && RemoteFailureOf(status) == RemoteFailure::kNoRegionCoversKey) {
       seen.missed_during_changes.fetch_add(1, std::memory_order_relaxed);  // only counted
       return {};
     }

@@ -6,9 +6,13 @@
 #include <cstdio>
 #include <utility>
 
+#include "tools/common/remote_failure.h"
+
 namespace kandb::sim {
 
 using client::PdClient;
+using tools::RemoteFailure;
+using tools::RemoteFailureOf;
 
 namespace {
 
@@ -53,7 +57,7 @@ Status Simulation::SetUp() {
   callers.Add(0, [&](Session* session) -> Status {
     pdpb::GetRegionResponse answer;
     const Status status = session->Call(&PdClient::GetRegion, {}, &answer);
-    if (status.message().ends_with("NotFound: cluster not bootstrapped")) return {};
+    if (RemoteFailureOf(status) == RemoteFailure::kNotBootstrapped) return {};
     return status.ok() ? in_use : status;
   });
   if (Status s = callers.RunAll(); !s.ok()) return s;
