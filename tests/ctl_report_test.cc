@@ -24,7 +24,7 @@ json DataOf(const std::string& page) {
 
 // Regions 1 and 2 overlap, a gap follows, 3 is the last one; 4 is reversed and covers nothing.
 TEST(ReportPage, HoldsTheRegionsWithTheirGapsAndOverlaps) {
-  const std::string hostile = "</script><!--\"'&\\\xff\n";
+  const std::string hostile = "</script>{{data}}<!--\"'&\\\xff\n";
   ClusterState cluster;
   cluster.stores = {{1, "</script>\xfe\"", 0}};
   cluster.regions = {{3, "t", "", {}, {}},
@@ -33,7 +33,7 @@ TEST(ReportPage, HoldsTheRegionsWithTheirGapsAndOverlaps) {
                      {UINT64_MAX, "", "c", {5, 6}, {{8, 1, pdpb::PeerRole::kVoter}}}};
   const std::string page = Page(cluster, {});
   EXPECT_EQ(DataOf(page), json::parse(R"({
-      "bounds": ["", "</script><!--\"'&\\\\\\xff\\x0a", "c", "m", "t"],
+      "bounds": ["", "</script>{{data}}<!--\"'&\\\\\\xff\\x0a", "c", "m", "t"],
       "pieces": [[0], [0, 1], [1], [], [3]], "max_regions_per_piece": 8,
       "regions": [["18446744073709551615", 0, 2, "5", "6", [["8", "1"]]],
                   ["2", 1, 3, "0", "0", [["9", "77", "learner"]]],

@@ -9,10 +9,8 @@
 
 #include "kandb_ctl/json_message.h"
 #include "kandb_ctl/key_text.h"
-#include "kandb_ctl/report_band_part.h"
+#include "kandb_ctl/report_files.h"
 #include "kandb_ctl/report_key_space.h"
-#include "kandb_ctl/report_regions_part.h"
-#include "kandb_ctl/report_style.h"
 
 namespace kandb::ctl {
 
@@ -68,8 +66,8 @@ std::string Fact(const char* name, const std::string& text) {
   return "<div><dt>" + std::string(name) + "</dt><dd>" + Html(text) + "</dd></div>\n";
 }
 
-std::string HeadSection(const std::string& dir, std::chrono::system_clock::time_point made_at,
-                        const ClusterState& cluster, std::size_t finding_count) {
+std::string SummarySection(const std::string& dir, std::chrono::system_clock::time_point made_at,
+                           const ClusterState& cluster, std::size_t finding_count) {
   return "<header>\n<h1>" + Html(dir) + "</h1>\n<dl>\n" + Fact("Made", TimeText(made_at)) +
          Fact("Bootstrapped", cluster.bootstrapped ? "yes" : "no") +
          Fact("Ids mark", cluster.id_mark ? std::to_string(*cluster.id_mark) : "none") +
@@ -79,10 +77,9 @@ std::string HeadSection(const std::string& dir, std::chrono::system_clock::time_
          std::to_string(finding_count) + "</a></dd></div>\n</dl>\n</header>\n";
 }
 
-std::string KeySpaceSection(const KeySpace& space) {
-  return "<section id=\"key-space\">\n<h2>Key space</h2>\n<p>" +
-         Counted(space.regions.size(), "region") + ", " + Counted(space.gap_count, "gap") + ", " +
-         Counted(space.overlap_count, "overlap") + std::string(kBandHtml) + "</section>\n";
+std::string CountsText(const KeySpace& space) {
+  return Counted(space.regions.size(), "region") + ", " + Counted(space.gap_count, "gap") + ", " +
+         Counted(space.overlap_count, "overlap");
 }
 
 std::string FindingsSection(const ClusterState& cluster, const std::vector<Finding>& findings) {
@@ -206,22 +203,45 @@ std::string PageData(const ClusterState& cluster, const KeySpace& space) {
   return text;
 }
 
+// The template with each {{name}} replaced by the part of that name, in one pass: a part may
+// contain any text. Every name must be known.
+std::string FillTemplate(std::string_view text,
+                         const std::map<std::string_view, std::string_view>& parts) {
+  constexpr std::string_view kOpen = "{{";
+  constexpr std::string_view kClose = "}}";
+  std::string page;
+  for (;;) {
+    const std::size_t open = text.find(kOpen);
+    if (open == text.npos) return page.append(text);
+    const std::size_t close = text.find(kClose, open);
+    page += text.substr(0, open);
+    page += parts.at(text.substr(open + kOpen.size(), close - open - kOpen.size()));
+    text.remove_prefix(close + kClose.size());
+  }
+}
+
 }  // namespace
 
 std::string ReportPage(const std::string& dir, std::chrono::system_clock::time_point made_at,
                        const ClusterState& cluster, const std::vector<Finding>& findings) {
   const KeySpace space = CutKeySpace(cluster.regions);
-  return "<!doctype html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
-         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
-         "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
-         "style-src 'unsafe-inline'; script-src 'unsafe-inline'\">\n<title>" +
-         Html(dir) + " - kandb-ctl report</title>\n<style>\n" + std::string(kReportStyle) +
-         "</style>\n</head>\n<body>\n" + HeadSection(dir, made_at, cluster, findings.size()) +
-         KeySpaceSection(space) + FindingsSection(cluster, findings) + "<div class=\"columns\">\n" +
-         StoresSection(cluster) + ReplicasSection(cluster) + "</div>\n" +
-         std::string(kRegionsHtml) + "<script type=\"application/json\" id=\"data\">" +
-         PageData(cluster, space) + "</script>\n<script>\n" + std::string(kRegionsScript) +
-         "</script>\n<script>\n" + std::string(kBandScript) + "</script>\n</body>\n</html>\n";
+  const std::string directory = Html(dir);
+  const std::string summary = SummarySection(dir, made_at, cluster, findings.size());
+  const std::string counts = CountsText(space);
+  const std::string findings_section = FindingsSection(cluster, findings);
+  const std::string stores = StoresSection(cluster);
+  const std::string replicas = ReplicasSection(cluster);
+  const std::string data = PageData(cluster, space);
+  return FillTemplate(kPageHtml, {{"directory", directory},
+                                  {"style.css", kStyleCss},
+                                  {"summary", summary},
+                                  {"counts", counts},
+                                  {"findings", findings_section},
+                                  {"stores", stores},
+                                  {"replicas", replicas},
+                                  {"data", data},
+                                  {"regions.js", kRegionsJs},
+                                  {"band.js", kBandJs}});
 }
 
 }  // namespace kandb::ctl
