@@ -1,5 +1,5 @@
-// Numbers that a server hands out in ranges, such as ids and timestamps, none of which may be
-// handed out twice. Thread-compatible.
+// Ranges of numbers that a server hands out, such as ids and timestamps, none of them twice.
+// Thread-compatible.
 #pragma once
 
 #include <cstdint>

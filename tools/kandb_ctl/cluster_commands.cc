@@ -20,13 +20,13 @@ namespace {
 // --- tso ---
 
 constexpr int kLogicalBits = 18;                                    // of a timestamp
-constexpr std::uint32_t kMaxTimestamps = (1u << kLogicalBits) - 1;  // more would run over
+constexpr std::uint32_t kMaxTimestamps = (1u << kLogicalBits) - 1;  // more would overflow
 
 std::string UtcDate(std::uint64_t unix_ms) {
   const auto seconds = static_cast<std::time_t>(unix_ms / 1000);
   std::tm date{};
   char day_and_time[64] = "";
-  // Years that no calendar of the system reaches stay empty.
+  // Empty for a year beyond the calendar of the system.
   if (::gmtime_r(&seconds, &date) != nullptr) {
     (void)std::strftime(day_and_time, sizeof(day_and_time), "%Y-%m-%dT%H:%M:%S", &date);
   }
@@ -103,7 +103,7 @@ void AddHeartbeat(CLI::App* app, Context* context) {
   CLI::App* command = app->add_subcommand(
       "heartbeat",
       "Sends a heartbeat, JSON from standard input, and shows the commands for the store.\n"
-      "The server takes it for the store's own: leadership is balanced by it until the next one.");
+      "The server treats it as the store's own and balances leadership by it until the next one.");
   command->footer(
       "The JSON is an object with store_id, regions and region_ids; a region has region_id,\n"
       "member_store_ids, caught_up_learner_store_ids and candidate_store_ids.");
@@ -119,7 +119,7 @@ int RunPing(const Context& context, std::uint32_t count, std::uint32_t interval_
   once.client_options.attempts = 1;  // a call that is tried again makes more than one round trip
   Connection connection(once);
   pdpb::TsoResponse answer;
-  // Connects, which is not to be measured.
+  // Connects; the measurement begins after it.
   if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return Fail(s);
   std::vector<double> round_trips_us;
   for (std::uint32_t i = 1; i <= count; ++i) {

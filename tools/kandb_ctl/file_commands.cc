@@ -1,4 +1,4 @@
-// One file of a state directory, decoded as it stands.
+// The commands for one file of a state directory: wal, table, manifest.
 
 #include <memory>
 #include <optional>
@@ -26,7 +26,7 @@ int FailAt(const std::string& path, std::uint64_t offset, const std::string& tex
   return Fail(Status::Corruption(path + " offset " + std::to_string(offset) + ": " + text));
 }
 
-// The rows of a log or a table, and whether all of them decoded.
+// The rows of a WAL or a table, and whether all of them decoded.
 class EntryRows {
  public:
   EntryRows(const FileArguments& arguments, const store::StoreCrypto& store_crypto, bool json)
@@ -127,7 +127,7 @@ void AddFileCommands(CLI::App* app, Context* context) {
       context->run = [arguments, context, print] { return print(*arguments, context->json); };
     });
   };
-  add("wal", "Prints the entries of a log, each with the offset of its record.", PrintLog);
+  add("wal", "Prints the entries of a WAL, each with the offset of its record.", PrintLog);
   add("table", "Prints the entries of a table, each with its offset.", PrintTable);
   add("manifest", "Prints the records of a manifest.", PrintManifest);
 }

@@ -96,7 +96,7 @@ void AddRegionOptions(CLI::App* command, pdpb::Region* region) {
   };
   command
       ->add_option_function<std::vector<std::string>>(
-          "--peer", take_peers, "a replica, again for each; the first stands for the leader")
+          "--peer", take_peers, "a replica, once for each; the first counts as the leader")
       ->type_name("ID:STORE[:learner]")
       ->allow_extra_args(false);
 }

@@ -95,9 +95,9 @@ std::string FindingsSection(const ClusterState& cluster, const std::vector<Findi
     }
     html += "</tbody></table></div>\n";
   }
-  if (!cluster.oddities.empty()) {
+  if (!cluster.warnings.empty()) {
     html += "<h3>Records that are left out of this page</h3>\n<ul class=\"box\">\n";
-    for (const std::string& oddity : cluster.oddities) html += "<li>" + Html(oddity) + "</li>\n";
+    for (const std::string& warning : cluster.warnings) html += "<li>" + Html(warning) + "</li>\n";
     html += "</ul>\n";
   }
   return html + "</section>\n";
@@ -120,7 +120,7 @@ std::string StoresSection(const ClusterState& cluster) {
   std::string html = "<section>\n<h2>Stores</h2>\n";
   if (loads.empty()) return html + "<p>There are no stores.</p>\n</section>\n";
 
-  // One scale for both bars of all stores, so that lengths can be compared across columns.
+  // One scale for all bars, so that lengths can be compared across columns.
   std::size_t largest = 0;
   for (const auto& [id, load] : loads) largest = std::max(largest, load.region_count);
   html +=
@@ -167,7 +167,8 @@ std::string ReplicasSection(const ClusterState& cluster) {
   return html + "</tbody></table></div>\n</section>\n";
 }
 
-// For a script element: its end is sought before anything is parsed, so no tag may show in it.
+// For a script element: a browser looks for the end tag before it parses the data, so the data has
+// no "<".
 std::string PageData(const ClusterState& cluster, const KeySpace& space) {
   Json bounds = Json::array();
   for (const std::string_view bound : space.bounds) bounds.push_back(KeyText(bound));

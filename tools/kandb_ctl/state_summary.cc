@@ -18,11 +18,11 @@ namespace kandb::ctl {
 
 namespace {
 
-constexpr const char* kLog = "log, replayed";
+constexpr const char* kLog = "WAL, replayed";
 constexpr const char* kLiveTable = "table";
 constexpr const char* kOrphan = "orphaned table, deleted by the next start";
 
-// What the files are that the next start does not ignore, by their names.
+// The files that the next start does not ignore, by name.
 std::map<std::string, const char*> KnownFiles(const std::string& dir,
                                               const lsm::ManifestState& manifest) {
   std::map<std::string, const char*> known = {{NameOf(lsm::ManifestFileName(dir)), "manifest"}};
@@ -90,7 +90,7 @@ Json DescribeFiles(const std::string& dir, const lsm::ManifestState& manifest) {
   return list;
 }
 
-// Counts record by record: the list of them would stand in memory a second time.
+// Counts record by record: a list would be a second copy in memory.
 Status CountCluster(const lsm::ReadView& view, const store::StoreCrypto& crypto, Json* cluster) {
   std::map<std::string, std::uint64_t> counts;
   std::optional<std::uint64_t> id_mark;
@@ -106,11 +106,11 @@ Status CountCluster(const lsm::ReadView& view, const store::StoreCrypto& crypto,
               {"id_mark", id_mark ? Json(*id_mark) : Json()},
               {"stores", counts["store"]},
               {"regions", counts["region"]},
-              {"oddities", counts["unknown"]}};
+              {"warnings", counts["unknown"]}};
   return {};
 }
 
-// What a start does with the files, from their descriptions.
+// The effect of a start on the files, from their descriptions.
 Json DescribeStart(const Json& files, const lsm::ManifestState& manifest) {
   std::uint64_t logs = 0;
   std::uint64_t records = 0;
@@ -124,12 +124,12 @@ Json DescribeStart(const Json& files, const lsm::ManifestState& manifest) {
     bytes += file["bytes"].get<std::uint64_t>();
   }
   return {{"fails", nullptr},
-          {"replays_logs", logs},
+          {"replays_wals", logs},
           {"replays_records", records},
           {"replays_bytes", bytes},
           {"memtable_bytes", nullptr},
           {"first_write_switches_memtable", nullptr},
-          {"merges_tables", manifest.sst_files.size() > store::kMaxTableFiles},
+          {"compacts_tables", manifest.sst_files.size() > store::kMaxTableFiles},
           {"deletes", std::move(deletes)}};
 }
 

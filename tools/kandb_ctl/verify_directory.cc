@@ -24,14 +24,14 @@ std::string Place(const std::string& path, std::uint64_t offset) {
   return NameOf(path) + " offset " + std::to_string(offset);
 }
 
-// 0 when it cannot be told; opening the file then says why.
+// 0 when it is unknown: opening the file then fails with the cause.
 std::uint64_t SizeOf(const std::string& path) {
   std::error_code error;
   const std::uintmax_t size = std::filesystem::file_size(path, error);
   return error ? 0 : size;
 }
 
-// How often something was found in a file, and where first: one damaged block can deny every key.
+// How often a fault was found in a file, and where first: a damaged filter can deny every key.
 struct Tally {
   std::uint64_t count = 0;
   std::uint64_t first_offset = 0;
@@ -179,7 +179,7 @@ void Verification::CheckLog(const std::string& path) {
   const std::uint64_t rest = SizeOf(path) - start;
   const std::string& damage = reader.damage().message();
   if (damage.starts_with("torn")) {
-    // In older logs too: no start repairs what the crash before it left.
+    // Older WALs may end so too: no start repairs a record that a crash tore.
     Add(Place(path, start), "torn record at the end: an unacknowledged write");
   } else {
     Add(Place(path, start),
@@ -248,8 +248,8 @@ void Verification::CheckRecords() {
   ClusterState cluster;
   const lsm::ReadView view{.memtables = {memtable}, .tables = tables};
   const auto take = [&](std::string_view key, std::string_view stored) {
-    const std::string oddity = AddToCluster(key, stored, crypto, &cluster);
-    if (!oddity.empty()) Add(KeyText(key), oddity);
+    const std::string warning = AddToCluster(key, stored, crypto, &cluster);
+    if (!warning.empty()) Add(KeyText(key), warning);
     Advance(key.size() + stored.size());
     return true;
   };

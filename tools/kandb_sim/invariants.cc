@@ -29,8 +29,8 @@ bool Contains(const std::vector<std::uint64_t>& ids, std::uint64_t id) {
   return std::ranges::find(ids, id) != ids.end();
 }
 
-// `entry` is what was reported of the region, empty when nothing was. The reporter is never removed
-// and gets no leadership, having it.
+// `entry` is the report on the region, empty when there was none. The reporter leads the region, so
+// it is neither removed nor given leadership.
 bool Fits(const Cluster& cluster, const RegionHeartbeatEntry& entry, std::uint64_t reporter,
           const ScheduleCommand& command) {
   const std::uint64_t store_id = command.store_id;

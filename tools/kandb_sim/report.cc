@@ -63,7 +63,7 @@ void PrintLatencies(const Results& results) {
 
 void PrintCosts(const Results& results) {
   constexpr const char* kReported[] = {"nothing", "its regions", "its replicas too"};
-  // What a row has more than the one before it.
+  // The items that a row has in addition to the one before.
   constexpr const char* kItems[] = {"heartbeat", "region", "replica"};
   const std::uint64_t items[] = {results.leaders_after.size(), results.rest_entries,
                                  results.rest_replica_ids};

@@ -1,4 +1,4 @@
-// Compares what the server says with what the stores have reported.
+// Compares the server's answers with the reports of the stores.
 
 #include <algorithm>
 #include <utility>
@@ -20,8 +20,8 @@ Status Simulation::CheckServer() {
   return CheckTimestamps();
 }
 
-// A lookup that passes over many records while some of them change may find that no region covers
-// the key, though one always does; a client asks again. At rest that is a failure.
+// A lookup while regions change may find that no region covers the key; a client would ask again.
+// At rest that is a failure.
 void Simulation::AddLookup(bool at_rest) {
   ++(at_rest ? seen.lookups : seen.lookups_during_changes);
   callers.Add(RandomUpStore(), [this, at_rest, key = RandomKey()](Session* session) -> Status {
@@ -43,7 +43,7 @@ std::string Simulation::RandomKey() {
   return length > 16 ? cluster->Covering(key).record.start_key : key.substr(0, length);
 }
 
-// On every connection timestamps grow; no two runs share one; all are above those of the round
+// Timestamps grow on every connection, no two ranges share one, and all exceed those of the round
 // before.
 Status Simulation::CheckTimestamps() {
   constexpr std::uint32_t kCallsPerThread = 5;
@@ -84,8 +84,8 @@ Status Simulation::CheckTimestamps() {
   return {};
 }
 
-// From region to region by what the server says, in sections side by side. The server's lookups
-// become slow as regions become many: then only a part is walked, which begins at random.
+// Follows the end keys of the answers from region to region, several sections in parallel. Lookups
+// are slow in a large key space: then only a part of it is walked, from a random region on.
 Status Simulation::Walk() {
   std::vector<const pdpb::Region*> records;
   for (const auto& [start_key, region] : cluster->all_regions()) records.push_back(&region.record);

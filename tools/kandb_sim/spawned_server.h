@@ -1,5 +1,4 @@
-// A server of the simulator's own: a child process on a free port, with a temporary state
-// directory.
+// The simulator's own server: a child process on a free port, with a temporary state directory.
 #pragma once
 
 #include <cstdint>
