@@ -20,7 +20,7 @@ namespace {
 // --- tso ---
 
 constexpr int kLogicalBits = 18;                                    // of a timestamp
-constexpr std::uint32_t kMaxTimestamps = (1u << kLogicalBits) - 1;  // more would overflow
+constexpr std::uint32_t kMaxTimestamps = (1u << kLogicalBits) - 1;  // more would run over
 
 std::string UtcDate(std::uint64_t unix_ms) {
   const auto seconds = static_cast<std::time_t>(unix_ms / 1000);

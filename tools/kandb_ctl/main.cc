@@ -21,8 +21,8 @@ int Run(int argc, char** argv) {
   app.add_option("--server", context.server, "server to talk to, HOST:PORT")->capture_default_str();
   app.add_option(
          "--timeout-ms", context.client_options.timeout_ms,
-         "longest wait for the server in milliseconds: to connect, for each of its addresses, to "
-         "send and to receive; negative for no limit. Looking up its name is not bounded")
+         "longest wait in milliseconds: to connect, for each address of the server, to send, to\n"
+         "receive; negative for no limit; the lookup of the name is not bounded")
       ->capture_default_str();
   app.add_option("--attempts", context.client_options.attempts,
                  "attempts for each call, each with its own waits")
