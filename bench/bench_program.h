@@ -1,4 +1,4 @@
-// What the benchmark programs that print tables of their own share.
+// Shared by the benchmark programs that print tables of their own.
 #pragma once
 
 #include <algorithm>
@@ -16,7 +16,7 @@ inline void Check(bool good, const std::string& what) {
   if (!good) throw std::runtime_error(what);
 }
 
-// The exit status of `body`; 1 after a failure, which is named on standard error.
+// Returns the exit status of `body`; 1 after a failure, which it prints on standard error.
 inline int RunProgram(int argc, char** argv, int (*body)(int argc, char** argv)) try {
   return body(argc, argv);
 } catch (const std::exception& failure) {

@@ -1,4 +1,4 @@
-// The limit of a server with a thread for each connection: a process that only takes requests of
+// The limit of a server with a thread for each connection: a process that only receives requests of
 // one size and sends answers of another, with one recv and one send each.
 #pragma once
 
@@ -23,7 +23,7 @@ namespace kandb::bench {
 
 class EchoProcess {
  public:
-  // What a client sends first.
+  // A client sends this first.
   struct Sizes {
     std::uint32_t request;   // bytes, at least 1
     std::uint32_t response;  // bytes

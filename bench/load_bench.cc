@@ -1,9 +1,9 @@
-// How many requests a second does the real server answer, and how does that grow with connections,
-// regions and stores? Closed loop: each connection has one request at a time. Where a request costs
-// next to nothing the limit is the kernel: an echo process that moves messages of the same sizes
-// runs by turns with the server, and `: echo` is the median ratio within a round. Clients and
-// server share this machine's processors; "1, one core" has both on the same one, which takes the
-// wake-up of an idle core out of the picture.
+// How many requests a second does the real server answer, and how does that change with
+// connections, regions and stores? Closed loop: each connection has one request at a time. Where a
+// request costs next to nothing the limit is the kernel: rounds alternate between the server and an
+// echo process that moves messages of the same sizes, and `: echo` is the median ratio within a
+// round. Clients and server share the processors of this machine; "1, one core" runs both on the
+// same one, without the wake-up of an idle core.
 
 #include <sched.h>
 
@@ -19,11 +19,11 @@
 
 #include "bench_program.h"
 #include "echo_process.h"
-#include "kandb_tools/latency_histogram.h"
 #include "pdpb/messages.h"
 #include "support/raw_connection.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
+#include "tools/common/latency_histogram.h"
 
 namespace kandb::bench {
 namespace {
@@ -60,7 +60,7 @@ const Method methods[] = {
     {"Pd.Tso", false, [](const Size&, std::uint64_t) { return Encode(pdpb::TsoRequest{1}); }},
     {"Pd.AllocId", false,
      [](const Size&, std::uint64_t) { return Encode(pdpb::AllocIdRequest{1}); }},
-    // Of a cluster that exists: writes the record of a store.
+    // In an existing cluster: writes the record of a store.
     {"Pd.Bootstrap", false,
      [](const Size&, std::uint64_t) {
        return Encode(pdpb::BootstrapRequest{{1, "store.example:20160", 0}, {}, {}});
@@ -144,8 +144,8 @@ void Repeat(Clock::time_point deadline, tools::LatencyHistogram* latencies, Exch
   }
 }
 
-// The requests are made before the clock starts, so that the client's share is that of the echo
-// process's client, and the check of the answer's frame.
+// The requests are built before the clock starts, so that the client does no more than the client
+// of the echo process, besides checking the answer's frame.
 Figures LoadServer(int port, const Method& method, const Size& size, int connections,
                    double seconds) {
   constexpr std::uint64_t kRequests = 64;  // of each connection, over and over
@@ -245,16 +245,13 @@ void Measure(const Options& options, int port, EchoProcess* echo, pid_t server,
 
 void MeasureSize(const Options& options, EchoProcess* echo, const Size& size, bool smallest) {
   const testing::TempDir dir;
-  const std::string port = std::to_string(testing::FreePort());
-  testing::ServerProcess server({"--port=" + port, "--bind_addr=127.0.0.1",
-                                 "--data_dir=" + dir.File("state"), "--target_replicas=3"});
-  Check(!server.ReadBanner().empty(), "the server did not start");
-  FillCluster(std::stoi(port), size);
+  const testing::ListeningServer server(dir.path(), {}, {"--target_replicas=3"});
+  FillCluster(server.port(), size);
   for (const Method& method : methods) {
     if (std::string_view(method.name).find(options.only) == std::string_view::npos) continue;
     if (!method.depends_on_size && !smallest) continue;
     const auto measure = [&](int connections, bool one_core) {
-      Measure(options, std::stoi(port), echo, server.pid(), method, size, connections, one_core);
+      Measure(options, server.port(), echo, server.pid(), method, size, connections, one_core);
     };
     if (smallest) measure(1, true);
     for (const int connections : options.connections) measure(connections, false);

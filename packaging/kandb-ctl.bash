@@ -13,7 +13,7 @@ _kandb_ctl() {
     case $word in
       --json | --help | --stdin | --yes | --keep) skip= ;;
       --*) skip=1 ;;
-      = | :) skip=1 ;; # bash takes --name=value and host:port apart at these
+      = | :) skip=1 ;; # bash splits --name=value and host:port at these
       *)
         if [[ $skip ]]; then
           skip=
@@ -33,7 +33,7 @@ _kandb_ctl() {
       return
       ;;
     --json | --help | --stdin | --yes | --keep) ;;
-    --*) return ;; # a value that only the caller knows
+    --*) return ;; # its value has no candidates
   esac
 
   case $command in
@@ -59,7 +59,7 @@ _kandb_ctl() {
     wal | table) candidates="--passphrase-file" ;;
     report) candidates="--out --passphrase-file" ;;
   esac
-  # Options are offered where one is begun, or where nothing else can stand.
+  # Options are offered after a dash, and where nothing else is possible.
   if [[ $current == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$candidates $global" -- "$current")
     return

@@ -3,7 +3,7 @@
 _kandb_sim() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
-  # bash takes an option and its value apart at this sign
+  # bash splits an option and its value at this sign
   [[ $current != = ]] || current=
   [[ $previous != = ]] || previous=${COMP_WORDS[COMP_CWORD - 2]}
   case $previous in
@@ -13,7 +13,7 @@ _kandb_sim() {
       return
       ;;
     --help) ;;
-    --*) return ;; # a value that only the caller knows
+    --*) return ;; # its value has no candidates
   esac
   mapfile -t COMPREPLY < <(compgen -W "--help --spawn --server --stores --regions --target-replicas --rounds
     --quiet-rounds --interval-ms --splits --merges --failures --down-rounds --catch-up-rounds --transfers --lookups

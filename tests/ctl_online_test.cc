@@ -14,7 +14,7 @@
 namespace kandb {
 namespace {
 
-TEST(CtlOnline, DoesAsTheTranscriptSays) {
+TEST(CtlOnline, DoesWhatTheTranscriptSays) {
   const testing::TempDir dir;
   testing::ListeningServer server(dir.path());
   const std::string options = "--server=127.0.0.1:" + std::to_string(server.port());
@@ -55,7 +55,7 @@ $ region upsert --stdin << [{"id":1},{"peers":[{"id":-1}]}]
   EXPECT_EQ(testing::RunTool({"tso", options}).exit_status, 1);
 }
 
-TEST(CtlOnline, BearsAServerThatIsOddOrGoesAway) {
+TEST(CtlOnline, SurvivesAServerThatMisbehavesOrGoesAway) {
   kanrpc::RpcServer server;
   std::atomic<int> calls = 0;
   const auto serve = [&](auto&, auto* answer) {

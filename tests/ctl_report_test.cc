@@ -1,4 +1,4 @@
-// The report page: what it says of a cluster, and that hostile bytes stay data.
+// The report page: its contents for a cluster, and that hostile bytes stay data.
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ std::string Page(const ClusterState& cluster, const std::vector<Finding>& findin
   return ReportPage("<dir>&\"'", {}, cluster, findings);
 }
 
-// As a browser finds it: up to the first end tag, whoever wrote that.
+// As a browser finds it: up to the first end tag, even one inside the data.
 json DataOf(const std::string& page) {
   constexpr std::string_view kBegin = "id=\"data\">";
   const std::size_t begin = page.find(kBegin) + kBegin.size();
@@ -23,8 +23,8 @@ json DataOf(const std::string& page) {
 }
 
 // Regions 1 and 2 overlap, a gap follows, 3 is the last one; 4 is reversed and covers nothing.
-TEST(ReportPage, HoldsTheRegionsWithTheirGapsAndOverlaps) {
-  const std::string hostile = "</script><!--\"'&\\\xff\n";
+TEST(ReportPage, ContainsTheRegionsWithTheirGapsAndOverlaps) {
+  const std::string hostile = "</script>{{data}}<!--\"'&\\\xff\n";
   ClusterState cluster;
   cluster.stores = {{1, "</script>\xfe\"", 0}};
   cluster.regions = {{3, "t", "", {}, {}},
@@ -33,7 +33,7 @@ TEST(ReportPage, HoldsTheRegionsWithTheirGapsAndOverlaps) {
                      {UINT64_MAX, "", "c", {5, 6}, {{8, 1, pdpb::PeerRole::kVoter}}}};
   const std::string page = Page(cluster, {});
   EXPECT_EQ(DataOf(page), json::parse(R"({
-      "bounds": ["", "</script><!--\"'&\\\\\\xff\\x0a", "c", "m", "t"],
+      "bounds": ["", "</script>{{data}}<!--\"'&\\\\\\xff\\x0a", "c", "m", "t"],
       "pieces": [[0], [0, 1], [1], [], [3]], "max_regions_per_piece": 8,
       "regions": [["18446744073709551615", 0, 2, "5", "6", [["8", "1"]]],
                   ["2", 1, 3, "0", "0", [["9", "77", "learner"]]],
@@ -44,7 +44,7 @@ TEST(ReportPage, HoldsTheRegionsWithTheirGapsAndOverlaps) {
   }
 }
 
-TEST(ReportPage, EscapesWhatStandsInItAsHtml) {
+TEST(ReportPage, EscapesHtml) {
   const std::string page = Page({}, {{"<img src=x>", "a & 'b'"}});
   EXPECT_NE(page.find("<h1>&lt;dir&gt;&amp;&quot;&#39;</h1>"), page.npos);
   EXPECT_NE(page.find("&lt;img src=x&gt;</td><td>a &amp; &#39;b&#39;</td>"), page.npos);

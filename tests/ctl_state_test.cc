@@ -1,5 +1,5 @@
-// The offline commands of kandb-ctl, run as a process: on directories that were damaged after the
-// engine wrote them, and on the files that the document of the formats shows as bytes.
+// The offline commands of kandb-ctl, run as a process: on directories damaged after the engine
+// wrote them, and on the files that the document of the formats shows as bytes.
 
 #include <gtest/gtest.h>
 
@@ -27,7 +27,7 @@ lsm::Entry Put(const std::string& key, const auto& record) {
 
 using Batch = std::vector<lsm::Entry>;
 
-// The batch stands in a log; with a small buffer in a table.
+// Writes the batch, which stays in the WAL; with a small buffer it becomes a table.
 void Write(const std::string& dir, std::uint64_t buffer, const Batch& batch) {
   std::unique_ptr<lsm::LsmDb> db;
   ASSERT_TRUE(lsm::LsmDb::Open(dir, {buffer, 8, false}, &db).ok());
@@ -46,9 +46,10 @@ std::string Verify(const std::string& dir) {
 
 constexpr char kManifest[] = "MANIFEST";
 constexpr char kTable[] = "sst-000003.sst";
-constexpr char kLog[] = "wal-000004.log";
+constexpr char kWal[] = "wal-000004.log";
 
-// The entries of the table. The last is one of many deletions, so that no record goes with it.
+// The entries of the table. The last is one of many deletions, so that damage to it affects no
+// record.
 Batch Entries(const char* last_key = "zzt") {
   Batch entries = {Put("pd/region/10", pdpb::Region{10, "", "m", {}, {{11, 1, {}}}}),
                    Put("pd/region/20", pdpb::Region{20, "m", "", {}, {{21, 1, {}}}}),
@@ -124,7 +125,7 @@ Damage MakeDirectory(const char* name) {
   };
 }
 
-// Every file with its time of change.
+// Every file with its contents and time of change.
 std::string ReadAll(const std::string& dir) {
   std::string all;
   for (const auto& file : std::filesystem::directory_iterator(dir)) {
@@ -141,9 +142,9 @@ TEST(StateVerify, NamesTheDamageAndChangesNothing) {
   Write(sound.path(), 1 << 20, {{lsm::kPut, "pd/id_alloc", Hex("e907000000000000")}});
   const std::string manifest = ReadFile(sound.File(kManifest));
   const std::string unknown = manifest + "xst 3\n";
-  const std::string log = ReadFile(sound.File(kLog));
-  std::string damaged_log = log;
-  damaged_log.back() ^= 1;
+  const std::string wal = ReadFile(sound.File(kWal));
+  std::string damaged_wal = wal;
+  damaged_wal.back() ^= 1;
   const std::string table = Table({});
   ASSERT_EQ(ReadFile(sound.File(kTable)), table);
   const std::string data = Data(Entries());
@@ -172,7 +173,7 @@ TEST(StateVerify, NamesTheDamageAndChangesNothing) {
       {MakeDirectory(kManifest), "MANIFEST: manifest read: Is a directory\n" + not_checked},
       {Replace("wal-9223372036854775807.log", ""), ""},  // no number that the engine would use
 
-      {Replace("wal-9.log", log),
+      {Replace("wal-9.log", wal),
        "wal-000009.log: missing; a file with another name for this number is never read\n"},
       {MakeDirectory("wal-000009.log"), "wal-000009.log: no regular file\n"},
       // A file that cannot be read at its start.
@@ -181,11 +182,11 @@ TEST(StateVerify, NamesTheDamageAndChangesNothing) {
        },
        At("wal-000009.log", 0) +
            "wal read: Input/output error; 0 bytes from here on are not replayed\n"},
-      {Forbid(kLog), "wal-000004.log: wal open wal-000004.log: Permission denied\n" + not_checked},
-      {Replace(kLog, log + "1"),
-       At(kLog, log.size()) + "torn record at the end: an unacknowledged write\n"},
-      {Replace(kLog, damaged_log + log), At(kLog, 0) + "record crc mismatch; " +
-                                             std::to_string(2 * log.size()) +
+      {Forbid(kWal), "wal-000004.log: wal open wal-000004.log: Permission denied\n" + not_checked},
+      {Replace(kWal, wal + "1"),
+       At(kWal, wal.size()) + "torn record at the end: an unacknowledged write\n"},
+      {Replace(kWal, damaged_wal + wal), At(kWal, 0) + "record crc mismatch; " +
+                                             std::to_string(2 * wal.size()) +
                                              " bytes from here on are not replayed\n"},
 
       {Remove(kTable),

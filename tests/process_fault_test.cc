@@ -1,5 +1,4 @@
-// The real executable when it is killed again and again under load, and when its disk is full or
-// fails.
+// The real executable when it is killed repeatedly under load, and when its disk is full or fails.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -17,7 +16,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
-#include <map>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -26,6 +24,7 @@
 #include "support/eventually.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
+#include "tools/common/disjoint_ranges.h"
 
 namespace kandb {
 namespace {
@@ -37,48 +36,47 @@ using testing::ListeningServer;
 using testing::TempDir;
 using namespace std::chrono_literals;
 
-// A region of which `key` is the start and, of all regions here, this one covers it alone.
+// A region that starts at `key`, and the only one here that covers it.
 Region RegionAtKey(std::uint64_t id, const std::string& key, std::size_t padding) {
   return {id, key, key + '\0' + std::string(padding, static_cast<char>('a' + id % 26)), {}, {}};
 }
 
 // --- Killed under load ---
 
-// Numbers that were handed out in runs: none twice, and none below one that somebody had before it
-// was asked for. One past the last number of a run, mapped to its first.
+// Numbers that were handed out: none twice, and none below one that a client had received before
+// the request for it was sent. Thread-safe.
 class HandedOut {
  public:
   std::uint64_t end() {
     const std::lock_guard lock(mutex);
-    return runs.empty() ? 0 : runs.rbegin()->first;
+    return ranges.end();
   }
 
-  // `floor` is what end() was before the request.
-  void Add(std::uint64_t floor, std::uint64_t first, std::uint64_t count) {
+  // `least` is what end() was before the request.
+  void Add(std::uint64_t least, std::uint64_t first, std::uint64_t count) {
     const std::lock_guard lock(mutex);
-    const auto next = runs.upper_bound(first);
-    EXPECT_TRUE(first >= floor && (next == runs.end() || next->second >= first + count)) << first;
-    runs[first + count] = first;
+    EXPECT_GE(first, least);
+    EXPECT_TRUE(ranges.Add(first, count)) << first;
   }
 
-  void Forget() { runs.clear(); }
+  void Forget() { ranges = {}; }
 
  private:
   std::mutex mutex;
-  std::map<std::uint64_t, std::uint64_t> runs;
+  tools::DisjointRanges ranges;
 };
 
 constexpr std::uint64_t kClients = 8;
 constexpr std::uint64_t kGroups = 6;     // of each client, which keeps rewriting them
 constexpr std::uint64_t kGroupSize = 3;  // regions, written by one request
 
-// What a client knows of the version of a group; 0 is none.
+// The versions of a group that a client knows; 0 is none.
 struct Versions {
   std::uint64_t acknowledged = 0;
   std::uint64_t sent = 0;
 };
 
-// One region of a group in a version: the whole record follows from these numbers.
+// One region of a group in a version: all of the record follows from these numbers.
 Region RegionOf(std::uint64_t client, std::uint64_t group, std::uint64_t part,
                 std::uint64_t version) {
   const std::uint64_t id = 100 + (client * kGroups + group) * kGroupSize + part;
@@ -88,7 +86,7 @@ Region RegionOf(std::uint64_t client, std::uint64_t group, std::uint64_t part,
   return region;
 }
 
-// The last region of a group exists in every other version only: in between it is removed.
+// The last region of a group exists in odd versions only: even ones remove it.
 bool Exists(std::uint64_t part, std::uint64_t version) {
   return version > 0 && (part + 1 < kGroupSize || version % 2 == 1);
 }
@@ -97,8 +95,8 @@ class KillLoop {
  public:
   explicit KillLoop(std::uint64_t random_seed) : seed(random_seed) {}
 
-  // Checks what the last server left, loads the new one until it has acknowledged `enough` changes
-  // of regions, and kills it.
+  // Checks the state that the last server left, loads a new one until it has acknowledged `enough`
+  // changes of regions, and kills it.
   void RunCycle(std::uint64_t cycle, std::uint64_t enough) {
     ListeningServer server(dir.path());
     Check(server.port());
@@ -116,7 +114,7 @@ class KillLoop {
     if (changes > before) ++productive_cycles;
   }
 
-  // Whether all that was acknowledged is there, and each batch whole. What is found counts as
+  // Checks that everything acknowledged is there, and each batch whole. What is found counts as
   // acknowledged from now on.
   void Check(int port) {
     Caller caller(port);
@@ -133,7 +131,7 @@ class KillLoop {
         }
       }
     }
-    // One bootstrap alone is the first, and its region stays.
+    // Only the first bootstrap creates the cluster, and its region stays.
     BootstrapResponse done;
     EXPECT_TRUE(caller.Bootstrap({{1, "host", 0}, first_region, {}}, &done).ok());
     EXPECT_EQ(done.already_bootstrapped, std::exchange(bootstrapped, true));
@@ -143,12 +141,12 @@ class KillLoop {
 
   const TempDir dir;
   std::atomic<std::uint64_t> changes = 0;  // of regions, acknowledged
-  std::atomic<std::uint64_t> runs = 0;     // of ids or timestamps
+  std::atomic<std::uint64_t> ranges = 0;   // of ids or timestamps
   std::uint64_t checked_records = 0;
   std::uint64_t productive_cycles = 0;
 
  private:
-  // Calls this and that until the server is gone; nothing fails before it is killed.
+  // Calls random methods until the server is gone; no call fails before it is killed.
   void Work(std::uint64_t client, int port, std::uint64_t client_seed) {
     Caller caller(port);
     std::mt19937_64 random(client_seed);
@@ -170,11 +168,11 @@ class KillLoop {
 
   template <class Response, class Call>
   Status Take(HandedOut* numbers, std::uint32_t count, std::uint64_t Response::*first, Call call) {
-    const std::uint64_t floor = numbers->end();
+    const std::uint64_t least = numbers->end();
     Response taken;
     if (Status s = call(&taken); !s.ok()) return s;
-    numbers->Add(floor, taken.*first, count);
-    ++runs;
+    numbers->Add(least, taken.*first, count);
+    ++ranges;
     return {};
   }
 
@@ -193,7 +191,7 @@ class KillLoop {
     return {};
   }
 
-  // What the server has in the place of a region; an empty region when it has none.
+  // The server's region at the start key of `region`; an empty one when there is none.
   static Region Find(Caller* caller, const Region& region) {
     GetRegionResponse found;
     const Status status = caller->GetRegion({region.start_key}, &found);
@@ -232,7 +230,7 @@ TEST(ProcessFaults, KillNineLosesNothingAcknowledged) {
   loop.Check(ListeningServer(loop.dir.path()).port());
   EXPECT_GT(loop.productive_cycles, cycles / 2);
   std::cout << cycles << " cycles, " << loop.productive_cycles << " with acknowledged changes; "
-            << loop.changes << " changes, " << loop.runs << " runs of ids or timestamps, "
+            << loop.changes << " changes, " << loop.ranges << " ranges of ids or timestamps, "
             << loop.checked_records << " records checked\n";
 }
 
@@ -241,8 +239,8 @@ TEST(ProcessFaults, KillNineLosesNothingAcknowledged) {
 constexpr std::size_t kMiB = std::size_t{1} << 20;
 constexpr char kFull[] = "remote: Corruption: wal write: No space left on device";
 
-// A small file system, mounted for this process and its children alone: it goes with the last of
-// them, however they end.
+// A small file system, mounted for this process and its children alone: it is released with the
+// last of them, however they end.
 struct SmallDisk {
   explicit SmallDisk(const char* size) : failure(Mount(size)) {}
   ~SmallDisk() { ::umount2(dir.path().c_str(), MNT_DETACH); }
@@ -264,7 +262,7 @@ struct SmallDisk {
   }
 
   const TempDir dir;
-  const std::string failure;  // why there is none; empty: there is one
+  const std::string failure;  // why it is not mounted; empty when it is
 };
 
 // Writes regions of 4 MiB, and remembers which were acknowledged.
@@ -280,7 +278,7 @@ struct LargeRegions {
     return status;
   }
 
-  // Acknowledged regions are there, refused ones are not; timestamps and heartbeats go on.
+  // Acknowledged regions are there, refused ones are not; timestamps and heartbeats still work.
   void Check(int port) const {
     Caller caller(port);
     TsoResponse timestamp;
@@ -298,9 +296,9 @@ struct LargeRegions {
   std::vector<bool> acknowledged;
 };
 
-constexpr int kLogCapacity = 16;  // regions of 4 MiB until the next log is begun
+constexpr int kWalCapacity = 16;  // regions of 4 MiB
 
-// The space that is left holds the first log, full, but not the table that is made of it.
+// There is space for a full first WAL, but not for the table made of it.
 TEST(ProcessFaults, AFullDiskRefusesChangesUntilThereIsRoom) {
   const SmallDisk disk("size=192m");
   if (!disk.failure.empty()) GTEST_SKIP() << disk.failure;
@@ -309,8 +307,8 @@ TEST(ProcessFaults, AFullDiskRefusesChangesUntilThereIsRoom) {
   ASSERT_EQ(::posix_fallocate(file.get(), 0, 100 * kMiB), 0);
   ListeningServer server(disk.dir.path());
   LargeRegions regions;
-  for (int i = 0; i < kLogCapacity; ++i) ASSERT_TRUE(regions.WriteNext(server.port()).ok());
-  // The attempts to write the table take what space there is, and give it back.
+  for (int i = 0; i < kWalCapacity; ++i) ASSERT_TRUE(regions.WriteNext(server.port()).ok());
+  // The attempts to write the table take the free space, and release it.
   for (int refused = 0; refused < 5;) {
     const Status status = regions.WriteNext(server.port());
     if (status.ok()) continue;
@@ -318,17 +316,17 @@ TEST(ProcessFaults, AFullDiskRefusesChangesUntilThereIsRoom) {
     ++refused;
   }
   regions.Check(server.port());
-  const std::string log = disk.dir.File("pd-data/wal-000001.log");
-  EXPECT_TRUE(std::filesystem::exists(log));
+  const std::string wal = disk.dir.File("pd-data/wal-000001.log");
+  EXPECT_TRUE(std::filesystem::exists(wal));
 
   ASSERT_EQ(::ftruncate(file.get(), 0), 0);
   EXPECT_TRUE(regions.WriteNext(server.port()).ok());
-  EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(log); }));
+  EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(wal); }));
   server.Kill();
   regions.Check(ListeningServer(disk.dir.path()).port());
 }
 
-// Makes every fdatasync of this process fail, and of the program that it becomes.
+// Makes every fdatasync of this process fail, and of the program that it executes.
 void FailSyncs() {
   sock_filter filter[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),

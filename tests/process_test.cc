@@ -57,7 +57,7 @@ TEST(Process, EndsWithAnErrorThatNamesTheCause) {
   }
 }
 
-// The port is taken at 127.0.0.1: a server that listens there, or at every address, does not start.
+// 127.0.0.1 has the port in use: a server that listens there, or at every address, does not start.
 TEST(Process, DoesItsMainJobAcrossARestart) {
   const TempDir dir;
   kanrpc::RpcServer neighbour;

@@ -1,4 +1,4 @@
-// Waits for what other threads or processes bring about.
+// Waits for a condition that other threads or processes make true.
 #pragma once
 
 #include <chrono>
@@ -6,7 +6,7 @@
 
 namespace kandb::testing {
 
-// False when the condition does not come true.
+// False when it is still not true after a minute.
 template <class Condition>
 bool Eventually(Condition condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);

@@ -1,4 +1,4 @@
-// Bytes written by hand: pairs of hexadecimal digits, blanks anywhere.
+// Bytes from pairs of hexadecimal digits, with blanks anywhere.
 #pragma once
 
 #include <string>

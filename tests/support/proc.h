@@ -1,4 +1,4 @@
-// What /proc tells about a process.
+// Figures about a process, from /proc.
 #pragma once
 
 #include <sys/types.h>

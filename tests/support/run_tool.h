@@ -1,14 +1,17 @@
-// The tool that is tested (KANDB_TOOL_BINARY) as a child process, run to its end.
+// Runs the tool under test (KANDB_TOOL_BINARY) as a child process, to its end.
 #pragma once
 
+#include <fcntl.h>
 #include <linux/capability.h>
+#include <sys/prctl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
 #include <sstream>
 
-#include "support/child_process.h"
 #include "support/temp_dir.h"
+#include "tools/common/child_process.h"
 
 namespace kandb::testing {
 
@@ -18,29 +21,30 @@ struct ToolResult {
   std::string err;
 };
 
-// The streams are files, so that none of them can fill up while another one is waited for.
+// The streams are files, so that none can fill up while another is waited for.
 inline ToolResult RunTool(const std::vector<std::string>& arguments,
                           const std::string& input = "") {
   const TempDir dir;
   const std::string streams[] = {dir.File("in"), dir.File("out"), dir.File("err")};
   WriteFile(streams[0], input);
-  ChildProcess tool(KANDB_TOOL_BINARY, arguments, ".", [&] {
-    // Root, too, is then bound by the modes of files.
+  const auto in_child = [&] {
+    // Modes of files then bind root too.
     ::prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE, 0, 0, 0);
     ::prctl(PR_CAPBSET_DROP, CAP_DAC_READ_SEARCH, 0, 0, 0);
     for (int fd = 0; fd < 3; ++fd) {
       const int flags = fd == 0 ? O_RDONLY : O_WRONLY | O_CREAT;
       ::dup2(::open(streams[fd].c_str(), flags | O_CLOEXEC, 0600), fd);
     }
-  });
-  std::string unused;  // the pipe is left to nobody
+  };
+  tools::ChildProcess tool(KANDB_TOOL_BINARY, arguments, {.in_child = in_child});
+  std::string unused;  // standard error is a file
   const int exit_status = tool.WaitForExit(&unused);
   return {exit_status, ReadFile(streams[1]), ReadFile(streams[2])};
 }
 
-// Runs the commands of a transcript and writes down what happens in the same way, so that the two
-// can be compared. An example; words are divided by blanks, "<< " is the input, "[...]" the exit
-// status and the first line of the errors, where there is anything to say:
+// Runs the commands of a transcript and records what happens in the same form, so that the two can
+// be compared. An example; words are divided by blanks, "<< " is the input, "[...]" the exit
+// status and the first line of standard error, unless 0 and empty:
 //
 //   $ region upsert --stdin << [{"id":1}]
 //   written: 1, removed: 0

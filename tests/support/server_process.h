@@ -5,32 +5,27 @@
 
 #include "client/pd_client.h"
 #include "rpc/rpc_server.h"
-#include "support/child_process.h"
+#include "tools/common/child_process.h"
 
 namespace kandb::testing {
 
-struct ServerProcess : ChildProcess {
+struct ServerProcess : tools::ChildProcess {
   explicit ServerProcess(const std::vector<std::string>& arguments, const std::string& cwd = ".",
                          const std::function<void()>& in_child = {})
-      : ChildProcess(KANDB_META_BINARY, arguments, cwd, in_child) {}
+      : ChildProcess(KANDB_META_BINARY, arguments, {cwd, true, in_child}) {}
 };
-
-// A port that was free a moment ago.
-inline int FreePort() {
-  kanrpc::RpcServer probe;
-  return probe.Start(0, "127.0.0.1").ok() ? probe.port() : 0;
-}
 
 // A server that listens on 127.0.0.1, with its state in `dir`/pd-data.
 class ListeningServer {
  public:
-  explicit ListeningServer(const std::string& dir, const std::function<void()>& in_child = {}) {
-    // Another process may take a port that was free a moment ago.
+  explicit ListeningServer(const std::string& dir, const std::function<void()>& in_child = {},
+                           std::vector<std::string> arguments = {}) {
+    arguments.insert(arguments.end(), {"--bind_addr=127.0.0.1", ""});
+    // Another process may take the free port first.
     for (int attempt = 0; attempt < 10; ++attempt) {
-      bound_port = FreePort();
-      process = std::make_unique<ServerProcess>(
-          std::vector<std::string>{"--port=" + std::to_string(bound_port), "--bind_addr=127.0.0.1"},
-          dir, in_child);
+      bound_port = tools::FreePort();
+      arguments.back() = "--port=" + std::to_string(bound_port);
+      process = std::make_unique<ServerProcess>(arguments, dir, in_child);
       if (!process->ReadBanner().empty()) return;
     }
     throw std::runtime_error("the server does not start");
@@ -45,8 +40,8 @@ class ListeningServer {
   std::unique_ptr<ServerProcess> process;
 };
 
-// A connection of its own to a server on this machine. One attempt, and a time-out that only a
-// server that hangs passes.
+// A connection of its own to a server on this machine: one attempt, with a time-out that only a
+// server that hangs exceeds.
 class Caller : public client::PdClient {
  public:
   explicit Caller(int port, const std::string& host = "127.0.0.1")

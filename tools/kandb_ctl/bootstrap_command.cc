@@ -4,13 +4,16 @@
 #include <cstdio>
 #include <memory>
 
-#include "kandb_ctl/online.h"
+#include "kandb_ctl/connection.h"
+#include "kandb_ctl/json_input.h"
+#include "kandb_ctl/key_text.h"
+#include "kandb_ctl/options.h"
 
 namespace kandb::ctl {
 
 namespace {
 
-// Replaces the identifiers that are 0 by new ones of the server, and a peer's store that is 0 by
+// Replaces identifiers that are 0 by new ones of the server, and the store of a peer that is 0 by
 // the store of the request.
 Status FillIds(client::PdClient* pd, pdpb::BootstrapRequest* request) {
   std::vector<std::uint64_t*> missing;
@@ -67,8 +70,8 @@ int RunBootstrap(const Context& context, bool from_stdin, pdpb::BootstrapRequest
   if (from_stdin && !ReadJson(take)) return kExitUsage;
   if (!from_stdin && request.region.peers.empty()) request.region.peers.emplace_back();
   Context once = context;
-  // A call that was lost and is tried again would take the cluster that it has created for an older
-  // one.
+  // A second attempt, after a lost answer, would report the cluster that the first one created as
+  // an existing one.
   once.client_options.attempts = 1;
   Connection connection(once);
   pdpb::BootstrapResponse answer;

@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "kandb_ctl/finding.h"
 #include "kandb_ctl/state_directory.h"
 
 namespace kandb::ctl {

@@ -8,9 +8,11 @@
 
 #include "kandb_ctl/bootstrap_command.h"
 #include "kandb_ctl/command.h"
-#include "kandb_ctl/online.h"
-#include "kandb_tools/text_table.h"
+#include "kandb_ctl/connection.h"
+#include "kandb_ctl/json_input.h"
+#include "kandb_ctl/row_writer.h"
 #include "pdpb/timestamp.h"
+#include "tools/common/text_table.h"
 
 namespace kandb::ctl {
 
@@ -22,7 +24,7 @@ std::string UtcDate(std::uint64_t unix_ms) {
   const auto seconds = static_cast<std::time_t>(unix_ms / 1000);
   std::tm date{};
   char day_and_time[64] = "";
-  // Years that no calendar of the system reaches stay empty.
+  // Empty for a year beyond the calendar of the system.
   if (::gmtime_r(&seconds, &date) != nullptr) {
     (void)std::strftime(day_and_time, sizeof(day_and_time), "%Y-%m-%dT%H:%M:%S", &date);
   }
@@ -38,7 +40,7 @@ int RunTso(const Context& context, std::uint32_t count) {
   Json row = ToJson(answer);
   row["physical"] = UtcDate(pdpb::PhysicalMs(answer.timestamp));
   row["logical"] = pdpb::Logical(answer.timestamp);
-  PrintRow(context, row);
+  PrintRow(row, context.json);
   return kExitOk;
 }
 
@@ -57,9 +59,10 @@ int RunAllocId(const Context& context, std::uint32_t count) {
   Connection connection(context);
   pdpb::AllocIdResponse answer;
   if (Status s = connection.pd.AllocId({count}, &answer); !s.ok()) return Fail(s);
-  PrintRow(context, {{"first_id", answer.first_id},
-                     {"last_id", answer.first_id + answer.count - 1},
-                     {"count", answer.count}});
+  PrintRow({{"first_id", answer.first_id},
+            {"last_id", answer.first_id + answer.count - 1},
+            {"count", answer.count}},
+           context.json);
   return kExitOk;
 }
 
@@ -98,7 +101,7 @@ void AddHeartbeat(CLI::App* app, Context* context) {
   CLI::App* command = app->add_subcommand(
       "heartbeat",
       "Sends a heartbeat, JSON from standard input, and shows the commands for the store.\n"
-      "The server takes it for the store's own: leadership is balanced by it until the next one.");
+      "The server treats it as the store's own and balances leadership by it until the next one.");
   command->footer(
       "The JSON is an object with store_id, regions and region_ids; a region has region_id,\n"
       "member_store_ids, caught_up_learner_store_ids and candidate_store_ids.");
@@ -114,7 +117,7 @@ int RunPing(const Context& context, std::uint32_t count, std::uint32_t interval_
   once.client_options.attempts = 1;  // a call that is tried again makes more than one round trip
   Connection connection(once);
   pdpb::TsoResponse answer;
-  // Connects, which is not to be measured.
+  // Connects; the measurement begins after it.
   if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return Fail(s);
   std::vector<double> round_trips_us;
   for (std::uint32_t i = 1; i <= count; ++i) {

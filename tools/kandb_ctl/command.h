@@ -1,6 +1,6 @@
-// What the sub-commands of kandb-ctl share: the global options, the exit status, and how a command
-// is registered. Each Add... function adds its commands to the parser; the one that the command
-// line names leaves what it does in `Context::run`, which main calls once parsing is over.
+// What the sub-commands of kandb-ctl share: the global options, the exit status, and registration.
+// Each Add... function adds its commands to the parser. The command that the command line names
+// stores its action in `Context::run`, which main calls after parsing.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -14,7 +14,7 @@
 namespace kandb::ctl {
 
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;  // the server or the data said no
+inline constexpr int kExitFailed = 1;  // a call failed, or the data is damaged
 inline constexpr int kExitUsage = 2;
 
 struct Context {
@@ -25,7 +25,7 @@ struct Context {
   std::function<int()> run;  // returns the exit status
 };
 
-// Says on standard error what went wrong; kExitFailed.
+// Prints the failure on standard error and returns kExitFailed.
 int Fail(const Status& status);
 
 void AddClusterCommands(CLI::App* app, Context* context);  // tso alloc-id bootstrap heartbeat ping

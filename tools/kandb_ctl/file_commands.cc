@@ -1,4 +1,4 @@
-// One file of a state directory, decoded as it stands.
+// The commands for one file of a state directory: wal, table, manifest.
 
 #include <memory>
 #include <optional>
@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "kandb_ctl/command.h"
+#include "kandb_ctl/options.h"
 #include "kandb_ctl/row_writer.h"
 #include "kandb_ctl/state_directory.h"
 #include "lsm/manifest.h"
@@ -25,7 +26,7 @@ int FailAt(const std::string& path, std::uint64_t offset, const std::string& tex
   return Fail(Status::Corruption(path + " offset " + std::to_string(offset) + ": " + text));
 }
 
-// The rows of a log or a table, and whether all of them decoded.
+// The rows of a WAL or a table, and whether all of them decoded.
 class EntryRows {
  public:
   EntryRows(const FileArguments& arguments, const store::StoreCrypto& store_crypto, bool json)
@@ -121,15 +122,12 @@ void AddFileCommands(CLI::App* app, Context* context) {
     const auto arguments = std::make_shared<FileArguments>();
     CLI::App* command = app->add_subcommand(name, description);
     command->add_option("FILE", arguments->path, "the file")->required()->check(CLI::ExistingFile);
-    if (print != PrintManifest) {
-      command->add_option("--passphrase-file", arguments->passphrase_file,
-                          "file with the passphrase that opens sealed values");
-    }
+    if (print != PrintManifest) AddPassphraseOption(command, &arguments->passphrase_file);
     command->callback([arguments, context, print] {
       context->run = [arguments, context, print] { return print(*arguments, context->json); };
     });
   };
-  add("wal", "Prints the entries of a log, each with the offset of its record.", PrintLog);
+  add("wal", "Prints the entries of a WAL, each with the offset of its record.", PrintLog);
   add("table", "Prints the entries of a table, each with its offset.", PrintTable);
   add("manifest", "Prints the records of a manifest.", PrintManifest);
 }

@@ -3,18 +3,17 @@
 // enumeration values by name and others as numbers.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <tuple>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "kandb_ctl/key_text.h"
 #include "pdpb/messages.h"
+#include "tools/common/message_names.h"
 
 namespace kandb::ctl {
 
@@ -25,27 +24,8 @@ std::string JsonText(const Json& json);
 // The same with a newline, on standard output.
 void PrintJson(const Json& json);
 
-template <class Enum>
-constexpr std::array<std::pair<Enum, const char*>, 0> kEnumNames = {};
-template <>
-inline constexpr std::array kEnumNames<pdpb::PeerRole> = {
-    std::pair{pdpb::PeerRole::kVoter, "voter"}, std::pair{pdpb::PeerRole::kLearner, "learner"}};
-template <>
-inline constexpr std::array kEnumNames<pdpb::ScheduleKind> = {
-    std::pair{pdpb::ScheduleKind::kPromoteLearner, "PromoteLearner"},
-    std::pair{pdpb::ScheduleKind::kAddPeer, "AddPeer"},
-    std::pair{pdpb::ScheduleKind::kRemovePeer, "RemovePeer"},
-    std::pair{pdpb::ScheduleKind::kDestroyStaleReplica, "DestroyStaleReplica"},
-    std::pair{pdpb::ScheduleKind::kTransferLeader, "TransferLeader"}};
-
-// The name of an enumeration value, or its number.
-template <class Enum>
-std::string EnumText(Enum value) {
-  for (const auto& [known, name] : kEnumNames<Enum>) {
-    if (known == value) return name;
-  }
-  return std::to_string(static_cast<std::uint64_t>(value));
-}
+using tools::EnumText;
+using tools::kEnumNames;
 
 template <class T>
 Json ToJson(const T& value);

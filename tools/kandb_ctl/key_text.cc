@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::string_view kHexPrefix = "hex:";
 
-// The byte that the two digits at the front of `digits` stand for.
+// The value of the first two digits.
 std::optional<char> ParseByte(std::string_view digits) {
   if (digits.size() < 2) return std::nullopt;
   std::uint8_t byte = 0;
@@ -23,7 +23,7 @@ std::optional<char> ParseByte(std::string_view digits) {
 std::string KeyText(std::string_view key) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string text;
-  // A key that itself begins like the other notation must not be read back as it.
+  // A key that begins with the prefix must not be read back as hexadecimal digits.
   if (key.starts_with(kHexPrefix)) {
     text = "\\x68";
     key.remove_prefix(1);
@@ -40,6 +40,8 @@ std::string KeyText(std::string_view key) {
   }
   return text;
 }
+
+std::string KeyCell(const std::string& key) { return key.empty() ? "\"\"" : KeyText(key); }
 
 std::optional<std::string> ParseKey(std::string_view text) {
   std::string key;

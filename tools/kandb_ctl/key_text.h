@@ -1,6 +1,5 @@
-// Keys as people write and read them. Printable ASCII stands for itself, a backslash is doubled,
-// any other byte is \xNN. When read, "hex:" in front means that the rest is pairs of hexadecimal
-// digits.
+// Keys as people write and read them. Printable ASCII is written as it is, a backslash is doubled,
+// any other byte is \xNN. A text that is read may also be "hex:" and pairs of hexadecimal digits.
 #pragma once
 
 #include <optional>
@@ -11,7 +10,10 @@ namespace kandb::ctl {
 
 std::string KeyText(std::string_view key);
 
-// Nothing for a text that is neither: an unknown or torn escape, an odd number of digits.
+// As KeyText, but an empty key is "", as on a command line.
+std::string KeyCell(const std::string& key);
+
+// None for a text in neither notation: an unknown or cut escape, an odd number of digits.
 std::optional<std::string> ParseKey(std::string_view text);
 
 }  // namespace kandb::ctl

@@ -11,9 +11,11 @@
 #include <vector>
 
 #include "kandb_ctl/command.h"
+#include "kandb_ctl/connection.h"
 #include "kandb_ctl/load_methods.h"
-#include "kandb_ctl/online.h"
-#include "kandb_tools/latency_histogram.h"
+#include "kandb_ctl/row_writer.h"
+#include "tools/common/latency_histogram.h"
+#include "tools/common/remote_failure.h"
 
 namespace kandb::ctl {
 
@@ -32,8 +34,7 @@ struct Arguments {
   bool keep = false;
 };
 
-// Counted by all connections and read while they run. Only the numbers matter, so no order with
-// other memory is asked for.
+// Counted by all connections and read while they run. Relaxed: the counts order no other memory.
 struct Progress {
   std::atomic<std::uint64_t> requests = 0;
   std::atomic<std::uint64_t> errors = 0;
@@ -54,8 +55,8 @@ struct Result {
   }
 };
 
-// Sends one request after another over a connection of its own, until the time is up or the server
-// has gone away. A refusal by the server counts as an error and the load goes on.
+// Sends requests in sequence over a connection of its own, until the time is up or the server has
+// gone away. A refusal by the server counts as an error and the load goes on.
 Result RunConnection(const Context& context, const Arguments& arguments, std::uint32_t index,
                      SteadyClock::time_point deadline, Progress* progress) {
   Connection connection(context);
@@ -65,11 +66,11 @@ Result RunConnection(const Context& context, const Arguments& arguments, std::ui
     ++result.errors;
     progress->errors.fetch_add(1, std::memory_order_relaxed);
     result.last_error = status;
-    if (status.message().starts_with("remote: ")) return;
+    if (tools::RemoteFailureOf(status) != tools::RemoteFailure::kNone) return;
     result.server_gone = true;
     progress->server_gone.store(true, std::memory_order_relaxed);
   };
-  // Connects, which is not to be measured.
+  // Connects; the measurement begins after it.
   pdpb::TsoResponse answer;
   if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) fail(s);
   for (std::uint64_t n = index; !progress->server_gone.load(std::memory_order_relaxed);
@@ -79,7 +80,7 @@ Result RunConnection(const Context& context, const Arguments& arguments, std::ui
     const Status status = method.send(&connection.pd, n % arguments.region_count);
     if (!status.ok()) {
       fail(status);
-      // The client connects anew after every error; without a pause that would use up the ports.
+      // The client connects again after every error; without a pause that would use up the ports.
       std::this_thread::sleep_for(kPauseAfterError);
       continue;
     }
@@ -122,15 +123,16 @@ void PrintResult(const Context& context, const Arguments& arguments, double seco
                  const Result& result) {
   const tools::LatencyHistogram& latencies = result.latencies;
   const auto us = [](std::uint64_t ns) { return static_cast<double>(ns) / 1000; };
-  PrintRow(context, {{"method", arguments.method},
-                     {"connections", arguments.connection_count},
-                     {"requests", latencies.count()},
-                     {"errors", result.errors},
-                     {"requests_per_s", static_cast<double>(latencies.count()) / seconds},
-                     {"p50_us", us(latencies.PercentileNs(0.5))},
-                     {"p99_us", us(latencies.PercentileNs(0.99))},
-                     {"p99.9_us", us(latencies.PercentileNs(0.999))},
-                     {"max_us", us(latencies.max_ns())}});
+  PrintRow({{"method", arguments.method},
+            {"connections", arguments.connection_count},
+            {"requests", latencies.count()},
+            {"errors", result.errors},
+            {"requests_per_s", static_cast<double>(latencies.count()) / seconds},
+            {"p50_us", us(latencies.PercentileNs(0.5))},
+            {"p99_us", us(latencies.PercentileNs(0.99))},
+            {"p99.9_us", us(latencies.PercentileNs(0.999))},
+            {"max_us", us(latencies.max_ns())}},
+           context.json);
   // The numbers come before the errors, even where both streams are one.
   (void)std::fflush(stdout);
 }
@@ -162,7 +164,7 @@ int RunLoad(Context context, const Arguments& arguments) {
 void AddLoadCommand(CLI::App* app, Context* context) {
   auto arguments = std::make_shared<Arguments>();
   CLI::App* command = app->add_subcommand(
-      "load", "Sends requests as fast as the answers come and shows rate and latencies");
+      "load", "Sends requests as fast as the answers arrive and shows the rate and the latencies");
   std::vector<std::string> names;
   for (const LoadMethod& method : LoadMethods()) names.emplace_back(method.name);
   command->add_option("METHOD", arguments->method, "what to send")
@@ -178,7 +180,7 @@ void AddLoadCommand(CLI::App* app, Context* context) {
              "connections, each with one request at a time");
   add_number("--seconds", &arguments->seconds, 86400, "how long");
   add_number("--regions", &arguments->region_count, 100000,
-             "number of regions or keys that the requests go to in turn");
+             "number of regions or keys that the requests cycle through");
   command->add_flag("--yes", arguments->agreed_to_write,
                     "write to the server; without it alloc-id and upsert-region are refused");
   command->add_flag("--keep", arguments->keep, "leave the regions of upsert-region on the server");
@@ -188,7 +190,7 @@ void AddLoadCommand(CLI::App* app, Context* context) {
       std::to_string(kFirstLoadId) +
       " on, which cover keys from \"kandb-ctl-load/\" on and no\n"
       "others; they are removed at the end, unless the run is interrupted or --keep is given.\n"
-      "get-region asks for the same keys. heartbeat reports the same regions from a store of that\n"
+      "get-region looks up the same keys. heartbeat reports the same regions from a store of that\n"
       "id; the server remembers them until it is restarted.");
   command->callback([=] {
     if (LoadMethodNamed(arguments->method).writes && !arguments->agreed_to_write) {

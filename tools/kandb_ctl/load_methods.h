@@ -1,5 +1,5 @@
-// The requests that a load can consist of. They concern a numbered set of regions, which have
-// identifiers and keys of their own and so stay out of the way of the cluster's.
+// The requests of a load. They are about a numbered set of regions with identifiers and keys of
+// their own, apart from those of the cluster.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace kandb::ctl {
 
-// Regions, peers and stores of the load count from here. As text it sorts behind the identifiers
+// Regions, peers and stores of the load count from here. As text it sorts after the identifiers
 // that a server hands out, so that a lookup finds the cluster's own regions first.
 inline constexpr std::uint64_t kFirstLoadId = 9'900'000'000'000'000'000u;
 
@@ -19,7 +19,7 @@ inline constexpr char kLoadKeyPrefix[] = "kandb-ctl-load/";
 
 struct LoadMethod {
   std::string_view name;
-  Status (*send)(client::PdClient* pd, std::uint64_t n);  // concerning region n
+  Status (*send)(client::PdClient* pd, std::uint64_t n);  // about region n
   bool writes;
 };
 

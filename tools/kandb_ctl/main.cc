@@ -1,4 +1,4 @@
-// kandb-ctl: talks to a running server, and looks into the state directory of a stopped one.
+// kandb-ctl: calls a running server, and reads the state directory of a stopped one.
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -10,24 +10,22 @@
 
 namespace kandb::ctl {
 
-int Fail(const Status& status) {
-  std::fprintf(stderr, "kandb-ctl: %s\n", status.message().c_str());
-  return kExitFailed;
-}
-
 namespace {
 
 int Run(int argc, char** argv) {
-  CLI::App app("Talks to a kandb-meta server, and looks into the state directory of a stopped one.",
+  CLI::App app("Calls a kandb-meta server, and reads the state directory of a stopped one.",
                "kandb-ctl");
   Context context;
   app.require_subcommand(1);
-  app.fallthrough();  // global options may stand behind the command too
+  app.fallthrough();  // global options may also follow the command
   app.add_option("--server", context.server, "server to talk to, HOST:PORT")->capture_default_str();
-  app.add_option("--timeout-ms", context.client_options.timeout_ms,
-                 "longest wait for the server in milliseconds, negative for no limit")
+  app.add_option(
+         "--timeout-ms", context.client_options.timeout_ms,
+         "longest wait in milliseconds: to connect, for each address of the server, to send, to\n"
+         "receive; negative for no limit; the lookup of the name is not bounded")
       ->capture_default_str();
-  app.add_option("--attempts", context.client_options.attempts, "how often a call is tried")
+  app.add_option("--attempts", context.client_options.attempts,
+                 "attempts for each call, each with its own waits")
       ->capture_default_str();
   app.add_flag("--json", context.json, "print JSON");
   AddClusterCommands(&app, &context);
@@ -42,7 +40,7 @@ int Run(int argc, char** argv) {
     return app.exit(error) == 0 ? kExitOk : kExitUsage;
   }
   const int exit_status = context.run();
-  // A full disk shows here: what was printed must not be taken for the whole.
+  // A full disk shows here: cut output must not look complete.
   if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return exit_status;
   return Fail(Status::Corruption("standard output: " + ErrnoText(errno)));
 }

@@ -1,12 +1,15 @@
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
-#include <string_view>
 #include <utility>
 
 #include "kandb_ctl/command.h"
-#include "kandb_ctl/online.h"
-#include "kandb_tools/text_table.h"
+#include "kandb_ctl/connection.h"
+#include "kandb_ctl/json_input.h"
+#include "kandb_ctl/key_text.h"
+#include "kandb_ctl/options.h"
+#include "tools/common/remote_failure.h"
+#include "tools/common/text_table.h"
 
 namespace kandb::ctl {
 
@@ -18,7 +21,7 @@ std::string EpochText(const pdpb::RegionEpoch& epoch) {
 
 // --- region get ---
 
-// Empty for a store that the answer leaves out, because the server knows nothing of it.
+// Empty for an unknown store, which the answer leaves out.
 std::string AddressOf(const pdpb::GetRegionResponse& answer, std::uint64_t store_id) {
   for (const pdpb::Store& store : answer.stores) {
     if (store.id == store_id) return KeyText(store.address);
@@ -59,15 +62,14 @@ void AddGet(CLI::App* region, Context* context) {
 
 // --- region list ---
 
-// Asks for the region of `key`, then of that region's end, and so on. At most `limit` regions:
-// `*next_key` is then where to go on, otherwise empty.
+// Looks up the region of `key`, then that of its end, and so on, at most `limit` regions.
+// `*next_key` is where to continue after the last one, empty when there is no more.
 Status WalkRegions(client::PdClient* pd, std::string key, std::uint32_t limit,
                    std::vector<pdpb::GetRegionResponse>* found, std::string* next_key) {
-  constexpr std::string_view kGap = "remote: NotFound: no region covers key";
   while (found->size() < limit) {
     pdpb::GetRegionResponse answer;
     Status status = pd->GetRegion({key}, &answer);
-    if (status.message() == kGap) {
+    if (tools::RemoteFailureOf(status) == tools::RemoteFailure::kNoRegionCoversKey) {
       return Status::NotFound("gap at " + KeyCell(key) +
                               ": no region covers it; the walk ends here "
                               "(continue with --start-key)");
@@ -114,7 +116,7 @@ int RunList(const Context& context, const std::string& start_key, std::uint32_t 
     }
     table.Print();
   }
-  // What was found comes first even where both streams are one.
+  // Regions come before the failure even where both streams are one.
   (void)std::fflush(stdout);
   if (!status.ok()) return Fail(status);
   if (!next_key.empty()) {
@@ -133,11 +135,10 @@ void AddList(CLI::App* region, Context* context) {
   CLI::App* command = region->add_subcommand(
       "list",
       "Lists the regions in the order of their keys.\n"
-      "The server only tells which region covers a key, so the list goes from the end of one\n"
-      "region to the next and cannot get past a key that no region covers; that ends it with\n"
-      "status 1.");
+      "The server only answers which region covers a key, so the list follows the end keys from\n"
+      "region to region. It ends with status 1 at a key that no region covers.");
   AddKeyOption(command, "--start-key", &arguments->start_key, "key to begin at");
-  command->add_option("--limit", arguments->limit, "list at most so many")
+  command->add_option("--limit", arguments->limit, "most regions to list")
       ->check(CLI::Range(std::uint32_t{1}, std::uint32_t{1000000}))
       ->capture_default_str();
   command->callback([=] {
@@ -183,7 +184,7 @@ void AddUpsert(CLI::App* region, Context* context) {
   CLI::App* command = region->add_subcommand(
       "upsert",
       "Writes region records, each replacing the one with its id; all or none.\n"
-      "Nothing is compared with what is there: an older epoch replaces a newer one.");
+      "Epochs are not compared: an older one replaces a newer one.");
   const CLI::Option* id = AddIdOption(command, "--id", &one->id, "the region");
   AddRegionOptions(command, one);
   command->add_flag(

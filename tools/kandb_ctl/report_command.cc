@@ -11,8 +11,10 @@
 #include "common/posix_file.h"
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/json_message.h"
+#include "kandb_ctl/options.h"
 #include "kandb_ctl/report_page.h"
 #include "kandb_ctl/state_directory.h"
+#include "kandb_ctl/verify_directory.h"
 
 namespace kandb::ctl {
 
@@ -62,8 +64,7 @@ void AddReportCommand(CLI::App* app, Context* context) {
       "Writes a page about a stopped server's state directory: one file for any browser.");
   report->add_option("DIR", arguments->dir, "state directory")->required();
   report->add_option("--out", arguments->out, "HTML file to write")->required();
-  report->add_option("--passphrase-file", arguments->passphrase_file,
-                     "file with the passphrase of sealed values");
+  AddPassphraseOption(report, &arguments->passphrase_file);
   report->callback([arguments, context] {
     context->run = [arguments, context] { return Report(*arguments, context->json); };
   });

@@ -9,10 +9,8 @@
 
 #include "kandb_ctl/json_message.h"
 #include "kandb_ctl/key_text.h"
-#include "kandb_ctl/report_band_part.h"
+#include "kandb_ctl/report_files.h"
 #include "kandb_ctl/report_key_space.h"
-#include "kandb_ctl/report_regions_part.h"
-#include "kandb_ctl/report_style.h"
 
 namespace kandb::ctl {
 
@@ -68,8 +66,8 @@ std::string Fact(const char* name, const std::string& text) {
   return "<div><dt>" + std::string(name) + "</dt><dd>" + Html(text) + "</dd></div>\n";
 }
 
-std::string HeadSection(const std::string& dir, std::chrono::system_clock::time_point made_at,
-                        const ClusterState& cluster, std::size_t finding_count) {
+std::string SummarySection(const std::string& dir, std::chrono::system_clock::time_point made_at,
+                           const ClusterState& cluster, std::size_t finding_count) {
   return "<header>\n<h1>" + Html(dir) + "</h1>\n<dl>\n" + Fact("Made", TimeText(made_at)) +
          Fact("Bootstrapped", cluster.bootstrapped ? "yes" : "no") +
          Fact("Ids mark", cluster.id_mark ? std::to_string(*cluster.id_mark) : "none") +
@@ -79,10 +77,9 @@ std::string HeadSection(const std::string& dir, std::chrono::system_clock::time_
          std::to_string(finding_count) + "</a></dd></div>\n</dl>\n</header>\n";
 }
 
-std::string KeySpaceSection(const KeySpace& space) {
-  return "<section id=\"key-space\">\n<h2>Key space</h2>\n<p>" +
-         Counted(space.regions.size(), "region") + ", " + Counted(space.gap_count, "gap") + ", " +
-         Counted(space.overlap_count, "overlap") + std::string(kBandHtml) + "</section>\n";
+std::string CountsText(const KeySpace& space) {
+  return Counted(space.regions.size(), "region") + ", " + Counted(space.gap_count, "gap") + ", " +
+         Counted(space.overlap_count, "overlap");
 }
 
 std::string FindingsSection(const ClusterState& cluster, const std::vector<Finding>& findings) {
@@ -98,9 +95,9 @@ std::string FindingsSection(const ClusterState& cluster, const std::vector<Findi
     }
     html += "</tbody></table></div>\n";
   }
-  if (!cluster.oddities.empty()) {
+  if (!cluster.warnings.empty()) {
     html += "<h3>Records that are left out of this page</h3>\n<ul class=\"box\">\n";
-    for (const std::string& oddity : cluster.oddities) html += "<li>" + Html(oddity) + "</li>\n";
+    for (const std::string& warning : cluster.warnings) html += "<li>" + Html(warning) + "</li>\n";
     html += "</ul>\n";
   }
   return html + "</section>\n";
@@ -123,7 +120,7 @@ std::string StoresSection(const ClusterState& cluster) {
   std::string html = "<section>\n<h2>Stores</h2>\n";
   if (loads.empty()) return html + "<p>There are no stores.</p>\n</section>\n";
 
-  // One scale for both bars of all stores, so that lengths can be compared across columns.
+  // One scale for all bars, so that lengths can be compared across columns.
   std::size_t largest = 0;
   for (const auto& [id, load] : loads) largest = std::max(largest, load.region_count);
   html +=
@@ -170,7 +167,8 @@ std::string ReplicasSection(const ClusterState& cluster) {
   return html + "</tbody></table></div>\n</section>\n";
 }
 
-// For a script element: its end is sought before anything is parsed, so no tag may show in it.
+// For a script element: a browser looks for the end tag before it parses the data, so the data has
+// no "<".
 std::string PageData(const ClusterState& cluster, const KeySpace& space) {
   Json bounds = Json::array();
   for (const std::string_view bound : space.bounds) bounds.push_back(KeyText(bound));
@@ -206,22 +204,45 @@ std::string PageData(const ClusterState& cluster, const KeySpace& space) {
   return text;
 }
 
+// The template with each {{name}} replaced by the part of that name, in one pass: a part may
+// contain any text. Every name must be known.
+std::string FillTemplate(std::string_view text,
+                         const std::map<std::string_view, std::string_view>& parts) {
+  constexpr std::string_view kOpen = "{{";
+  constexpr std::string_view kClose = "}}";
+  std::string page;
+  for (;;) {
+    const std::size_t open = text.find(kOpen);
+    if (open == text.npos) return page.append(text);
+    const std::size_t close = text.find(kClose, open);
+    page += text.substr(0, open);
+    page += parts.at(text.substr(open + kOpen.size(), close - open - kOpen.size()));
+    text.remove_prefix(close + kClose.size());
+  }
+}
+
 }  // namespace
 
 std::string ReportPage(const std::string& dir, std::chrono::system_clock::time_point made_at,
                        const ClusterState& cluster, const std::vector<Finding>& findings) {
   const KeySpace space = CutKeySpace(cluster.regions);
-  return "<!doctype html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
-         "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
-         "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
-         "style-src 'unsafe-inline'; script-src 'unsafe-inline'\">\n<title>" +
-         Html(dir) + " - kandb-ctl report</title>\n<style>\n" + std::string(kReportStyle) +
-         "</style>\n</head>\n<body>\n" + HeadSection(dir, made_at, cluster, findings.size()) +
-         KeySpaceSection(space) + FindingsSection(cluster, findings) + "<div class=\"columns\">\n" +
-         StoresSection(cluster) + ReplicasSection(cluster) + "</div>\n" +
-         std::string(kRegionsHtml) + "<script type=\"application/json\" id=\"data\">" +
-         PageData(cluster, space) + "</script>\n<script>\n" + std::string(kRegionsScript) +
-         "</script>\n<script>\n" + std::string(kBandScript) + "</script>\n</body>\n</html>\n";
+  const std::string directory = Html(dir);
+  const std::string summary = SummarySection(dir, made_at, cluster, findings.size());
+  const std::string counts = CountsText(space);
+  const std::string findings_section = FindingsSection(cluster, findings);
+  const std::string stores = StoresSection(cluster);
+  const std::string replicas = ReplicasSection(cluster);
+  const std::string data = PageData(cluster, space);
+  return FillTemplate(kPageHtml, {{"directory", directory},
+                                  {"style.css", kStyleCss},
+                                  {"summary", summary},
+                                  {"counts", counts},
+                                  {"findings", findings_section},
+                                  {"stores", stores},
+                                  {"replicas", replicas},
+                                  {"data", data},
+                                  {"regions.js", kRegionsJs},
+                                  {"band.js", kBandJs}});
 }
 
 }  // namespace kandb::ctl

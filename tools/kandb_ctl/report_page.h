@@ -6,12 +6,13 @@
 #include <string>
 #include <vector>
 
+#include "kandb_ctl/finding.h"
 #include "kandb_ctl/state_directory.h"
 
 namespace kandb::ctl {
 
-// What is counted stands in the page as plain HTML. The regions, which may be many, stand in it as
-// JSON and are drawn by its script:
+// Counts are plain HTML in the page. The regions, which may be many, are JSON that its scripts
+// draw:
 //
 //   bounds    key texts in key order, the first one empty; piece i is bounds[i] to bounds[i + 1]
 //   pieces    for each piece the positions in `regions` of those that cover it

@@ -5,6 +5,7 @@
 #include <variant>
 
 #include "kandb_ctl/state_directory.h"
+#include "tools/common/text_table.h"
 
 namespace kandb::ctl {
 
@@ -38,6 +39,25 @@ void RowWriter::Write(const Json& row) const {
   }
   line.erase(line.find_last_not_of(' ') + 1);
   std::printf("%s\n", line.c_str());
+}
+
+void PrintRow(const Json& object, bool as_json) {
+  if (as_json) return PrintJson(object);
+  std::vector<std::string> names;
+  std::vector<std::string> cells;
+  for (const auto& [name, value] : object.items()) {
+    names.push_back(name);
+    if (value.is_number_float()) {
+      char text[64];
+      (void)std::snprintf(text, sizeof(text), "%.1f", value.get<double>());
+      cells.emplace_back(text);
+    } else {
+      cells.push_back(value.is_string() ? value.get<std::string>() : value.dump());
+    }
+  }
+  tools::TextTable table(std::move(names));
+  table.AddRow(std::move(cells));
+  table.Print();
 }
 
 void AddPair(std::string_view key, std::string_view stored, const store::StoreCrypto& crypto,

@@ -1,5 +1,5 @@
-// Rows that are written as they come, for lists too long to be held: a JSON object a line, or
-// columns for people, which get no wider than was said beforehand.
+// Rows written one at a time, for lists too long for memory: a JSON object a line, or columns of
+// fixed widths for people.
 #pragma once
 
 #include <string>
@@ -15,19 +15,22 @@ class RowWriter {
  public:
   struct Column {
     const char* name;
-    int width;  // characters that usual cells need
+    int width;  // characters; a longer cell moves the rest of its row
   };
 
-  // For people the header is written at once.
+  // Writes the header of the columns.
   RowWriter(std::vector<Column> row_columns, bool as_json);
 
-  // A row is an object. People see the members that have columns.
+  // A row is an object. Of its members, people see those that have columns.
   void Write(const Json& row) const;
 
  private:
   const std::vector<Column> columns;
   const bool json;
 };
+
+// An object of numbers and texts: as JSON, or as a table of one row.
+void PrintRow(const Json& object, bool as_json);
 
 // Adds "key", "kind" and the decoded "record" of a stored pair to `*row`; for a value that does not
 // decode, its bytes and the "error".

@@ -1,16 +1,16 @@
-// The state directory of a stopped server: what it holds, record by record, and whether it is
-// sound.
+// The commands for the state directory of a stopped server: summary, dump, verify.
 
 #include <unistd.h>
 
 #include <cstdio>
-#include <limits>
 #include <memory>
 
 #include "kandb_ctl/command.h"
+#include "kandb_ctl/options.h"
 #include "kandb_ctl/row_writer.h"
 #include "kandb_ctl/state_directory.h"
 #include "kandb_ctl/state_summary.h"
+#include "kandb_ctl/verify_directory.h"
 #include "lsm/recovery.h"
 
 namespace kandb::ctl {
@@ -42,8 +42,7 @@ int DumpRecords(const std::string& dir, const store::StoreCrypto& crypto, bool j
     }
     return true;
   };
-  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
-  if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, write); !s.ok()) return Fail(s);
+  if (Status s = ForEachRecord(view, write); !s.ok()) return Fail(s);
   return exit_status;
 }
 
@@ -93,7 +92,7 @@ int Verify(const std::string& dir, const store::StoreCrypto& crypto, bool json) 
 constexpr const char* kVerifyHelp =
     R"(What is checked:
   manifest   every record, and that numbers are in range and tables named once
-  logs       checksum, length and entries of every record
+  WALs       checksum, length and entries of every record
   tables     footer, order of the keys, that the filter admits each key, that the index points at
              every 16th record with its key, that the footer counts right; no unnamed tables
   records    that all decode under their keys; regions without gaps, overlaps and empty ranges;
@@ -110,8 +109,7 @@ void AddStateCommands(CLI::App* app, Context* context) {
   };
   using Action = int (*)(const std::string&, const store::StoreCrypto&, bool);
 
-  CLI::App* state =
-      app->add_subcommand("state", "Looks into the state directory of a stopped server.");
+  CLI::App* state = app->add_subcommand("state", "Reads the state directory of a stopped server.");
   state->require_subcommand(1);
   const auto add = [&](const char* name, const char* description, Action action) {
     const auto arguments = std::make_shared<Arguments>();
@@ -119,8 +117,7 @@ void AddStateCommands(CLI::App* app, Context* context) {
     command->add_option("DIR", arguments->dir, "the state directory")
         ->required()
         ->check(CLI::ExistingDirectory);
-    command->add_option("--passphrase-file", arguments->passphrase_file,
-                        "file with the passphrase that opens sealed values");
+    AddPassphraseOption(command, &arguments->passphrase_file);
     command->callback([arguments, context, action] {
       context->run = [arguments, context, action] {
         if (Status s = RefuseRunningServer(arguments->dir); !s.ok()) return Fail(s);
@@ -133,7 +130,8 @@ void AddStateCommands(CLI::App* app, Context* context) {
     });
     return command;
   };
-  add("summary", "Says what the directory holds and what the next start will do.", PrintSummary);
+  add("summary", "Shows the contents of the directory in numbers, and what the next start will do.",
+      PrintSummary);
   add("dump", "Prints every live record in key order.", DumpRecords);
   add("verify", "Checks every file and record; exit status 1 when something is wrong.", Verify)
       ->footer(kVerifyHelp);

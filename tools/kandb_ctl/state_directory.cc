@@ -9,7 +9,6 @@
 #include "kandb_ctl/key_text.h"
 #include "lsm/directory_lock.h"
 #include "lsm/recovery.h"
-#include "lsm/scan_iterator.h"
 #include "meta/keys.h"
 
 namespace kandb::ctl {
@@ -28,7 +27,7 @@ const char* KindOf(std::string_view key) {
   return "unknown";
 }
 
-// The service reads whatever stands in the key range and never compares the two.
+// The service reads every record in the key range and does not compare its id with its key.
 template <class Record>
 std::string ForeignId(std::string_view key, const std::string& own_key, const Record& record) {
   return key == own_key ? "" : "holds the record of id " + std::to_string(record.id);
@@ -87,17 +86,23 @@ Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto,
   if (Status s = lsm::LoadReadOnly(dir, &view); !s.ok()) return s;
   ClusterState loaded;
   const auto take = [&](std::string_view key, std::string_view stored) {
-    const std::string oddity = AddToCluster(key, stored, crypto, &loaded);
-    if (!oddity.empty()) loaded.oddities.push_back(KeyText(key) + ": " + oddity);
+    const std::string warning = AddToCluster(key, stored, crypto, &loaded);
+    if (!warning.empty()) loaded.warnings.push_back(KeyText(key) + ": " + warning);
     return true;
   };
-  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
-  if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, take); !s.ok()) return s;
+  if (Status s = ForEachRecord(view, take); !s.ok()) return s;
   *cluster = std::move(loaded);
   return {};
 }
 
-// The lock is released at once: looking must not keep a server from starting.
+Status ForEachRecord(const lsm::ReadView& view, const lsm::PairVisitor& visit) {
+  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
+  return lsm::ForEachLive(view, "", "", kNoLimit, visit);
+}
+
+std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+// The lock is released at once, so that a server can start meanwhile.
 Status RefuseRunningServer(const std::string& dir) {
   lsm::DirectoryLock lock;
   return lsm::LockDirectory(dir, &lock);
@@ -111,7 +116,7 @@ Status ReadPassphraseFile(const std::string& path, store::StoreCrypto* crypto) {
   std::ifstream file(path, std::ios::binary);
   std::string passphrase(std::istreambuf_iterator<char>(file), {});
   if (passphrase.ends_with('\n')) passphrase.pop_back();
-  // An empty passphrase seals nothing; who names a file does not mean that.
+  // An empty passphrase seals nothing; naming a file cannot mean that.
   if (passphrase.empty()) return Status::InvalidArgument(path + " holds no passphrase");
   *crypto = store::CryptoFor(passphrase);
   return {};

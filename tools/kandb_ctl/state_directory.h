@@ -1,9 +1,7 @@
-// What a stopped server's state directory says about the cluster. Nothing here changes a byte of
-// it.
+// The contents of a stopped server's state directory. Nothing here changes a byte of it.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,65 +10,60 @@
 #include <vector>
 
 #include "common/status.h"
+#include "lsm/scan_iterator.h"
 #include "lsm/sst_reader.h"
 #include "pdpb/messages.h"
 #include "store/value_envelope.h"
 
 namespace kandb::ctl {
 
-// The live records, in the order of their keys. What cannot be opened or decoded, or has an unknown
-// key, is left out and named in `oddities`.
+// The live records, in the order of their keys. A record that cannot be opened or decoded, or has
+// an unknown key, is left out and named in `warnings`.
 struct ClusterState {
   bool bootstrapped = false;
   std::optional<std::uint64_t> id_mark;
   std::vector<pdpb::Store> stores;
   std::vector<pdpb::Region> regions;
-  std::vector<std::string> oddities;
+  std::vector<std::string> warnings;
 };
 
 // InvalidArgument "<dir> is in use by another process" when a server runs on it: it replaces and
 // deletes files at any time.
 Status RefuseRunningServer(const std::string& dir);
 
-// Reads what the server would hold after its next start. Fails where the server would fail to open
-// it.
+// Reads the records that the server would have after its next start. Fails where the server would
+// fail to open the directory.
 Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto, ClusterState* cluster);
 
-// A stored pair, decoded as what its key says it is.
+// Hands every live pair to `visit`, in the order of the keys. Fails only as reading a table does.
+Status ForEachRecord(const lsm::ReadView& view, const lsm::PairVisitor& visit);
+
+// The name of a file without its directory.
+std::string NameOf(const std::string& path);
+
+// A stored pair, decoded by its key.
 struct StoredRecord {
   const char* kind = "unknown";  // or "bootstrapped", "id_mark", "store", "region"
   std::variant<std::string, std::uint64_t, pdpb::Store, pdpb::Region> content;
 };
 
-// Opens and decodes a stored value. The kind is set in any case, the content on success; that of an
-// unknown kind is the bytes.
+// Opens and decodes a stored value. The kind is always set, the content on success; of an unknown
+// kind it is the bytes.
 Status DecodeStored(std::string_view key, std::string_view stored, const store::StoreCrypto& crypto,
                     StoredRecord* record);
 
-// Takes a live pair into `*cluster`, all but `oddities`. Returns what is odd about the pair; empty
+// Adds a live pair to `*cluster`, except for `warnings`. Returns what is wrong with the pair, empty
 // when nothing is.
 std::string AddToCluster(std::string_view key, std::string_view stored,
                          const store::StoreCrypto& crypto, ClusterState* cluster);
 
-// The sealing that a file with the passphrase asks for; a newline at its end is cut. No file, an
-// empty `path`, is none.
+// Reads the passphrase of sealed values from a file, without a newline at its end. An empty `path`
+// means that values are not sealed. InvalidArgument for a file without a passphrase.
 Status ReadPassphraseFile(const std::string& path, store::StoreCrypto* crypto);
 
-// Opens a table for a look at it. On failure `*damage_offset` is the offset of what is damaged, if
-// the file goes so far.
+// Opens a table. On failure `*damage_offset` is the offset of the damaged part, none when no footer
+// can be read.
 Status OpenTable(const std::string& path, std::shared_ptr<lsm::SstReader>* table,
                  std::optional<std::uint64_t>* damage_offset);
-
-// Something wrong with the directory or the records in it.
-struct Finding {
-  std::string where;  // a file with an offset, or a key
-  std::string text;
-};
-
-// Checks every file and record on its own and the records against one another; see `kandb-ctl state
-// verify --help` for what is checked. `progress` is called now and then with the share of the bytes
-// done, 0 to 1.
-std::vector<Finding> VerifyDirectory(const std::string& dir, const store::StoreCrypto& crypto,
-                                     const std::function<void(double)>& progress);
 
 }  // namespace kandb::ctl

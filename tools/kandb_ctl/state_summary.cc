@@ -3,29 +3,26 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
 
 #include "kandb_ctl/state_directory.h"
-#include "kandb_tools/text_table.h"
 #include "lsm/manifest.h"
 #include "lsm/recovery.h"
 #include "lsm/wal.h"
 #include "store/meta_store.h"
+#include "tools/common/text_table.h"
 
 namespace kandb::ctl {
 
 namespace {
 
-constexpr const char* kLog = "log, replayed";
+constexpr const char* kLog = "WAL, replayed";
 constexpr const char* kLiveTable = "table";
 constexpr const char* kOrphan = "orphaned table, deleted by the next start";
 
-std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-// What the files are that the next start does not ignore, by their names.
+// The files that the next start does not ignore, by name.
 std::map<std::string, const char*> KnownFiles(const std::string& dir,
                                               const lsm::ManifestState& manifest) {
   std::map<std::string, const char*> known = {{NameOf(lsm::ManifestFileName(dir)), "manifest"}};
@@ -93,7 +90,7 @@ Json DescribeFiles(const std::string& dir, const lsm::ManifestState& manifest) {
   return list;
 }
 
-// Counts record by record: the list of them would stand in memory a second time.
+// Counts record by record: a list would be a second copy in memory.
 Status CountCluster(const lsm::ReadView& view, const store::StoreCrypto& crypto, Json* cluster) {
   std::map<std::string, std::uint64_t> counts;
   std::optional<std::uint64_t> id_mark;
@@ -104,17 +101,16 @@ Status CountCluster(const lsm::ReadView& view, const store::StoreCrypto& crypto,
     if (const auto* mark = std::get_if<std::uint64_t>(&record.content)) id_mark = *mark;
     return true;
   };
-  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
-  if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, count); !s.ok()) return s;
+  if (Status s = ForEachRecord(view, count); !s.ok()) return s;
   *cluster = {{"bootstrapped", counts["bootstrapped"] > 0},
               {"id_mark", id_mark ? Json(*id_mark) : Json()},
               {"stores", counts["store"]},
               {"regions", counts["region"]},
-              {"oddities", counts["unknown"]}};
+              {"warnings", counts["unknown"]}};
   return {};
 }
 
-// What a start does with the files, from their descriptions.
+// The effect of a start on the files, from their descriptions.
 Json DescribeStart(const Json& files, const lsm::ManifestState& manifest) {
   std::uint64_t logs = 0;
   std::uint64_t records = 0;
@@ -128,12 +124,12 @@ Json DescribeStart(const Json& files, const lsm::ManifestState& manifest) {
     bytes += file["bytes"].get<std::uint64_t>();
   }
   return {{"fails", nullptr},
-          {"replays_logs", logs},
+          {"replays_wals", logs},
           {"replays_records", records},
           {"replays_bytes", bytes},
           {"memtable_bytes", nullptr},
           {"first_write_switches_memtable", nullptr},
-          {"merges_tables", manifest.sst_files.size() > store::kMaxTableFiles},
+          {"compacts_tables", manifest.sst_files.size() > store::kMaxTableFiles},
           {"deletes", std::move(deletes)}};
 }
 

@@ -1,4 +1,5 @@
-// What a state directory holds, in numbers, and what the next start of a server will do with it.
+// The contents of a state directory in numbers, and what the next start of a server will do with
+// it.
 #pragma once
 
 #include <string>
@@ -8,11 +9,12 @@
 
 namespace kandb::ctl {
 
-//   files       [{name, bytes, what, records, entries, error}], by name; what a file has not is
-//   left out manifest    {exists, next_file, tables: newest first} cluster     {bootstrapped,
-//   id_mark, stores, regions, oddities}; null when the next start fails next_start  {fails: null or
-//   why, replays_logs, replays_records, replays_bytes, memtable_bytes,
-//               first_write_switches_memtable, merges_tables, deletes: names}
+//   files       [{name, bytes, what, records, entries, error}], by name, without absent members
+//   manifest    {exists, next_file, tables: newest first}
+//   cluster     {bootstrapped, id_mark, stores, regions, warnings: records left out};
+//               null when the next start fails
+//   next_start  {fails: null or why, replays_wals, replays_records, replays_bytes,
+//               memtable_bytes, first_write_switches_memtable, compacts_tables, deletes: names}
 Json SummarizeDirectory(const std::string& dir, const store::StoreCrypto& crypto);
 
 void PrintForPeople(const Json& summary);

@@ -1,10 +1,7 @@
-// Checks of a whole state directory: file by file, then the live records against one another. The
-// logs and tables that the file checks read make up the view from which the records come, so that
-// no log is read twice.
+#include "kandb_ctl/verify_directory.h"
 
 #include <algorithm>
 #include <filesystem>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -14,7 +11,6 @@
 #include "kandb_ctl/key_text.h"
 #include "kandb_ctl/state_directory.h"
 #include "lsm/manifest.h"
-#include "lsm/scan_iterator.h"
 #include "lsm/sst_reader.h"
 #include "lsm/wal.h"
 
@@ -24,20 +20,18 @@ namespace {
 
 constexpr std::size_t kReadSize = lsm::SstReader::Iterator::kMaxReadSize;
 
-std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
 std::string Place(const std::string& path, std::uint64_t offset) {
   return NameOf(path) + " offset " + std::to_string(offset);
 }
 
-// 0 when it cannot be told; opening the file then says why.
+// 0 when it is unknown: opening the file then fails with the cause.
 std::uint64_t SizeOf(const std::string& path) {
   std::error_code error;
   const std::uintmax_t size = std::filesystem::file_size(path, error);
   return error ? 0 : size;
 }
 
-// How often something was found in a file, and where first: one damaged block can deny every key.
+// How often a fault was found in a file, and where first: a damaged filter can deny every key.
 struct Tally {
   std::uint64_t count = 0;
   std::uint64_t first_offset = 0;
@@ -47,6 +41,8 @@ struct Tally {
   }
 };
 
+// The WALs and tables that the file checks read become the view from which the records come, so
+// that no WAL is read twice.
 class Verification {
  public:
   Verification(const std::string& dir, const store::StoreCrypto& store_crypto,
@@ -183,7 +179,7 @@ void Verification::CheckLog(const std::string& path) {
   const std::uint64_t rest = SizeOf(path) - start;
   const std::string& damage = reader.damage().message();
   if (damage.starts_with("torn")) {
-    // In older logs too: no start repairs what the crash before it left.
+    // Older WALs may end so too: no start repairs a record that a crash tore.
     Add(Place(path, start), "torn record at the end: an unacknowledged write");
   } else {
     Add(Place(path, start),
@@ -252,13 +248,12 @@ void Verification::CheckRecords() {
   ClusterState cluster;
   const lsm::ReadView view{.memtables = {memtable}, .tables = tables};
   const auto take = [&](std::string_view key, std::string_view stored) {
-    const std::string oddity = AddToCluster(key, stored, crypto, &cluster);
-    if (!oddity.empty()) Add(KeyText(key), oddity);
+    const std::string warning = AddToCluster(key, stored, crypto, &cluster);
+    if (!warning.empty()) Add(KeyText(key), warning);
     Advance(key.size() + stored.size());
     return true;
   };
-  constexpr std::uint32_t kNoLimit = std::numeric_limits<std::uint32_t>::max();
-  if (Status s = lsm::ForEachLive(view, "", "", kNoLimit, take); !s.ok()) {
+  if (Status s = ForEachRecord(view, take); !s.ok()) {
     return Add("records", "not checked: " + s.message());
   }
   CheckCluster(cluster, &findings);

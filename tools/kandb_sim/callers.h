@@ -1,5 +1,5 @@
-// The simulated stores' side of the wire: every store calls over its own connection, or shares one
-// when there are fewer, and a few threads drive them all.
+// The connections of the simulated stores. Each store has its own, or shares one when there are
+// fewer; a few threads drive them all.
 #pragma once
 
 #include <array>
@@ -13,11 +13,11 @@
 #include <vector>
 
 #include "client/pd_client.h"
-#include "kandb_tools/latency_histogram.h"
+#include "tools/common/latency_histogram.h"
 
 namespace kandb::sim {
 
-// The requests of the methods, whose latencies are told apart.
+// The request type of each method: latencies are kept by method.
 using Requests =
     std::tuple<pdpb::TsoRequest, pdpb::AllocIdRequest, pdpb::BootstrapRequest,
                pdpb::GetRegionRequest, pdpb::UpsertRegionRequest, pdpb::RegionHeartbeatRequest>;
@@ -25,12 +25,12 @@ inline constexpr const char* kMethodNames[] = {"Tso",       "AllocId",      "Boo
                                                "GetRegion", "UpsertRegion", "RegionHeartbeat"};
 using Latencies = std::array<tools::LatencyHistogram, std::tuple_size_v<Requests>>;
 
-// Calls over one connection and takes the time of each. Used by one thread at a time.
+// Calls over one connection and measures the latencies. Used by one thread at a time.
 class Session {
  public:
   Session(client::PdClient* client, Latencies* measured) : pd(client), latencies(measured) {}
 
-  // As the method of PdClient, with its name in front of a failure.
+  // Calls the method of PdClient. A failure begins with the method's name.
   template <class Request, class Response>
   Status Call(Status (client::PdClient::*method)(const Request&, Response*),
               const std::type_identity_t<Request>& request, Response* answer) {
@@ -65,14 +65,14 @@ class Callers {
   // `tick` is called about once a second while calls run, with the tasks done and all tasks.
   using Tick = std::function<void(std::size_t done, std::size_t all)>;
 
-  // Connects with the first calls. A call is tried once: a failure is news, not noise.
+  // Connects with the first calls. Each call is tried once, so that no failure is hidden.
   Callers(const std::string& server, std::size_t connection_count, std::size_t threads, Tick tick);
 
   // A task for the connection of store number `store`. Not while tasks run.
   void Add(std::size_t store, Task task);
 
-  // Runs all tasks that were added: those of one connection in order, connections side by side.
-  // When one fails, those that have not begun are dropped, and its failure is returned.
+  // Runs all tasks that were added: those of one connection in order, connections in parallel. When
+  // one fails, those that have not begun are dropped and its failure is returned.
   Status RunAll();
 
   Latencies TotalLatencies() const;
@@ -93,7 +93,7 @@ class Callers {
   std::vector<std::unique_ptr<Connection>> connections;
   std::vector<Latencies> latencies;  // of each thread
   std::size_t task_count = 0;
-  // Only the number matters, so no order with other memory is asked for.
+  // Relaxed: the count orders no other memory.
   std::atomic<std::size_t> done_count = 0;
 };
 

@@ -26,8 +26,8 @@ std::size_t Cluster::StartRegions(const Options& options) {
   return std::min(options.store_count, options.region_count);
 }
 
-// The region and its members: one more than the target at the start, and later those on stores that
-// are down besides as many as the target.
+// The ids of a region and its members: at the start one member more than the target, later the
+// target and one for each store that is down.
 std::size_t Cluster::IdsPerRegion(const Options& options) {
   return 1 + options.target_replicas + 1 + options.failures;
 }
@@ -43,7 +43,7 @@ Cluster::Cluster(const Options& run_options, std::uint64_t first_store, Random* 
   for (std::uint64_t i = 0; i < start_count; ++i) {
     pdpb::Region record = {TakeId(ids), KeyAt(kPositionEnd / start_count * i), "", {1, 1}, {}};
     if (i + 1 < start_count) record.end_key = KeyAt(kPositionEnd / start_count * (i + 1));
-    // The smaller of two numbers: stores in front lead more.
+    // The smaller of two numbers: the first stores lead more regions.
     const std::uint64_t leader = std::min(Below(store_count, random), Below(store_count, random));
     record.peers.push_back({TakeId(ids), first_store + leader, PeerRole::kVoter});
     const std::uint64_t wanted = 1 + Below(options.target_replicas + 1, random);
@@ -55,7 +55,7 @@ Cluster::Cluster(const Options& run_options, std::uint64_t first_store, Random* 
     }
     Add({.record = std::move(record)});
   }
-  changed.clear();  // these are what the cluster is bootstrapped with
+  changed.clear();  // the bootstrap reports these
 }
 
 const SimRegion* Cluster::Find(std::uint64_t region_id) const {
@@ -97,9 +97,9 @@ std::vector<std::size_t> Cluster::LeadersPerStore() const {
   return counts;
 }
 
-// A leader leaves members on stores that are down out of its report until enough others are there:
-// so the server sees that some are missing. Then it reports them as the ones to remove. Else any
-// voter may take over.
+// Members on stores that are down are left out until the region has enough others, so that the
+// server adds some. From then on they are the candidates, for removal. Otherwise every other live
+// voter is a candidate, for leadership.
 pdpb::RegionHeartbeatEntry Cluster::Report(const SimRegion& region) const {
   pdpb::RegionHeartbeatEntry entry;
   entry.region_id = region.record.id;
@@ -154,7 +154,7 @@ std::map<std::size_t, pdpb::UpsertRegionRequest> Cluster::TakeChanges() {
   for (const std::uint64_t id : changed) {
     request_of_leader(id)->regions.push_back(by_id.at(id)->record);
   }
-  // With the region that it was merged into, so that no key is ever without a region.
+  // In one request with the region that it was merged into, so that every key always has a region.
   for (const auto& [id, merged_into] : removed) {
     request_of_leader(merged_into)->removed_region_ids.push_back(id);
   }

@@ -11,7 +11,7 @@ using pdpb::Peer;
 using pdpb::PeerRole;
 using pdpb::ScheduleKind;
 
-// The server is told by a record without an address, which keeps it from choosing the store.
+// A record without an address keeps the server from choosing the store.
 void Cluster::FailOne(Random* random, std::vector<std::size_t>* stores_changed) {
   std::vector<std::size_t> up;
   for (std::size_t i = 0; i < stores.size(); ++i) {
@@ -51,7 +51,7 @@ void Cluster::ElectLeaders(Random* random) {
   }
 }
 
-// The leader stands first: that is where the server's clients look for it.
+// The leader is the first peer: clients of the server look for it there.
 void Cluster::Lead(SimRegion* region, std::size_t peer) {
   std::swap(region->record.peers[0], region->record.peers[peer]);
   changed.insert(region->record.id);
@@ -75,7 +75,7 @@ bool Cluster::CarryOut(const pdpb::ScheduleCommand& command, std::uint64_t repor
       if (is_member) return false;
       record->peers.push_back({peer_id, command.store_id, PeerRole::kLearner});
       region->caught_up_round = present_round + options.catch_up_rounds;
-      stale->erase(record->id);  // the new replica takes the place of the old one
+      stale->erase(record->id);  // the new replica replaces the old one
       break;
     case ScheduleKind::kPromoteLearner:
       if (!is_member || peer->role != PeerRole::kLearner) return false;
@@ -90,7 +90,7 @@ bool Cluster::CarryOut(const pdpb::ScheduleCommand& command, std::uint64_t repor
     case ScheduleKind::kTransferLeader:
       if (!is_member || peer->role != PeerRole::kVoter || !IsUp(command.store_id)) return false;
       Lead(region, static_cast<std::size_t>(peer - record->peers.begin()));
-      return true;  // which changes no epoch
+      return true;  // without a change of the epoch
     default:
       return false;
   }

@@ -12,7 +12,7 @@ namespace kandb::sim {
 
 namespace {
 
-// How many regions are looked at for one that can be split or merged.
+// Regions to try until one can be split or merged.
 constexpr int kTries = 8;
 
 std::uint64_t EndPosition(const pdpb::Region& region) {
@@ -38,8 +38,8 @@ void Cluster::Grow(std::vector<std::uint64_t>* ids) {
   }
 }
 
-// The region keeps the first piece; each other one goes to a new region with members on the same
-// stores. Every one of them has seen as many changes of its range as there are new regions.
+// The region keeps the first piece; each other piece becomes a new region with members on the same
+// stores. The version of all of them grows by the number of new regions.
 void Cluster::SplitEvenly(SimRegion* region, std::uint64_t pieces,
                           std::vector<std::uint64_t>* ids) {
   if (pieces < 2) return;
@@ -71,7 +71,7 @@ void Cluster::SplitOne(Random* random, std::vector<std::uint64_t>* ids) {
 }
 
 bool Cluster::CanMerge(const SimRegion& left, const SimRegion& right) const {
-  // One change of a range in a round: the leaders' requests are not ordered among each other.
+  // A range changes at most once a round: requests of different leaders are not ordered.
   const auto quiet = [&](const SimRegion& region) {
     return region.led && !changed.contains(region.record.id) &&
            std::ranges::all_of(region.record.peers, [&](const pdpb::Peer& peer) {
@@ -95,8 +95,7 @@ void Cluster::MergeTwo(Random* random) {
     by_id.erase(gone.id);
     changed.insert(left->record.id);
     removed[gone.id] = left->record.id;
-    // A record that is gone is no evidence against a replica, so the server will not ask for these
-    // to be destroyed.
+    // Without a record the server does not ask for these replicas to be destroyed.
     for (SimStore& store : stores) store.stale.erase(gone.id);
     return;
   }

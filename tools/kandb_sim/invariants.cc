@@ -1,7 +1,6 @@
 #include "kandb_sim/invariants.h"
 
 #include <algorithm>
-#include <iterator>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -30,8 +29,8 @@ bool Contains(const std::vector<std::uint64_t>& ids, std::uint64_t id) {
   return std::ranges::find(ids, id) != ids.end();
 }
 
-// `entry` is what was reported of the region, empty when nothing was. The reporter is never removed
-// and gets no leadership, having it.
+// `entry` is the report on the region, empty when there was none. The reporter leads the region, so
+// it is neither removed nor given leadership.
 bool Fits(const Cluster& cluster, const RegionHeartbeatEntry& entry, std::uint64_t reporter,
           const ScheduleCommand& command) {
   const std::uint64_t store_id = command.store_id;
@@ -120,21 +119,11 @@ Status CheckLookup(const Cluster& cluster, const std::string& key,
                             Describe(reported));
 }
 
-Status Runs::Add(const std::string& what, std::uint64_t first, std::uint64_t count) {
-  const std::uint64_t end = first + count;
-  const auto after = ends.lower_bound(first);
-  const auto before = after == ends.begin() ? ends.end() : std::prev(after);
-  if (end <= first || (after != ends.end() && after->first < end) ||
-      (before != ends.end() && before->second > first)) {
-    return Status::Corruption(what + " " + std::to_string(first) + " to " +
-                              std::to_string(end - 1) + ": some were handed out before");
-  }
-  if (before != ends.end() && before->second == first) {
-    before->second = end;
-  } else {
-    ends[first] = end;
-  }
-  return {};
+Status AddDisjoint(const std::string& what, std::uint64_t first, std::uint64_t count,
+                   tools::DisjointRanges* ranges) {
+  if (ranges->Add(first, count)) return {};
+  return Status::Corruption(what + " " + std::to_string(first) + " to " +
+                            std::to_string(first + count - 1) + ": some were handed out before");
 }
 
 }  // namespace kandb::sim

@@ -1,5 +1,5 @@
 // Keys as positions, so that ranges can be divided: the 16 hexadecimal digits of a number below
-// 2^63. Position 0 is the start of all keys, which is empty.
+// 2^63. Position 0 is the empty key.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// kandb-sim: a cluster of simulated stores against a real server. Shows how the server fares, and
-// checks what it says.
+// kandb-sim: simulates a cluster against a real server, checks the answers and shows latencies and
+// costs.
 
 #include <unistd.h>
 
@@ -40,41 +40,46 @@ void AddOptions(CLI::App* app, Options* options) {
     app->add_option(name, *number, help)->check(CLI::Range(min, max))->capture_default_str();
   };
   add("--target-replicas", &options->target_replicas, 1, 16,
-      "members of a region; what the server of --server was started with");
+      "members of a region; as the server of --server was started with");
   add("--stores", &options->store_count, 1, 1000, "stores");
   add("--regions", &options->region_count, 1, 100000, "regions at the start");
-  add("--interval-ms", &options->interval_ms, 0, 60000, "between two heartbeats of a store");
-  add("--rounds", &options->disturbed_rounds, 1, 1000000, "heartbeats with disturbances");
-  add("--splits", &options->splits_per_round, 0, 1000, "regions split in each such round");
-  add("--merges", &options->merges_per_round, 0, 1000, "regions merged in each such round");
-  add("--failures", &options->failures, 0, 1000, "stores that fail, in all rounds together");
-  add("--down-rounds", &options->down_rounds, 1, 1000000, "rounds until a store returns");
+  add("--interval-ms", &options->interval_ms, 0, 60000,
+      "milliseconds between two heartbeats of a store");
+  add("--rounds", &options->disturbed_rounds, 1, 1000000, "disturbed rounds");
+  add("--splits", &options->splits_per_round, 0, 1000, "regions split in each disturbed round");
+  add("--merges", &options->merges_per_round, 0, 1000, "regions merged in each disturbed round");
+  add("--failures", &options->failures, 0, 1000, "stores that fail during the disturbed rounds");
+  add("--down-rounds", &options->down_rounds, 1, 1000000, "rounds until a failed store returns");
   add("--catch-up-rounds", &options->catch_up_rounds, 0, 1000, "rounds until a learner can vote");
   add("--transfers", &options->transfers_per_round, 0, 1000000,
-      "leaderships that a store gives away in a round, at most");
+      "most leaderships that a store transfers in a round");
   add("--quiet-rounds", &options->quiet_rounds, 1, 1000000,
-      "rounds without disturbances, at most, until all regions must be complete");
+      "most rounds of each quiet phase; the run fails if it takes more");
   add("--lookups", &options->lookups_per_round, 0, 100000, "lookups checked after each step");
-  add("--walk", &options->walk_limit, 1, 100000, "regions looked up one by one at the end");
-  add("--measure-ms", &options->measure_ms, 0, 600000, "time for each measurement at the end");
+  add("--walk", &options->walk_limit, 1, 100000, "most regions that the walk looks up");
+  add("--measure-ms", &options->measure_ms, 0, 600000, "milliseconds for each measurement");
   add("--connections", &options->connection_count, 1, 1000,
       "connections, at most one for each store");
   add("--threads", &options->thread_count, 1, 64, "threads that drive the connections");
-  app->add_option("--seed", options->seed, "of all that happens by chance")->capture_default_str();
+  app->add_option("--seed", options->seed, "seed of all random choices")->capture_default_str();
 }
 
 int Run(int argc, char** argv) {
   CLI::App app(
-      "Plays a cluster against a kandb-meta server: stores that send heartbeats and do what they\n"
-      "are told, regions that split and merge, stores that fail and return. Checks all along that\n"
-      "the server's answers are right, and shows at the end how it fared.",
+      "Simulates a cluster against a kandb-meta server: stores send heartbeats and carry out the\n"
+      "commands, regions split and merge, stores fail and return. Checks every answer, and shows\n"
+      "counts, latencies and costs at the end.\n"
+      "The phases: bootstrap and first splits; quiet rounds until every region has its members;\n"
+      "disturbed rounds; quiet rounds again; a walk through the key space; measurements. A round "
+      "is\n"
+      "one heartbeat of every store.",
       "kandb-sim");
   Options options;
   AddOptions(&app, &options);
   app.footer(
       "The exit status is 1 when a call failed or an answer was wrong. With --threads 1 a seed\n"
-      "repeats the whole run; with more the order of heartbeats, and so the choice of leaders to\n"
-      "transfer, is left to chance.");
+      "repeats the whole run. With more, neither the order of heartbeats is fixed nor, in\n"
+      "consequence, the choice of leaders to transfer.");
   try {
     app.parse(argc, argv);
     if (options.target_replicas > options.store_count) {

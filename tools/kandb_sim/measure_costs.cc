@@ -1,5 +1,5 @@
-// What do the heartbeats of the cluster at rest cost the server? Three kinds of rounds, so that the
-// cost of a heartbeat, of a region and of a replica in it can be told apart.
+// Measures what the heartbeats of the cluster at rest cost the server, in three kinds of rounds,
+// which separate the cost of a heartbeat, of a region and of a replica in it.
 
 #include "kandb_sim/simulation.h"
 

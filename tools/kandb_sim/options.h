@@ -1,4 +1,4 @@
-// What a run of the simulator consists of. One round is one heartbeat of every store.
+// The parameters of a run. A round is one heartbeat of every store.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ struct Options {
   std::uint32_t target_replicas = 3;  // what the server aims for
   std::uint32_t store_count = 5;
   std::uint32_t region_count = 50;
-  std::uint32_t interval_ms = 100;  // from the start of a round to that of the next, at least
+  std::uint32_t interval_ms = 100;  // least time from the start of a round to the next
 
   // The disturbed rounds, and what happens in them.
   std::uint32_t disturbed_rounds = 20;
@@ -24,11 +24,11 @@ struct Options {
   std::uint32_t down_rounds = 5;  // until a failed store returns
 
   std::uint32_t catch_up_rounds = 2;       // until a new learner has caught up
-  std::uint32_t transfers_per_round = 10;  // leaderships that a store gives away, at most
-  std::uint32_t quiet_rounds = 300;        // to get every region complete, at most
+  std::uint32_t transfers_per_round = 10;  // most leaderships that a store transfers
+  std::uint32_t quiet_rounds = 300;        // most rounds until every region is complete
 
   std::uint32_t lookups_per_round = 20;
-  std::uint32_t walk_limit = 10000;  // regions that the walk at the end looks up, at most
+  std::uint32_t walk_limit = 10000;  // most regions that the walk looks up
   std::uint32_t measure_ms = 500;    // for each kind of heartbeat whose cost is measured
   std::uint32_t connection_count = 64;
   std::uint32_t thread_count = 4;

@@ -4,7 +4,8 @@
 #include <cstdio>
 #include <string>
 
-#include "kandb_tools/text_table.h"
+#include "tools/common/message_names.h"
+#include "tools/common/text_table.h"
 
 namespace kandb::sim {
 
@@ -41,12 +42,10 @@ Cells LeadersRow(const char* name, std::vector<std::size_t> counts) {
 }
 
 void PrintCommands(const Results& results) {
-  constexpr const char* kNames[] = {"PromoteLearner", "AddPeer", "RemovePeer",
-                                    "DestroyStaleReplica", "TransferLeader"};
   std::vector<Cells> rows;
-  for (std::size_t kind = 1; kind <= std::size(kNames); ++kind) {
-    rows.push_back(
-        {kNames[kind - 1], Text(results.commands_given[kind]), Text(results.commands_done[kind])});
+  for (const auto& [known, name] : tools::kEnumNames<pdpb::ScheduleKind>) {
+    const auto kind = static_cast<std::size_t>(known);
+    rows.push_back({name, Text(results.commands_given[kind]), Text(results.commands_done[kind])});
   }
   PrintTable({"command", "given", "carried out"}, std::move(rows));
 }
@@ -64,7 +63,7 @@ void PrintLatencies(const Results& results) {
 
 void PrintCosts(const Results& results) {
   constexpr const char* kReported[] = {"nothing", "its regions", "its replicas too"};
-  // What a row has more than the one before it.
+  // The items that a row has in addition to the one before.
   constexpr const char* kItems[] = {"heartbeat", "region", "replica"};
   const std::uint64_t items[] = {results.leaders_after.size(), results.rest_entries,
                                  results.rest_replica_ids};

@@ -1,4 +1,4 @@
-// What a run has seen, and how it is told.
+// The results of a run, and their report.
 #pragma once
 
 #include <array>
@@ -51,8 +51,8 @@ struct Results {
   std::size_t regions_walked = 0;
   std::size_t region_count = 0;  // at the end
 
-  // What the cluster at rest costs: heartbeats that report nothing, regions, regions and replicas;
-  // and how many of these there are in a round.
+  // The cost of the cluster at rest: heartbeats that report nothing, then regions, then regions and
+  // replicas; and the number of these in a round.
   std::array<Cost, 3> costs;
   std::uint64_t rest_entries = 0;
   std::uint64_t rest_replica_ids = 0;

@@ -23,7 +23,7 @@ Status Simulation::RunRound(Phase* phase, bool disturbed) {
   if (Status s = SendHeartbeats(); !s.ok()) return s;
   if (Status s = SendChanges(); !s.ok()) return s;
   if (Status s = CheckServer(); !s.ok()) return s;
-  ids.clear();  // what a store did not use is never used
+  ids.clear();  // unused ones are dropped
   ShowProgress(0, 0);
   if (SteadyClock::now() > deadline) ++phase->late_rounds;
   std::this_thread::sleep_until(deadline);
@@ -34,7 +34,7 @@ Status Simulation::ChangeStores(bool disturbed) {
   std::vector<std::size_t> changed;
   cluster->ReturnStores(&changed);
   if (disturbed) {
-    // Spread evenly over the disturbed rounds, the first one in the first round.
+    // Evenly spread over the disturbed rounds, the first one in the first round.
     const std::uint64_t rounds = options.disturbed_rounds;
     for (std::uint32_t i = 0; i < options.failures; ++i) {
       if (i * rounds / options.failures == seen.disturbed.rounds) {
@@ -126,7 +126,7 @@ Status Simulation::RegisterStores(const std::vector<std::size_t>& numbers) {
   return callers.RunAll();
 }
 
-// From several stores at once.
+// Calls from several stores at once.
 Status Simulation::GetIds(std::size_t wanted) {
   constexpr std::size_t kCalls = 8;
   if (ids.size() >= wanted) return {};
@@ -141,11 +141,11 @@ Status Simulation::GetIds(std::size_t wanted) {
   if (Status s = callers.RunAll(); !s.ok()) return s;
   for (const pdpb::AllocIdResponse& answer : answers) {
     if (answer.count != request.count) return Status::Corruption("not as many ids as wanted");
-    if (Status s = all_ids.Add("ids", answer.first_id, answer.count); !s.ok()) return s;
+    if (Status s = AddDisjoint("ids", answer.first_id, answer.count, &all_ids); !s.ok()) return s;
     seen.ids += answer.count;
     for (std::uint64_t i = 0; i < answer.count; ++i) ids.push_back(answer.first_id + i);
   }
-  std::ranges::sort(ids);  // whichever store was answered first
+  std::ranges::sort(ids);  // independent of the order of the answers
   return {};
 }
 

@@ -1,14 +1,17 @@
-// Compares what the server says with what the stores have reported.
+// Compares the server's answers with the reports of the stores.
 
 #include <algorithm>
 #include <utility>
 
 #include "kandb_sim/key_space.h"
 #include "kandb_sim/simulation.h"
+#include "tools/common/remote_failure.h"
 
 namespace kandb::sim {
 
 using client::PdClient;
+using tools::RemoteFailure;
+using tools::RemoteFailureOf;
 
 Status Simulation::CheckServer() {
   if (Status s = CheckModel(*cluster); !s.ok()) return s;
@@ -17,14 +20,14 @@ Status Simulation::CheckServer() {
   return CheckTimestamps();
 }
 
-// A lookup that passes over many records while some of them change may find that no region covers
-// the key, though one always does; a client asks again. At rest that is a failure.
+// A lookup while regions change may find that no region covers the key; a client would ask again.
+// At rest that is a failure.
 void Simulation::AddLookup(bool at_rest) {
   ++(at_rest ? seen.lookups : seen.lookups_during_changes);
   callers.Add(RandomUpStore(), [this, at_rest, key = RandomKey()](Session* session) -> Status {
     pdpb::GetRegionResponse answer;
     Status status = session->Call(&PdClient::GetRegion, {key}, &answer);
-    if (!at_rest && status.message().ends_with("NotFound: no region covers key")) {
+    if (!at_rest && RemoteFailureOf(status) == RemoteFailure::kNoRegionCoversKey) {
       seen.missed_during_changes.fetch_add(1, std::memory_order_relaxed);  // only counted
       return {};
     }
@@ -40,7 +43,7 @@ std::string Simulation::RandomKey() {
   return length > 16 ? cluster->Covering(key).record.start_key : key.substr(0, length);
 }
 
-// On every connection timestamps grow; no two runs share one; all are above those of the round
+// Timestamps grow on every connection, no two ranges share one, and all exceed those of the round
 // before.
 Status Simulation::CheckTimestamps() {
   constexpr std::uint32_t kCallsPerThread = 5;
@@ -65,23 +68,24 @@ Status Simulation::CheckTimestamps() {
     });
   }
   if (Status s = callers.RunAll(); !s.ok()) return s;
-  Runs runs;
+  tools::DisjointRanges ranges;
   for (const Answers& answers : taken) {
     for (const pdpb::TsoResponse& answer : answers) {
       if (answer.timestamp < timestamps_end) {
         return Status::Corruption("timestamp " + std::to_string(answer.timestamp) +
                                   " is not above those of the round before");
       }
-      if (Status s = runs.Add("timestamps", answer.timestamp, answer.count); !s.ok()) return s;
+      if (Status s = AddDisjoint("timestamps", answer.timestamp, answer.count, &ranges); !s.ok())
+        return s;
       seen.timestamps += answer.count;
     }
   }
-  timestamps_end = runs.end();
+  timestamps_end = ranges.end();
   return {};
 }
 
-// From region to region by what the server says, in sections side by side. The server's lookups
-// become slow as regions become many: then only a part is walked, which begins at random.
+// Follows the end keys of the answers from region to region, several sections in parallel. Lookups
+// are slow in a large key space: then only a part of it is walked, from a random region on.
 Status Simulation::Walk() {
   std::vector<const pdpb::Region*> records;
   for (const auto& [start_key, region] : cluster->all_regions()) records.push_back(&region.record);

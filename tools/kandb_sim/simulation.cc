@@ -6,9 +6,13 @@
 #include <cstdio>
 #include <utility>
 
+#include "tools/common/remote_failure.h"
+
 namespace kandb::sim {
 
 using client::PdClient;
+using tools::RemoteFailure;
+using tools::RemoteFailureOf;
 
 namespace {
 
@@ -53,7 +57,7 @@ Status Simulation::SetUp() {
   callers.Add(0, [&](Session* session) -> Status {
     pdpb::GetRegionResponse answer;
     const Status status = session->Call(&PdClient::GetRegion, {}, &answer);
-    if (status.message().ends_with("NotFound: cluster not bootstrapped")) return {};
+    if (RemoteFailureOf(status) == RemoteFailure::kNotBootstrapped) return {};
     return status.ok() ? in_use : status;
   });
   if (Status s = callers.RunAll(); !s.ok()) return s;
@@ -62,7 +66,8 @@ Status Simulation::SetUp() {
     return session->Call(&PdClient::AllocId, {options.store_count}, &store_ids);
   });
   if (Status s = callers.RunAll(); !s.ok()) return s;
-  if (Status s = all_ids.Add("ids", store_ids.first_id, store_ids.count); !s.ok()) return s;
+  if (Status s = AddDisjoint("ids", store_ids.first_id, store_ids.count, &all_ids); !s.ok())
+    return s;
   const std::size_t ids_per_region = Cluster::IdsPerRegion(options);
   if (Status s = GetIds(Cluster::StartRegions(options) * ids_per_region); !s.ok()) return s;
   cluster.emplace(options, store_ids.first_id, &random, &ids);

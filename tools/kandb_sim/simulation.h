@@ -1,6 +1,6 @@
-// A run: rounds in which the simulated stores report to the server and do what it commands. In
-// between nothing is under way, so that what the server says can be compared exactly with what the
-// stores have reported.
+// A run: rounds in which the simulated stores report to the server and carry out its commands.
+// Between the steps of a round no request is under way, so that the server's answers can be
+// compared exactly with the reports.
 #pragma once
 
 #include <chrono>
@@ -46,14 +46,14 @@ class Simulation {
   Status SendHeartbeats();
   Status CarryOut(const std::vector<pdpb::RegionHeartbeatRequest>& reports,
                   const std::vector<pdpb::RegionHeartbeatResponse>& answers);
-  // With lookups on the way.
+  // Reports the changes, with lookups in parallel.
   Status SendChanges();
   Status RegisterStores(const std::vector<std::size_t>& numbers);
-  // Gets identifiers until `ids` has as many as wanted.
+  // Gets identifiers until `ids` has at least `wanted`.
   Status GetIds(std::size_t wanted);
   std::size_t RandomUpStore();
 
-  // What the server says, while nothing is under way: server_checks.cc.
+  // Checks of the server's answers while nothing else is under way: server_checks.cc.
   Status CheckServer();
   Status CheckTimestamps();
   void AddLookup(bool at_rest);
@@ -67,7 +67,7 @@ class Simulation {
   Callers callers;
   std::optional<Cluster> cluster;  // from SetUp on
   std::vector<std::uint64_t> ids;  // from the server, not used yet
-  Runs all_ids;
+  tools::DisjointRanges all_ids;
   std::uint64_t timestamps_end = 0;  // above all timestamps of earlier rounds
   const char* phase_name = "";
   SteadyClock::time_point next_progress;

@@ -1,22 +1,20 @@
-// A server of the simulator's own: a child process on a free port, with a temporary state
-// directory.
+// The simulator's own server: a child process on a free port, with a temporary state directory.
 #pragma once
-
-#include <sys/types.h>
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
-#include "common/posix_file.h"
 #include "common/status.h"
+#include "tools/common/child_process.h"
 
 namespace kandb::sim {
 
 class SpawnedServer {
  public:
-  // Starts `binary` and waits until it listens. Fails when it ends instead; what it had to say is
-  // then on standard error.
+  // Starts `binary` and waits until it listens. Corruption when it ends instead; it has then said
+  // why on standard error.
   static Status Start(const std::string& binary, std::uint32_t target_replicas,
                       std::unique_ptr<SpawnedServer>* out);
 
@@ -35,8 +33,7 @@ class SpawnedServer {
 
   std::string directory;
   std::string listen_address;
-  pid_t process = -1;
-  UniqueFd output;  // its standard output
+  std::optional<tools::ChildProcess> process;
 };
 
 }  // namespace kandb::sim

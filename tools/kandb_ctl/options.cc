@@ -1,15 +1,11 @@
-#include "kandb_ctl/online.h"
+#include "kandb_ctl/options.h"
 
 #include <charconv>
-#include <cstdio>
-#include <exception>
-#include <iostream>
 #include <optional>
 #include <string_view>
 #include <utility>
 
 #include "kandb_ctl/key_text.h"
-#include "kandb_tools/text_table.h"
 
 namespace kandb::ctl {
 
@@ -100,9 +96,14 @@ void AddRegionOptions(CLI::App* command, pdpb::Region* region) {
   };
   command
       ->add_option_function<std::vector<std::string>>(
-          "--peer", take_peers, "a replica, again for each; the first stands for the leader")
+          "--peer", take_peers, "a replica, once for each; the first counts as the leader")
       ->type_name("ID:STORE[:learner]")
       ->allow_extra_args(false);
+}
+
+void AddPassphraseOption(CLI::App* command, std::string* path) {
+  command->add_option("--passphrase-file", *path,
+                      "file with the passphrase that opens sealed values");
 }
 
 void CheckStdinOr(const CLI::Option& required, const CLI::App& command, bool from_stdin) {
@@ -114,36 +115,5 @@ void CheckStdinOr(const CLI::Option& required, const CLI::App& command, bool fro
     }
   }
 }
-
-bool ReadJson(const std::function<void(const Json&)>& take) {
-  try {
-    take(Json::parse(std::cin));
-    return true;
-  } catch (const std::exception& error) {
-    (void)Fail(Status::InvalidArgument(std::string("standard input: ") + error.what()));
-    return false;
-  }
-}
-
-void PrintRow(const Context& context, const Json& object) {
-  if (context.json) return PrintJson(object);
-  std::vector<std::string> names;
-  std::vector<std::string> cells;
-  for (const auto& [name, value] : object.items()) {
-    names.push_back(name);
-    if (value.is_number_float()) {
-      char text[64];
-      (void)std::snprintf(text, sizeof(text), "%.1f", value.get<double>());
-      cells.emplace_back(text);
-    } else {
-      cells.push_back(value.is_string() ? value.get<std::string>() : value.dump());
-    }
-  }
-  tools::TextTable table(std::move(names));
-  table.AddRow(std::move(cells));
-  table.Print();
-}
-
-std::string KeyCell(const std::string& key) { return key.empty() ? "\"\"" : KeyText(key); }
 
 }  // namespace kandb::ctl

@@ -1,33 +1,4 @@
-// The band of regions in the report page: its elements, and the script that draws it from what the
-// script of the table of regions has read.
-#pragma once
-
-#include <string_view>
-
-namespace kandb::ctl {
-
-// Continues the sentence that counts the regions.
-inline constexpr std::string_view kBandHtml = R"html(.
-<span class="legend" style="background: var(--region)"></span>region
-<span class="legend" style="background: var(--gap)"></span>gap, hangs down
-<span class="legend" style="background: var(--overlap)"></span>overlap, stands up</p>
-<p class="muted">Every range between two neighbouring bounds is drawn equally wide. Click to zoom
-in, drag to zoom to what is marked; with the keyboard: arrows, Page Up, Page Down, Home, End, + and
--.</p>
-<noscript><p>The regions are drawn by a script, and scripts are off.</p></noscript>
-<div class="tools">
-<button id="zoom-in">Zoom in</button><button id="zoom-out">Zoom out</button>
-<button id="earlier">Earlier</button><button id="later">Later</button>
-<button id="whole">Whole key space</button><button id="next-fault">Next gap or overlap</button>
-</div>
-<canvas id="band" tabindex="0" role="slider" aria-label="Position in the key space"></canvas>
-<div id="overview"><i></i></div>
-<div class="ends muted"><span id="view-begin" class="key"></span>
-<span id="view-end" class="key"></span></div>
-<div id="details" tabindex="0" role="region" aria-label="Details of the position"></div>
-)html";
-
-inline constexpr std::string_view kBandScript = R"js('use strict';
+'use strict';
 const band = $('band');
 const fewestPieces = Math.min(8, pieces.length);
 let view = {begin: 0, count: pieces.length};
@@ -207,6 +178,3 @@ $('next-fault').onclick = () => showAround(faults.find(piece => piece > cursor) 
 new ResizeObserver(draw).observe(band);
 matchMedia('(prefers-color-scheme: dark)').onchange = draw;
 setView(0, pieces.length);
-)js";
-
-}  // namespace kandb::ctl

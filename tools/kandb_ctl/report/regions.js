@@ -1,29 +1,4 @@
-// The table of regions in the report page: its elements, and the script that reads the page's data
-// and fills them. Text reaches the page as text nodes only, never as markup.
-#pragma once
-
-#include <string_view>
-
-namespace kandb::ctl {
-
-inline constexpr std::string_view kRegionsHtml = R"html(<section id="regions">
-<h2>Regions</h2>
-<div class="tools">
-<label for="field">Find in</label>
-<select id="field"><option value="any">all fields</option><option value="id">region id</option>
-<option value="key">keys</option><option value="store">stores</option></select>
-<input id="filter" type="search" aria-label="Text to find" placeholder="text to find"
-autocomplete="off" spellcheck="false">
-<span id="match-count" class="muted" role="status"></span>
-</div>
-<div id="region-box" class="box" tabindex="0" role="region" aria-label="Regions"><table>
-<thead><tr><th>Region</th><th>Start</th><th>End</th><th>Epoch</th><th>Peers, leader first</th></tr>
-</thead><tbody id="region-rows"></tbody></table>
-<button id="more-rows">Show more</button></div>
-</section>
-)html";
-
-inline constexpr std::string_view kRegionsScript = R"js('use strict';
+'use strict';
 const $ = id => document.getElementById(id);
 const data = JSON.parse($('data').textContent);
 const pieces = data.pieces;
@@ -108,6 +83,3 @@ for (const link of document.querySelectorAll('[data-store]')) {
   };
 }
 filterRows();
-)js";
-
-}  // namespace kandb::ctl

@@ -1,4 +1,4 @@
-#include "kandb_tools/text_table.h"
+#include "tools/common/text_table.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,0 +1,20 @@
+#include "tools/common/remote_failure.h"
+
+#include <string_view>
+
+namespace kandb::tools {
+
+RemoteFailure RemoteFailureOf(const Status& status) {
+  constexpr std::string_view kRemote = "remote: ";
+  std::string_view text = status.message();
+  const std::size_t remote = text.find(kRemote);
+  if (remote == text.npos || (remote > 0 && !text.substr(0, remote).ends_with(": "))) {
+    return RemoteFailure::kNone;
+  }
+  text.remove_prefix(remote + kRemote.size());
+  if (text == "NotFound: cluster not bootstrapped") return RemoteFailure::kNotBootstrapped;
+  if (text == "NotFound: no region covers key") return RemoteFailure::kNoRegionCoversKey;
+  return RemoteFailure::kOther;
+}
+
+}  // namespace kandb::tools

@@ -1,0 +1,19 @@
+// The connection of a command to the server that the global options name.
+#pragma once
+
+#include "client/pd_client.h"
+#include "kandb_ctl/command.h"
+#include "rpc/rpc_client.h"
+
+namespace kandb::ctl {
+
+// Connects with the first call.
+struct Connection {
+  explicit Connection(const Context& context)
+      : rpc(context.server, context.client_options), pd(&rpc) {}
+
+  kanrpc::RpcClient rpc;
+  client::PdClient pd;
+};
+
+}  // namespace kandb::ctl
