@@ -9,6 +9,7 @@
 #include <random>
 #include <thread>
 
+#include "lsm/file_names.h"
 #include "lsm/manifest.h"
 #include "lsm/table_writer.h"
 #include "lsm/write_batch.h"

@@ -6,6 +6,7 @@
 
 #include <thread>
 
+#include "lsm/file_names.h"
 #include "lsm/manifest.h"
 #include "lsm/table_writer.h"
 #include "lsm/wal.h"

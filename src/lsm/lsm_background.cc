@@ -7,8 +7,10 @@
 #include <new>
 
 #include "common/check.h"
+#include "lsm/file_names.h"
 #include "lsm/lsm_db.h"
 #include "lsm/manifest.h"
+#include "lsm/merging_iterator.h"
 #include "lsm/table_writer.h"
 
 namespace kandb::lsm {

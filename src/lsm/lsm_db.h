@@ -22,7 +22,7 @@
 #include "lsm/directory_lock.h"
 #include "lsm/entry.h"
 #include "lsm/memtable.h"
-#include "lsm/scan_iterator.h"
+#include "lsm/read_view.h"
 #include "lsm/sst_reader.h"
 #include "lsm/wal.h"
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "lsm/file_names.h"
 #include "lsm/lsm_db.h"
 #include "lsm/manifest.h"
 #include "lsm/recovery.h"

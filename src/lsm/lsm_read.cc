@@ -23,27 +23,12 @@ void LsmDb::PublishView() {
 }
 
 Status LsmDb::Get(std::string_view key, std::string* value, bool* found) const {
-  const std::shared_ptr<const ReadView> captured = CaptureView();
-  *found = false;
-  std::uint8_t op = kDelete;
-  for (const auto& memtable : captured->memtables) {
-    if (!memtable->Lookup(key, &op, value)) continue;
-    *found = op == kPut;
-    return {};
-  }
-  for (const auto& table : captured->tables) {
-    bool has_record = false;
-    if (Status s = table->Get(key, &has_record, &op, value); !s.ok()) return s;
-    if (!has_record) continue;
-    *found = op == kPut;
-    return {};
-  }
-  return {};
+  return GetLive(*CaptureView(), key, value, found);
 }
 
 Status LsmDb::ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
                       const PairVisitor& visit, bool* of_one_moment) const {
-  return ForEachLive(*CaptureView(), start, end, limit, visit, MemTableSource::kChunkSize,
+  return ForEachLive(*CaptureView(), start, end, limit, visit, MemTable::Chunk::kMaxOpenSize,
                      of_one_moment);
 }
 

@@ -1,5 +1,5 @@
-// The manifest, which says which tables make up the database and which file number comes next, and
-// the names of the numbered files. Text; a record is a word and a number in unsigned decimal:
+// The manifest, which names the tables that make up the database and the next file number. Text; a
+// record is a word and a number in unsigned decimal:
 //
 //   next_file <number>      the next unused number; the last such record counts
 //   sst <number>            a live table; newest first
@@ -12,7 +12,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,10 +25,6 @@ struct ManifestState {
   std::uint64_t next_file = 0;
   std::vector<std::uint64_t> sst_files;  // newest first
 };
-
-// Numbers are below this, so that they never overflow: no engine gets that far. A name with a
-// number from here on is a foreign one; a manifest that says `next_file` is above fails the start.
-inline constexpr std::uint64_t kMaxFileNumber = std::numeric_limits<std::uint64_t>::max() / 2;
 
 // Replaces the manifest of `dir` through "MANIFEST.tmp" and a rename. Corruption "manifest create:
 // " or "manifest write: " and the system's text, or "manifest rename failed"; the old manifest is
@@ -53,21 +48,5 @@ struct ManifestRecord {
 Status ForEachManifestRecord(const std::string& path,
                              const std::function<void(const ManifestRecord&)>& visit, bool* exists,
                              std::optional<std::uint64_t>* damage_offset);
-
-// The paths of the manifest, of a table and of a log: "MANIFEST", "sst-000007.sst",
-// "wal-000007.log" (six digits or more) in `dir`.
-std::string ManifestFileName(const std::string& dir);
-std::string TableFileName(const std::string& dir, std::uint64_t number);
-std::string LogFileName(const std::string& dir, std::uint64_t number);
-
-// The numbers of the numbered files in a directory listing, ascending, each once. Whatever follows
-// the digits of a name is not looked at.
-struct FileNumbers {
-  std::vector<std::uint64_t> logs;
-  std::vector<std::uint64_t> tables;
-};
-// A directory that cannot be opened for listing has no files. Corruption "list <dir>: " and the
-// system's text when listing it fails later: files that are there must not count as missing.
-Status ListFileNumbers(const std::string& dir, FileNumbers* numbers);
 
 }  // namespace kandb::lsm

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include "lsm/file_names.h"
 #include "lsm/manifest.h"
 #include "lsm/wal.h"
 

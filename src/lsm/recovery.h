@@ -9,7 +9,7 @@
 
 #include "common/status.h"
 #include "lsm/memtable.h"
-#include "lsm/scan_iterator.h"
+#include "lsm/read_view.h"
 #include "lsm/sst_reader.h"
 
 namespace kandb::lsm {

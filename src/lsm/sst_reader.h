@@ -50,13 +50,13 @@ class SstReader {
   Status ReadFooter(const std::string& path);
   Status ReadBlock(std::uint64_t offset, std::uint64_t size, std::string* block) const;
 
-  // Where in the data an entry with the key `target`, or the first after it, can begin: from the
-  // last indexed entry at or before the key up to the next one.
-  struct Stretch {
+  // The bytes in which the first entry whose key is not less than `target` begins, if it does not
+  // begin at `end`: from the last indexed entry at or before the key to the next indexed one.
+  struct Section {
     std::uint64_t begin;
     std::uint64_t end;
   };
-  Stretch FindStretch(std::string_view target) const;
+  Section FindSection(std::string_view target) const;
 
   UniqueFd file;
   std::uint64_t file_size = 0;
@@ -82,24 +82,24 @@ class SstReader::Iterator final : public EntrySource {
   std::uint64_t offset() const;
 
  private:
-  // Decoded at once from what is in the buffer.
-  static constexpr std::size_t kStretchSize = 32;  // entries
+  // Decoded at once, from bytes that were read already.
+  static constexpr std::size_t kBatchSize = 32;  // entries
 
   void Refill() override;
-  // Reads the entry at `next_offset` and moves behind it; false at the end of the data or after a
+  // Reads the entry at `next_offset` and moves past it; false at the end of the data or after a
   // failure.
   bool ReadEntry(EntryView* entry);
-  // `rest`, the end of `ahead`, is what has not been parsed yet.
+  // Moves past the parsed bytes of `ahead`; `rest` is its unparsed end.
   void MoveTo(std::string_view rest);
-  // Reads on until `size` bytes from `next_offset` on are in the buffer.
+  // Reads until at least `size` bytes from `next_offset` on are in the buffer.
   Status Fill(std::size_t size);
 
   const SstReader* const reader;
   std::size_t read_size;
   InputBuffer buffer;
-  std::string_view ahead;         // the end of the buffer: what is behind the stretch
-  std::uint64_t next_offset = 0;  // of the entry behind the stretch, where `ahead` begins
-  EntryView entries[kStretchSize];
+  std::string_view ahead;         // the bytes in `buffer` after the batch
+  std::uint64_t next_offset = 0;  // in the file, of the entry after the batch: where `ahead` begins
+  EntryView entries[kBatchSize];  // the batch
 };
 
 }  // namespace kandb::lsm

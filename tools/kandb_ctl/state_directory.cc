@@ -8,8 +8,8 @@
 #include "common/endian.h"
 #include "kandb_ctl/key_text.h"
 #include "lsm/directory_lock.h"
+#include "lsm/read_view.h"
 #include "lsm/recovery.h"
-#include "lsm/scan_iterator.h"
 #include "meta/keys.h"
 
 namespace kandb::ctl {

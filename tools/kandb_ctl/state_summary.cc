@@ -10,6 +10,7 @@
 
 #include "kandb_ctl/state_directory.h"
 #include "kandb_tools/text_table.h"
+#include "lsm/file_names.h"
 #include "lsm/manifest.h"
 #include "lsm/recovery.h"
 #include "lsm/wal.h"
