@@ -6,12 +6,12 @@
 // The roads through it: lsm_open.cc, lsm_write.cc, lsm_read.cc, lsm_background.cc.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -19,6 +19,7 @@
 
 #include "common/mutex.h"
 #include "common/status.h"
+#include "lsm/commit_queue.h"
 #include "lsm/directory_lock.h"
 #include "lsm/entry.h"
 #include "lsm/memtable.h"
@@ -58,7 +59,7 @@ class LsmDb {
   // an encoding of more than 64 MiB; else the failures of the log. After a failure nothing of the
   // batch is visible, but for one case: when the memtable was full and the next log could not be
   // created, the batch is written and the failure of the switch reported.
-  Status Write(const std::vector<Entry>& batch) EXCLUDES(write_queue_mutex, db_mutex);
+  Status Write(const std::vector<Entry>& batch) EXCLUDES(db_mutex);
 
   // `*value` is set only when `*found`. Fails only as reading a table does.
   Status Get(std::string_view key, std::string* value, bool* found) const EXCLUDES(db_mutex);
@@ -82,27 +83,15 @@ class LsmDb {
   std::uint64_t ImmutableMemTableCount() const EXCLUDES(db_mutex);
 
  private:
-  struct WriterSlot;
-  struct GroupPlace {
-    std::uint32_t group;
-    bool leads;
-  };
-
   // lsm_open.cc
   Status Recover() EXCLUDES(db_mutex);
   // Creates the log of the active memtable under the next file number and makes it current.
   Status StartLog() REQUIRES(db_mutex);
 
   // lsm_write.cc
-  // Queues the slot. Returns at once if another slot leads its group, and else when the group
-  // before has ended; then the group is complete: the list that begins with `slot`.
-  GroupPlace JoinGroup(WriterSlot* slot) EXCLUDES(write_queue_mutex);
-  void WaitForCommit(std::uint32_t group);
-  Status CommitGroup(const WriterSlot* first) EXCLUDES(db_mutex);
-  // Tells the writers of the group its result and lets the next one begin.
-  void EndGroup(std::uint32_t group, WriterSlot* leader, const Status& status)
-      EXCLUDES(write_queue_mutex);
-  Status LogGroup(const WriterSlot* first) REQUIRES(db_mutex);
+  using WriteGroup = std::span<const WriterSlot* const>;
+  Status CommitGroup(WriteGroup group) EXCLUDES(db_mutex);
+  Status LogGroup(WriteGroup group) REQUIRES(db_mutex);
   Status SwitchMemTable() REQUIRES(db_mutex);
 
   // lsm_read.cc
@@ -123,18 +112,7 @@ class LsmDb {
   const std::string directory;
   const Options options;
 
-  // Guards the group that forms, whose first writer leads it, while another is committed. Never
-  // held together with db_mutex.
-  Mutex write_queue_mutex;
-  WriterSlot* first_writer GUARDED_BY(write_queue_mutex) = nullptr;
-  WriterSlot* last_writer GUARDED_BY(write_queue_mutex) = nullptr;
-  std::uint32_t forming_group GUARDED_BY(write_queue_mutex) = 2;
-  bool committing GUARDED_BY(write_queue_mutex) = false;
-  CondVar leader_cv;  // with write_queue_mutex: the group before has ended
-
-  // The last group committed of those with even and of those with odd numbers. Its writers wait on
-  // one of them, so that they are woken all at once and those of the next group are not.
-  std::atomic<std::uint32_t> committed_groups[2] = {0, 1};
+  CommitQueue write_queue{[this](WriteGroup group) { return CommitGroup(group); }};
 
   // Guards what the engine consists of; held by the leader of a write group while it logs, syncs
   // and applies, so that the log has the order of the memtable. A memtable's own lock may be taken
