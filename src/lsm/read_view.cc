@@ -15,16 +15,6 @@ constexpr std::size_t kFirstReadSize = 16384;  // bytes
 
 }  // namespace
 
-std::shared_ptr<const ReadView> CurrentView::Capture() const {
-  MutexLock lock(&mutex);
-  return view;
-}
-
-void CurrentView::Publish(std::shared_ptr<const ReadView> next) {
-  MutexLock lock(&mutex);
-  view.swap(next);
-}
-
 Status GetLive(const ReadView& view, std::string_view key, std::string* value, bool* found) {
   *found = false;
   std::uint8_t op = kDelete;

@@ -10,7 +10,6 @@
 #include <string_view>
 #include <vector>
 
-#include "common/mutex.h"
 #include "common/status.h"
 #include "lsm/memtable.h"
 #include "lsm/sst_reader.h"
@@ -22,20 +21,6 @@ namespace kandb::lsm {
 struct ReadView {
   std::vector<std::shared_ptr<const MemTable>> memtables;
   std::vector<std::shared_ptr<const SstReader>> tables;
-};
-
-// The view that reads capture. Thread-safe. It has a lock of its own, so that a read never waits
-// for a write group or its sync.
-class CurrentView {
- public:
-  std::shared_ptr<const ReadView> Capture() const EXCLUDES(mutex);
-  // Later captures get `next`. Allocates nothing.
-  void Publish(std::shared_ptr<const ReadView> next) EXCLUDES(mutex);
-
- private:
-  // Guards the pointer alone; no other lock is taken while it is held.
-  mutable Mutex mutex;
-  std::shared_ptr<const ReadView> view GUARDED_BY(mutex);
 };
 
 // The newest operation on `key`. `*value` is set only when `*found`: when that is a put. Fails only
