@@ -268,7 +268,7 @@ TEST_F(PdServiceTest, WhatCannotBeReadCountsAsAbsentOrIsNamed) {
                   {lsm::kPut, "pd/id_alloc", std::string("\0\x10\0\0\0\0\0\0", 8)},
                   {lsm::kPut, "pd/region/8", Encode(Region{8, "", "", {}, {}})}});
   EXPECT_EQ(AllocId(1), 4096u);
-  fault.Arm({.kind = testing::kPread, .count = testing::Fault::kForEver});
+  fault.Arm({.kind = testing::kPread, .count = testing::Fault::kForever});
   const std::string failure = "Corruption: sst pread: Input/output error";
   EXPECT_EQ(Route("k"), failure);
   pdpb::RegionHeartbeatResponse answer;

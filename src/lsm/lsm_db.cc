@@ -95,8 +95,7 @@ Status LsmDb::CommitGroup(WriteGroup group) {
   }
   active->Reserve(entry_count, size);
   if (Status s = LogGroup(group); !s.ok()) return s;
-  // Only what is safely logged becomes visible: a value that was read must still be there after a
-  // crash.
+  // Apply after the sync: a value that was read must still be there after a crash.
   for (const WriterSlot* slot : group) active->Apply(*slot->batch);
   if (active->ApproximateBytes() >= options.write_buffer_size) return SwitchMemTable();
   return {};
@@ -123,10 +122,10 @@ Status LsmDb::SwitchMemTable() {
   auto next_view = std::make_shared<ReadView>(*view);
   next_view->memtables.insert(next_view->memtables.begin(), next);
   immutable_memtables.push_back(active);
-  // Nothing that can fail stands between these two: readers must see where writers write.
+  // Nothing between these two may fail: readers must see the memtable that writers write to.
   active = std::move(next);
   view = std::move(next_view);
-  // When this fails, writes go on into the old log together with the new memtable. That log is
+  // When this fails, later writes go to the new memtable, but still to the old log. That log is
   // deleted once the old memtable is flushed: the one case in which an acknowledged write can be
   // lost.
   if (Status s = StartLog(); !s.ok()) return s;
@@ -136,7 +135,7 @@ Status LsmDb::SwitchMemTable() {
 
 Status LsmDb::StartLog() {
   std::string path = LogFileName(directory, next_file++);
-  // Room first: a log that is in use must also be known for deletion.
+  // Reserve first: a log in use must be in the list, or it would never be deleted.
   active->wal_files.reserve(active->wal_files.size() + 1);
   if (Status s = OpenLogForAppend(path, &log); !s.ok()) return s;
   active->wal_files.push_back(std::move(path));
@@ -196,19 +195,19 @@ void LsmDb::BackgroundLoop() {
       if (stopping) return;
       flush = !immutable_memtables.empty();
     }
-    // A failure is dropped on purpose: the work is still there and is tried again at once, until it
-    // succeeds or the engine stops. Nothing is lost meanwhile, the logs hold it.
+    // A failure is dropped on purpose: the work remains and is tried again at once, until it
+    // succeeds or the engine stops. Nothing is lost meanwhile: the logs have all of it.
     try {
       (void)(flush ? FlushOldestMemTable() : CompactAllTables());
     } catch (const std::bad_alloc&) {
-      // A failure like others: memory may be there the next time.
+      // A failure like others: the next attempt may find memory.
     }
   }
 }
 
-// The order makes a crash harmless at every step: the table is in place and durable before the
-// manifest names it, and the logs go only after that. What a crash leaves is a table that nobody
-// names, or logs whose contents are replayed though a table holds them too.
+// The order makes a crash harmless at every step: the table is durable and has its name before the
+// manifest names it, and the logs are deleted only after that. A crash leaves a table that is not
+// in the manifest, or logs that are replayed although a table has their contents too.
 Status LsmDb::FlushOldestMemTable() {
   std::shared_ptr<const MemTable> oldest;
   std::uint64_t number = 0;
@@ -231,8 +230,7 @@ Status LsmDb::FlushOldestMemTable() {
     table_readers.insert(table_readers.begin(), std::move(reader));
     live_tables.insert(live_tables.begin(), number);
     PublishView();
-    // On failure the table stays, and the memtable stays queued and is flushed again into another
-    // one.
+    // On failure the table stays, and the memtable stays queued and is flushed again to another.
     if (Status s = SaveManifest(); !s.ok()) return s;
     obsolete_logs.insert(obsolete_logs.end(), oldest->wal_files.begin(), oldest->wal_files.end());
     immutable_memtables.pop_front();
@@ -242,9 +240,9 @@ Status LsmDb::FlushOldestMemTable() {
   return {};
 }
 
-// Strictly from the oldest on: the next Open replays what is left over the tables. If an old log
-// outlived a newer one, its values would hide those that the tables have from the newer one. So a
-// log that cannot be deleted keeps the later ones too; the next flush tries again.
+// Strictly from the oldest on: the next Open replays the remaining logs, and they hide the tables.
+// If an old log outlived a newer one, its values would hide newer ones that are only in tables. So
+// a log that cannot be deleted keeps the later ones too; the next flush tries again.
 void LsmDb::DeleteObsoleteLogs() {
   while (!obsolete_logs.empty()) {
     if (file_calls.unlink(obsolete_logs.front().c_str()) != 0 && errno != ENOENT) return;
@@ -271,7 +269,7 @@ Status LsmDb::CompactAllTables() {
 
   {
     MutexLock lock(&db_mutex);
-    // The merged tables are the oldest ones and end the list; the new table takes their place.
+    // The merged tables are the oldest, at the end of the list; the new table replaces them.
     const std::size_t count = merged_numbers.size();
     KANDB_CHECK(live_tables.size() >= count &&
                     std::equal(merged_numbers.begin(), merged_numbers.end(),
@@ -282,7 +280,7 @@ Status LsmDb::CompactAllTables() {
     live_tables.push_back(number);
     table_readers.push_back(std::move(reader));
     PublishView();
-    // On failure the old files stay, unnamed, until the next Open deletes them.
+    // On failure the old files stay, as orphans, until the next Open deletes them.
     if (Status s = SaveManifest(); !s.ok()) return s;
   }
   for (const std::uint64_t merged_number : merged_numbers) {

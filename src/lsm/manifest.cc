@@ -15,7 +15,7 @@ namespace kandb::lsm {
 
 namespace {
 
-// All of the file at `path`. It needs no limit: a manifest has a line for each live table.
+// The whole file at `path`. It needs no limit: a manifest has one line for each live table.
 Status ReadWhole(const std::string& path, std::string* text, bool* exists) {
   const UniqueFd file(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
   if (!file.valid()) {
@@ -37,12 +37,12 @@ Status ReadWhole(const std::string& path, std::string* text, bool* exists) {
 
 bool IsBlank(char c) { return c == ' ' || ('\t' <= c && c <= '\r'); }
 
-// Takes words and numbers off the front of a text.
+// Reads words and numbers from a text.
 class Scanner {
  public:
   explicit Scanner(std::string_view scanned) : text(scanned) {}
 
-  // Of what has not been taken yet.
+  // Of the first byte not read yet.
   std::uint64_t offset() const { return at; }
 
   void SkipBlanks() {
@@ -91,12 +91,12 @@ Status WriteManifest(const std::string& dir, const ManifestState& state) {
     const int error = errno;
     return Status::Corruption("manifest create: " + ErrnoText(error));
   }
-  // Half a manifest must not replace a whole one: the next Open would delete the tables that it
+  // A partial manifest must not replace a whole one: the next Open would delete the tables that it
   // does not name.
   if (const int error = WriteFully(file.get(), text); error != 0) {
     return Status::Corruption("manifest write: " + ErrnoText(error));
   }
-  (void)file_calls.fsync(file.get());  // deliberately not looked at, nor what closing says
+  (void)file_calls.fsync(file.get());  // its result is ignored on purpose, as that of closing is
   file.Reset();
   if (file_calls.rename(temporary.c_str(), path.c_str()) != 0) {
     return Status::Corruption("manifest rename failed");

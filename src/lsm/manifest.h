@@ -31,20 +31,20 @@ struct ManifestState {
 // then untouched, and "MANIFEST.tmp" stays until the next time.
 Status WriteManifest(const std::string& dir, const ManifestState& state);
 
-// Reads the manifest of `dir`. `*exists` tells whether there is one; without one `*state` stays as
-// it is, and `next_file` also stays where no record sets it. Corruption "manifest open: " or
-// "manifest read: " and the system's text; `*state` is then as it was.
+// Reads the manifest of `dir`. `*exists` tells whether there is one; if not, `*state` does not
+// change, and `next_file` does not when no record sets it. Corruption "manifest open: " or
+// "manifest read: " and the system's text; `*state` does not change then.
 Status ReadManifest(const std::string& dir, ManifestState* state, bool* exists);
 
-// A record as it stands in the file, unknown words too.
+// A record as it is in the file; the word may be unknown.
 struct ManifestRecord {
   std::uint64_t offset;   // of the word
   std::string_view word;  // lives during the visit
   std::uint64_t number;
 };
-// Hands the records of the manifest at `path` to `visit`, in their order, once all of it was read.
-// `*damage_offset` becomes where a rest that is no record begins, if there is one. Opens and fails
-// as ReadManifest does.
+// Hands the records of the manifest at `path` to `visit`, in order, after reading all of it.
+// `*damage_offset` becomes the start of the rest that is not a record, if there is one. Fails as
+// ReadManifest does.
 Status ForEachManifestRecord(const std::string& path,
                              const std::function<void(const ManifestRecord&)>& visit, bool* exists,
                              std::optional<std::uint64_t>* damage_offset);

@@ -2,7 +2,7 @@
 // lsm/table_format.h. Immutable after Open, held by shared pointer and used by any number of
 // threads.
 //
-// Nothing that the file says is trusted: offsets and sizes are compared with the file's size before
+// Nothing in the file is trusted: offsets and sizes are compared with the file's size before
 // memory is allocated or bytes are read for them. All failures are Corruption: "sst open <path>: "
 // and the system's text, "sst too small: <path>", "sst bad magic", "sst footer crc mismatch", "sst
 // index truncated", "sst bad record op", "sst record truncated", "sst: unexpected EOF", "sst pread:
@@ -31,15 +31,15 @@ class SstReader {
  public:
   static Status Open(const std::string& path, std::shared_ptr<SstReader>* reader);
 
-  // Looks a key up. `*found` tells whether the table has a record of it, a deletion too; then `*op`
-  // is filled, and `*value` for a put.
+  // `*found` tells whether the table has a record of the key, a deletion included; then `*op` is
+  // set, and for a put `*value`.
   Status Get(std::string_view key, bool* found, std::uint8_t* op, std::string* value) const;
 
   std::uint64_t EntryCount() const { return footer.entry_count; }
-  // Bytes of encoded entries: what the footer says, and no more than the file has.
+  // Bytes of encoded entries, as the footer says, and no more than the file has.
   std::uint64_t DataSize() const { return std::min(footer.index_offset, file_size); }
 
-  // For those who check the file: what it says of itself, and whether its filter admits a key.
+  // For checking the file: its own description of itself, and whether its filter admits a key.
   const TableFooter& Footer() const { return footer; }
   const std::vector<IndexElement>& Index() const { return index; }
   bool MayContain(std::string_view key) const { return filter->MayContain(key); }
@@ -69,16 +69,16 @@ class SstReader {
 // Walks over the entries of a table; used by one thread. The reader must outlive it.
 class SstReader::Iterator final : public EntrySource {
  public:
-  // Reads pieces of `first_read_size` bytes at first, and if that is less than kMaxReadSize twice
-  // as much each time up to it, so that a short walk reads little and a long one in few calls.
-  // Larger pieces are no faster: they leave the processor's cache before they are looked at.
+  // Reads `first_read_size` bytes at first and then, up to kMaxReadSize, twice as much each time: a
+  // short scan reads little, a long one uses few calls. Larger reads are no faster: their bytes
+  // leave the processor's cache before they are decoded.
   static constexpr std::size_t kMaxReadSize = 65536;
   Iterator(const SstReader* table, std::size_t first_read_size)
       : reader(table), read_size(first_read_size) {}
 
   void Seek(std::string_view target) override;
 
-  // Where in the file the current entry begins; after a failure, where the damaged one does.
+  // In the file: the start of the current entry; after a failure, that of the damaged one.
   std::uint64_t offset() const;
 
  private:
