@@ -95,9 +95,9 @@ class LsmDb {
   Status SwitchMemTable() REQUIRES(db_mutex);
   // Creates the log of the active memtable under the next file number and makes it current.
   Status StartLog() REQUIRES(db_mutex);
-  // Waits for a write group in progress. Under a lock of its own it would not, but beside readers
-  // that never pause, writers then had half of their throughput: the readers kept the processors
-  // and the memtable's lock busy.
+  // Waits for a write group in progress. With a lock of its own it would not, but beside readers
+  // that never pause, 64 writers then lost up to half of their throughput: such readers keep the
+  // processors and the memtable's lock busy.
   std::shared_ptr<const ReadView> CaptureView() const EXCLUDES(db_mutex);
   // Makes the present memtables and tables what later reads see. After every change to them.
   void PublishView() REQUIRES(db_mutex);
