@@ -1,4 +1,4 @@
-// Write batches: entries have the bytes that they were decoded from, also those before the damage.
+// Write batches: entries have the bytes that they were decoded from, those before damage too.
 
 #include "lsm/write_batch.h"
 #include "target.h"

@@ -1,5 +1,5 @@
-// Logs: a replay ends at the end of the file or at damage, and what stands in front of that is a
-// sound log of the same batches.
+// Logs: a replay ends at the end of the file or at damage, and the bytes before that are a sound
+// log of the same batches.
 
 #include "crypto/crc32c.h"
 #include "lsm/wal.h"
@@ -32,7 +32,7 @@ static bool TryLog(std::string_view log) {
   const auto [rebuilt, end, sound] = ReadLog(log);
   Claim(end <= log.size() && sound == (end == log.size()));
   const std::string_view front = log.substr(0, end);
-  // Only bytes behind the last entry of a batch are not written again.
+  // Only bytes after the last entry of a batch are not written again.
   Claim(rebuilt == front ||
         (rebuilt.size() < end && ReadLog(rebuilt) == Replay{rebuilt, rebuilt.size(), true}));
   Claim(end == 0 || sound || ReadLog(front) == Replay{rebuilt, end, true});

@@ -1,5 +1,5 @@
-// Manifests: records stand where they are said to, what is in front of the damage is sound, and the
-// records written out again are read as the same.
+// Manifests: records are at their offsets, the bytes before the damage are sound, and the records
+// written out again are read as the same.
 
 #include "lsm/manifest.h"
 #include "target.h"

@@ -1,5 +1,5 @@
-// Sealed values and the cipher below: every value comes back, what opens is the one value that
-// seals to those bytes, and nothing else than padding is taken for padding.
+// Sealed values and the cipher below: every value comes back, a value that opens is the one that
+// seals to those bytes, and only padding is accepted as padding.
 
 #include <algorithm>
 

@@ -1,5 +1,5 @@
-// Crashes: a process that uses the engine ends at one of its file calls, and what it leaves is
-// opened again. What was acknowledged is there, the batch in flight whole or not at all.
+// Crashes: a process that uses the engine ends at one of its file calls, and its directory is
+// opened again. Everything acknowledged is there, the batch in flight whole or not at all.
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -24,14 +24,14 @@ namespace {
 
 using namespace testing;
 
-// Every how many calls the sweep tries one.
+// The sweep tries every call whose number is one more than a multiple of this.
 #ifndef KANDB_CRASH_STRIDE
 #define KANDB_CRASH_STRIDE 1
 #endif
 
-// What the crash takes besides the process. A write call may have come half way; after a loss of
-// power each file may end anywhere behind what was synced. Names are durable at once: the engine
-// leaves the directory to the file system.
+// The effect of the crash besides the end of the process. Half of a write call may have happened;
+// after a power cut each file may end anywhere after its synced bytes. Names are durable at once:
+// the engine does not sync directories.
 enum Loss { kNothing, kHalfOfAWrite, kAllUnsynced, kSomeUnsynced };
 
 class CrashAtCall : public FileCallFilter {
@@ -64,7 +64,7 @@ class CrashAtCall : public FileCallFilter {
     if (loss == kAllUnsynced || loss == kSomeUnsynced) {
       ForEachFile([this](const char* path, const struct stat& left) { LoseUnsynced(path, left); });
     }
-    ::kill(::getpid(), SIGKILL);  // other threads wait in front of their next call
+    ::kill(::getpid(), SIGKILL);  // other threads wait before their next call
   }
 
   void LoseUnsynced(const char* path, const struct stat& file) {
@@ -148,7 +148,7 @@ class Crash : public ::testing::Test {
     return false;
   }
 
-  // Takes the batch in flight for acknowledged when it is in force.
+  // Counts the batch in flight as acknowledged when it is there.
   void ExpectHolds(const Model& found) {
     if (found != workload.models[progress->acknowledged]) {
       progress->acknowledged = progress->started.load();
@@ -156,7 +156,7 @@ class Crash : public ::testing::Test {
     EXPECT_EQ(found, workload.models[progress->acknowledged]);
   }
 
-  // Opens what the crash has left, goes on writing, and opens it once more.
+  // Opens the directory after the crash, goes on writing, and opens it once more.
   void ExpectRecovers() {
     const FileCallFilter without_syncs;
     auto db = Open(dir->path(), options);
@@ -210,8 +210,8 @@ TEST_F(Crash, AtEveryFileCallLosesNothingAcknowledged) {
   std::printf("%d crashes\n", crashes);
 }
 
-// Random workloads and options, flushes beside writes, and several crashes one after another, also
-// within the recovery of the one before. KANDB_CRASH_ROUNDS says how many workloads.
+// Random workloads and options, flushes beside writes, and several crashes in a row, also during
+// the recovery from the one before. KANDB_CRASH_ROUNDS says how many workloads.
 TEST_F(Crash, AtRandomCallsAgainAndAgainLosesNothingAcknowledged) {
   const unsigned rounds = FromEnvironment("KANDB_CRASH_ROUNDS", 30 / KANDB_CRASH_STRIDE);
   const unsigned seed = FromEnvironment("KANDB_CRASH_SEED", std::random_device()());

@@ -9,6 +9,7 @@
 #include <random>
 #include <thread>
 
+#include "lsm/file_names.h"
 #include "lsm/manifest.h"
 #include "lsm/table_writer.h"
 #include "lsm/write_batch.h"
@@ -39,7 +40,7 @@ TEST_P(LsmDbTest, AgreesWithAMap) {
   const unsigned seed = std::random_device()();
   SCOPED_TRACE("seed " + std::to_string(seed));
   std::mt19937 random(seed);
-  // Of all lengths, with prefixes in common that are longer than a node of the memtable keeps.
+  // Of many lengths, with common prefixes longer than a node of the memtable keeps.
   const auto key = [&] {
     const auto number = random() % 300;
     return std::string(number % 40, 'k') + std::to_string(number);
@@ -139,7 +140,7 @@ TEST(MemTable, ABatchIsSeenWhole) {
   writer.join();
 }
 
-// Whatever is written once it has begun, and whether the rest is listed before or after that.
+// Whatever is written after it began, and whether the rest is listed before or after that.
 TEST(MemTable, AChunkIsOfOneMoment) {
   constexpr std::size_t kMax = std::numeric_limits<std::size_t>::max();
   for (const std::size_t limit : {std::size_t{0}, std::size_t{1}, std::size_t{16}, std::size_t{17},
@@ -197,23 +198,29 @@ TEST(MemTable, AScanNoticesWhatIsWrittenBetweenItsChunks) {
   }
 }
 
-TEST(LsmDb, ScansLongerThanAChunk) {
-  // In a memtable, and in a table, whose entries straddle the pieces that are read.
+// A scan of a memtable lists its first entries, then a chunk, and decodes them in batches; a table
+// is read in pieces. Lengths around each of these sizes.
+TEST(LsmDb, ScansOfEveryLengthAreComplete) {
+  const auto key = [](std::size_t i) { return std::to_string(100000 + i); };
+  Batch batch;
+  for (std::size_t i = 0; i < 9000; ++i) batch.push_back({kPut, key(i), std::to_string(i)});
   for (const std::uint64_t buffer_size : {1u << 20, 1u}) {
     TempDir dir;
     auto db = Open(dir.path(), {.write_buffer_size = buffer_size, .max_table_files = 8});
-    Batch batch;
-    for (int i = 0; i < 9000; ++i) batch.push_back({kPut, std::to_string(100000 + i), "value"});
     ASSERT_TRUE(db->Write(batch).ok());
     db->WaitForBackgroundIdle();
-    EXPECT_EQ(db->TableFileCount(), buffer_size == 1 ? 1u : 0u);
-    EXPECT_EQ(ReadAll(*db).size(), 9000u);
-    EXPECT_EQ(ReadAll(*db, "100010", "104106").size(), 4096u);
-    Batch out = {{kPut, "old", ""}};
-    ASSERT_TRUE(db->Scan("104095", "", 2, &out).ok());
-    EXPECT_EQ(out, (Batch{{kPut, "104095", "value"}, {kPut, "104096", "value"}}));
-    ASSERT_TRUE(db->Scan("", "", 0, &out).ok());
-    EXPECT_EQ(out.size(), 0u);
+    ASSERT_EQ(db->TableFileCount(), buffer_size == 1 ? 1u : 0u);
+    for (const std::size_t length :
+         {0u, 1u, 15u, 16u, 17u, 127u, 128u, 129u, 4095u, 4096u, 4097u, 8192u, 8193u, 8990u}) {
+      SCOPED_TRACE(length);
+      const auto begin = batch.begin() + 10;
+      const Batch expected(begin, begin + static_cast<std::ptrdiff_t>(length));
+      Batch found = {{kPut, "old", ""}};
+      ASSERT_TRUE(db->Scan(key(10), "", static_cast<std::uint32_t>(length), &found).ok());
+      EXPECT_TRUE(found == expected) << "by its limit: " << found.size();
+      ASSERT_TRUE(db->Scan(key(10), key(10 + length), 10000, &found).ok());
+      EXPECT_TRUE(found == expected) << "by its end: " << found.size();
+    }
   }
 }
 
@@ -224,14 +231,15 @@ TEST(LsmDb, SwitchesWhenTheBufferIsExactlyFull) {
   EXPECT_EQ(FilesIn(dir.path()), (std::vector<std::string>{"MANIFEST", "wal-000001.log"}));
   ASSERT_TRUE(db->Write({{kDelete, "a", ""}}).ok());
   db->WaitForBackgroundIdle();
-  // The log of the flushed memtable goes last, after the queue is empty: closing waits for it.
+  // The log of the flushed memtable is deleted last, after the queue is empty: closing waits for
+  // it.
   db.reset();
   EXPECT_EQ(FilesIn(dir.path()),
             (std::vector<std::string>{"MANIFEST", "sst-000003.sst", "wal-000002.log"}));
   EXPECT_EQ(ReadFile(dir.File("MANIFEST")), "next_file 4\nsst 3\n");
 }
 
-// What a compaction writes is live values only.
+// A compaction writes live values only.
 TEST(LsmDb, ACompactionDropsDeletions) {
   TempDir dir;
   auto db = Open(dir.path(), {.write_buffer_size = 1, .max_table_files = 1, .sync = false});
@@ -261,7 +269,7 @@ TEST(LsmDb, AnUnknownOpIsADeletionInTheLogToo) {
   EXPECT_EQ(ReadAll(*Open(dir.path(), kLarge)), left);
 }
 
-// Its lookups would miss what it holds.
+// Lookups in the table would miss some of its entries.
 TEST(TableBuilderDeathTest, EndsTheProcessWhenKeysDoNotAscend) {
   TableBuilder builder;
   builder.Add({kPut, "b", ""});
@@ -269,7 +277,7 @@ TEST(TableBuilderDeathTest, EndsTheProcessWhenKeysDoNotAscend) {
                "lsm/table_writer.cc:[0-9]+: check failed: .* key \"b\" after \"b\"");
 }
 
-TEST(LsmDb, RefusesABatchThatAReplayWouldNotTakeBack) {
+TEST(LsmDb, RefusesABatchThatIsTooLargeForAReplay) {
   TempDir dir;
   constexpr LsmDb::Options kLogOnly = {
       .write_buffer_size = 1 << 30, .max_table_files = 8, .sync = false};
@@ -308,12 +316,12 @@ TEST(Open, ReplaysLogsInOrderAndClearsOrphans) {
       (std::vector<std::string>{"MANIFEST", "sst-30.sst.tmp", "sst-99999999999999999999.sst",
                                 "wal--5.log", "wal-000001.log", "wal-000002.log", "wal-000010.log",
                                 "wal-000031.log", "wal-3.log", "wal-x.log", "xwal-50.log"}));
-  // The engine in the pointer goes only once the new one stands.
+  // The engine in the pointer is destroyed only after the new one is open.
   ASSERT_TRUE(LsmDb::Open(dir.path(), kLarge, &db).ok());
   EXPECT_EQ(ReadAll(*db).size(), 3u);
 }
 
-TEST(Open, NamesWhatStandsInItsWay) {
+TEST(Open, NamesTheFileThatItFailsOn) {
   TempDir dir;
   std::filesystem::create_directory(dir.File("table"));
   WriteFile(dir.File("table/MANIFEST"), "sst 7\n");
@@ -336,7 +344,7 @@ TEST(Open, NamesWhatStandsInItsWay) {
     EXPECT_EQ(LsmDb::Open(dir.File(c.name), kLarge, &db).ToString(), c.error);
     EXPECT_EQ(db, nullptr);
   }
-  // A log that cannot be read holds nothing, like any damaged one.
+  // A log that cannot be read is empty, like one whose first record is damaged.
   EXPECT_EQ(ReadAll(*Open(dir.File("log"), kLarge)).size(), 0u);
 }
 

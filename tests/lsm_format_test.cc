@@ -21,7 +21,7 @@ using namespace testing;
 // put "k" = "vw", delete "x"
 constexpr char kBatchBytes[] = "02000000  01 01000000 6b 02000000 7677  02 01000000 78 00000000";
 
-// A record as the log holds it, around any payload.
+// The log record of any payload.
 std::string LogRecord(const std::string& payload) {
   std::string record;
   AppendU32(crypto::Crc32c(payload), &record);
@@ -33,7 +33,7 @@ TEST(Batch, NamesTheDamage) {
   const std::tuple<const char*, std::size_t, const char*> cases[] = {
       {kBatchBytes, 2, "OK"},
       {"00000000 ff", 0, "OK"},
-      {"01000000 02 00000000 00000000 01", 1, "OK"},  // bytes behind the last entry
+      {"01000000 02 00000000 00000000 01", 1, "OK"},  // bytes after the last entry
       {"010000", 0, "Corruption: batch: too short"},
       {"ffffffff", 0, "Corruption: batch: truncated entry"},
       {"01000000 03000000", 0, "Corruption: batch: truncated entry"},
@@ -125,7 +125,7 @@ TEST(Table, DamageIsNamed) {
       {"no index, no filter", record + Footer({11, 0, 0, 0, 1}), "OK", "OK"},
       {"op 3", With(record, 0, 3) + Footer({11, 0, 0, 0, 1}), "OK",
        "Corruption: sst bad record op"},
-      {"record runs over", record + Footer({10, 0, 0, 0, 1}), "OK",
+      {"record longer than the data", record + Footer({10, 0, 0, 0, 1}), "OK",
        "Corruption: sst record truncated"},
       {"data outside", Hex("01 00ffffff") + Footer({far, 0, 0, 0, 1}), "OK",
        "Corruption: sst: unexpected EOF"},

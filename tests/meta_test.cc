@@ -164,7 +164,7 @@ TEST_F(PdServiceTest, TakesWhatCannotBeReadForAbsentOrNamesIt) {
   service.emplace(metadata.store.get(), 0);
 
   EXPECT_EQ(AllocId(1), 4096u);
-  metadata.fault.Arm({.kind = testing::kPread, .count = testing::Fault::kForEver});
+  metadata.fault.Arm({.kind = testing::kPread, .count = testing::Fault::kForever});
   const std::string failure = "Corruption: sst pread: Input/output error";
   EXPECT_EQ(Route("k"), failure);
   pdpb::RegionHeartbeatResponse answer;

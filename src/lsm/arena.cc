@@ -24,8 +24,8 @@ void Arena::AddChunk(std::size_t size) {
   // Not initialised: a page that is never used never becomes resident.
   std::unique_ptr<char, Free> chunk(static_cast<char*>(std::aligned_alloc(alignment, capacity)));
   if (chunk == nullptr) throw std::bad_alloc();
-  // What stands here is looked at without any order: with small pages nearly every look would also
-  // have to find the page's address. Refused, it is only slower.
+  // Accesses are random: with small pages nearly each one would also miss the TLB. When the system
+  // refuses, they are only slower.
   if (alignment == kHugePageSize) (void)::madvise(chunk.get(), capacity, MADV_HUGEPAGE);
   chunks.push_back(std::move(chunk));
   next = chunks.back().get();

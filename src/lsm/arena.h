@@ -1,4 +1,4 @@
-// Memory that is handed out in small pieces and freed all at once. Not thread-safe.
+// Allocates small pieces of memory and frees all of them at once. Not thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +11,13 @@ namespace kandb::lsm {
 
 class Arena {
  public:
-  // Makes sure that the next `size` bytes of pieces, padding included, need no memory from the
-  // system and so cannot fail. Throws std::bad_alloc, and nothing has changed.
+  // Allocates in advance: the next `size` bytes of pieces, padding included, cannot fail. Throws
+  // std::bad_alloc, and nothing has changed.
   void Reserve(std::size_t size) {
     if (size > left) AddChunk(size);
   }
 
-  // A piece that lives as long as the arena; `alignment` is a power of two.
+  // A piece that lives as long as the arena; `alignment` is a power of two. Throws std::bad_alloc.
   char* Allocate(std::size_t size, std::size_t alignment) {
     std::size_t padding = -reinterpret_cast<std::uintptr_t>(next) & (alignment - 1);
     if (size + padding > left) {

@@ -16,7 +16,7 @@ namespace kandb::lsm {
 
 namespace {
 
-// The locks that this process holds, by the directory's device and inode.
+// The locks of this process, by the directory's device and inode.
 struct HeldLocks {
   Mutex mutex;
   std::map<std::pair<dev_t, ino_t>, std::weak_ptr<const UniqueFd>> locks GUARDED_BY(mutex);
@@ -30,9 +30,9 @@ HeldLocks& Held() {
 constexpr std::chrono::seconds kMaxWait{5};
 constexpr std::chrono::milliseconds kPause{10};
 
-// Takes the lock, or shares the one that this process holds. False when another process holds it,
-// or an engine of this process that is about to let go: its entry here is gone before its
-// descriptor is closed.
+// Takes the lock, or shares the one that this process has. False when another process has it, or an
+// engine of this process that is being destroyed: its entry here expires before its descriptor is
+// closed.
 bool TryLock(const std::pair<dev_t, ino_t>& identity, UniqueFd* directory, DirectoryLock* lock) {
   HeldLocks& held = Held();
   MutexLock mutex_lock(&held.mutex);

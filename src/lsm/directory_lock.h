@@ -9,16 +9,16 @@
 
 namespace kandb::lsm {
 
-// Holds a directory for this process while it lives; null holds nothing. The engines of one process
-// on one directory share it, so that a process can open a store anew before it lets go of the old
+// Keeps other processes out of a directory while it lives; null locks nothing. The engines of one
+// process on one directory share it, so that a process can reopen a store before it closes the old
 // one.
 using DirectoryLock = std::shared_ptr<const UniqueFd>;
 
 // Locks `dir`, which must exist. The lock is the kernel's, on the directory itself: it adds no file
-// and is released with the process, however that ends. Waits up to 5 s for another process to let
-// go, because one that was just killed may still hold it; then InvalidArgument "<dir> is in use by
-// another process". A directory that cannot be opened for this, or a file system without locks,
-// goes without: OK, and `*lock` is null. Thread-safe.
+// and is released with the process, however that ends. Waits up to 5 s for another process to
+// release it, because one that was just killed may still have it; then InvalidArgument "<dir> is in
+// use by another process". OK with a null `*lock` for a directory that cannot be opened for this,
+// or a file system without locks. Thread-safe.
 Status LockDirectory(const std::string& dir, DirectoryLock* lock);
 
 }  // namespace kandb::lsm

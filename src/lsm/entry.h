@@ -1,5 +1,5 @@
-// One key-value operation, the unit of batches, logs, tables and scans, and its encoding, which a
-// batch in the log and a record in a table share. Numbers are little-endian.
+// One key-value operation, the unit of batches, logs, tables and scans. Batches in the log and
+// records in tables share its encoding. Numbers are little-endian.
 //
 //   offset   size  field
 //   0        1     op: 1 put, 2 delete
@@ -21,7 +21,7 @@ namespace kandb::lsm {
 inline constexpr std::uint8_t kPut = 1;
 inline constexpr std::uint8_t kDelete = 2;
 
-// A borrowed entry; whoever hands one out says how long its bytes live.
+// A borrowed entry; the function that returns one says how long its bytes live.
 struct EntryView {
   std::uint8_t op = kPut;  // anything but kPut marks a deletion
   std::string_view key;
@@ -44,8 +44,8 @@ inline std::size_t EncodedSize(const EntryView& entry) {
   return kEntryOverhead + entry.key.size() + entry.value.size();
 }
 
-// Key and value must be shorter than 4 GiB, or the process ends. Whatever is no put is written as a
-// deletion: a reader takes no other op.
+// Key and value must be shorter than 4 GiB, or the process ends. An op that is not kPut is written
+// as kDelete: readers accept no other.
 void AppendEntry(const EntryView& entry, std::string* out);
 
 // The key of an encoded entry, which must be whole.
@@ -53,8 +53,8 @@ inline std::string_view KeyOfEncoded(const char* entry) { return {entry + 5, Loa
 
 enum class EntryDefect { kNone, kTruncatedHead, kBadOp, kTruncatedKey, kTruncatedValue };
 
-// Reads the entry at the front of `bytes` into `*entry`, which then points into them. `*size`
-// becomes the number of bytes that it takes; when it is truncated, the least number that would get
+// Reads the entry at the start of `bytes` into `*entry`, which then points into them. `*size`
+// becomes its encoded size; when it is truncated, the least number of bytes that lets parsing get
 // further.
 inline EntryDefect ParseEntry(std::string_view bytes, EntryView* entry, std::size_t* size) {
   *size = 1 + 4;
@@ -71,7 +71,7 @@ inline EntryDefect ParseEntry(std::string_view bytes, EntryView* entry, std::siz
   return EntryDefect::kNone;
 }
 
-// Where the bytes begin that ParseEntry read this entry from.
+// The start of the bytes from which ParseEntry read this entry.
 inline const char* EncodedStart(const EntryView& parsed) { return parsed.key.data() - (1 + 4); }
 
 }  // namespace kandb::lsm

@@ -1,5 +1,6 @@
-// A sorted run of entries that is read forward: a table or a memtable, as a merge sees them. A
-// source has a stretch of entries at hand, so that moving within it costs next to nothing.
+// A sorted run of entries that is read forward: a table or a memtable, as a merge sees it. A source
+// keeps a batch of decoded entries buffered, so that moving within it costs next to nothing. Used
+// by one thread.
 #pragma once
 
 #include <cassert>
@@ -19,30 +20,30 @@ class EntrySource {
   // Moves to the first entry whose key is not less than `target`.
   virtual void Seek(std::string_view target) = 0;
 
-  // Whether there is a current entry: not behind the last one, and not after a failure.
-  bool valid() const { return !at_hand.empty(); }
+  // Whether there is a current entry: false after the last one, and after a failure.
+  bool valid() const { return !buffered.empty(); }
   // The failure that ended the run, if one did.
   const Status& status() const { return failure; }
 
-  // The current entry and some of those that follow. They and their bytes live until this source
-  // moves behind the last of them.
-  std::span<const EntryView> stretch() const { return at_hand; }
-  const EntryView& entry() const { return at_hand.front(); }
+  // The current entry and those buffered after it. They and their bytes live until this source
+  // moves past the last of them.
+  std::span<const EntryView> batch() const { return buffered; }
+  const EntryView& entry() const { return buffered.front(); }
 
-  // Moves on by `count` entries of the stretch, at least one.
+  // Moves on by `count` entries of the batch, at least one.
   void Skip(std::size_t count) {
-    assert(count > 0 && count <= at_hand.size());
-    at_hand = at_hand.subspan(count);
-    if (at_hand.empty()) Refill();
+    assert(count > 0 && count <= buffered.size());
+    buffered = buffered.subspan(count);
+    if (buffered.empty()) Refill();
   }
   void Next() { Skip(1); }
 
  protected:
-  // Gets the stretch behind the one that was used up: sets `at_hand`, or leaves it empty at the end
-  // or after a failure.
+  // Buffers the batch after the one that was used up; leaves `buffered` empty at the end or after a
+  // failure.
   virtual void Refill() = 0;
 
-  std::span<const EntryView> at_hand;
+  std::span<const EntryView> buffered;
   Status failure;
 };
 

@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t kCapacity = 32;         // entries of a leaf, separators of an inner node
 constexpr std::size_t kMaxPrefixLength = 24;  // bytes
 constexpr std::size_t kCacheLine = 64;        // bytes
-// What a scan is likely to look at of each record, in bytes.
+// The part of a record that a scan is likely to read, in bytes.
 constexpr std::size_t kRecordFront = 2 * kCacheLine;
 
 void Prefetch(const void* memory, std::size_t size) {
@@ -31,7 +31,7 @@ std::size_t CommonPrefixLength(std::string_view a, std::string_view b) {
   return length;
 }
 
-// The 8 bytes of `key` behind its first `skip` ones, as a number with the order of the bytes.
+// The 8 bytes of `key` after its first `skip` ones, as a number with the order of the bytes.
 std::uint64_t Head(std::string_view key, std::size_t skip) {
   if (key.size() == skip) return 0;  // an empty view may have no address to copy from
   char head[sizeof(std::uint64_t)] = {};
@@ -41,7 +41,7 @@ std::uint64_t Head(std::string_view key, std::size_t skip) {
 
 }  // namespace
 
-// An entry in the arena; its key and then its value follow.
+// An entry in the arena. The bytes of its key and then its value follow.
 struct EntryTree::Record {
   std::uint32_t key_length;
   std::uint32_t value_length;
@@ -52,11 +52,11 @@ struct EntryTree::Record {
   EntryView entry() const { return {op, key(), {bytes() + key_length, value_length}}; }
 };
 
-// The records of a node, by ascending keys. Records lie all over the memory, and to look at one
-// costs a cache miss. So a node also holds, side by side, what tells its keys apart in most cases:
-// the 8 bytes of each behind a prefix that all of them share.
+// The records of a node, by ascending keys. Records are spread over the memory, and reading one is
+// a cache miss. So a node also has an array of key heads, which mostly decide a comparison: the 8
+// bytes of each key after the prefix that all of its keys share.
 struct EntryTree::SortedRecords {
-  // Where a key stands or would stand, and whether it does.
+  // The position of a key, or the one it would get, and whether it is there.
   struct Place {
     std::size_t index;
     bool exact;
@@ -113,8 +113,8 @@ struct EntryTree::SortedRecords {
     right->ExtendPrefix();
   }
 
-  // Takes a longer prefix when half of each head is the same: not earlier, because that looks at
-  // every record.
+  // Takes a longer prefix when half of each head is the same: not earlier, because that reads every
+  // record.
   void ExtendPrefix() {
     if (count == 0 || std::countl_zero(heads[0] ^ heads[count - 1]) < 32) return;
     const std::size_t shared = CommonPrefixLength(key(0), key(count - 1));
@@ -143,9 +143,9 @@ struct EntryTree::Inner : SortedRecords {
 };
 
 void EntryTree::Reserve(std::size_t count, std::size_t size) {
-  // Level by level: a node splits when it was full before, or after it has taken half of its
-  // capacity; one at the very end leaves a full one and one that has to take more than that. Every
-  // split is an insertion on the level above, where there are as many times fewer nodes.
+  // Level by level: a node splits when it was full before, or after insertions of half of its
+  // capacity; a split at the very end leaves a full node and one that takes more than that. Every
+  // split is an insertion on the level above, which has fewer nodes by the same factor.
   constexpr std::size_t kHalf = kCapacity / 2;
   std::size_t insertions = count;
   std::size_t existing = leaf_count;
@@ -172,7 +172,8 @@ void EntryTree::Insert(const EntryView& entry) noexcept {
   }
   if (leaf->full()) {
     Leaf* right = NewNode<Leaf>();
-    // Behind the last key of all the left leaf stays full: keys that only ascend fill every leaf.
+    // When the new key is the greatest of all, the left leaf stays full: ascending keys fill every
+    // leaf.
     const bool at_end = leaf->next == nullptr && index == kCapacity;
     const std::size_t middle = at_end ? kCapacity : kCapacity / 2;
     right->next = leaf->next;
@@ -187,7 +188,7 @@ void EntryTree::Insert(const EntryView& entry) noexcept {
   leaf->Insert(index, record);
 }
 
-// Puts a node that was split off into the inner node above, the last `level` one of the path.
+// Adds a node that was split off to the inner node above it: number `level` - 1 of the path.
 void EntryTree::AddToParent(const Path& path, std::size_t level, const Record* separator,
                             void* right) {
   while (level > 0) {
@@ -234,7 +235,7 @@ EntryTree::Leaf* EntryTree::FindLeaf(std::string_view key, Path* path) const {
     path->nodes[level] = inner;
     path->children[level] = child;
     node = inner->children[child];
-    // All that a search may look at, at once: one cache miss instead of one after the other.
+    // All that a search may read, at once: one cache miss instead of a chain of them.
     Prefetch(node, sizeof(Leaf));
   }
   return static_cast<Leaf*>(node);

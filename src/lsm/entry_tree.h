@@ -1,9 +1,8 @@
 // An ordered set of entries in memory, the newest for each key: a B+-tree whose nodes and entries
-// stand in one arena. An entry is never changed or moved once it is there; a newer one takes its
-// place in the tree, and the old one's memory stays taken. So a view of an entry lives as long as
-// the tree.
+// are in one arena. An entry is never changed or moved; a newer one replaces it in the tree, and
+// the memory of the old one is not reused. So a view of an entry lives as long as the tree.
 //
-// Reading is safe from any number of threads while none inserts or reserves.
+// Any number of threads may read while none inserts or reserves.
 #pragma once
 
 #include <cstddef>
@@ -23,31 +22,31 @@ class EntryTree {
  public:
   // An entry in the tree.
   struct Record;
-  // Replaces `*entries` by what these records hold. To look into a record mostly costs a cache
-  // miss; those of one call overlap.
+  // Replaces `*entries` by views of these records. Reading a record is mostly a cache miss; those
+  // of one call overlap.
   static void Decode(std::span<const Record* const> records, std::vector<EntryView>* entries);
 
   EntryTree() = default;
   EntryTree(const EntryTree&) = delete;
   EntryTree& operator=(const EntryTree&) = delete;
 
-  // Gets the memory that inserting `count` entries with `size` bytes of keys and values in all
-  // takes at most. Throws std::bad_alloc, and nothing has changed.
+  // Allocates in advance what inserting `count` entries with `size` bytes of keys and values in all
+  // needs at most. Throws std::bad_alloc, and nothing has changed.
   void Reserve(std::size_t count, std::size_t size);
 
-  // Adds a copy of the entry, or puts it in the place of the one with its key. Cannot fail when
-  // memory was reserved for it; otherwise the process ends when there is none.
+  // Adds a copy of the entry, or replaces the one with its key. Cannot fail when memory was
+  // reserved for it; without, the process ends when it is out of memory.
   void Insert(const EntryView& entry) noexcept;
 
-  // The place of an entry in the tree, or the end.
+  // The position of an entry in the tree, or the end.
   class Position {
    public:
     Position() = default;
     bool valid() const { return leaf != nullptr; }
     EntryView entry() const;
     void Next();
-    // Appends the next `limit` entries, or all if they are fewer, to `*out` and moves past them.
-    // Does not look into the records.
+    // Appends the next `limit` entries, or as many as there are, to `*out` and moves past them.
+    // Does not read the records.
     void Take(std::size_t limit, std::vector<const Record*>* out);
 
    private:
@@ -65,9 +64,9 @@ class EntryTree {
  private:
   struct SortedRecords;
   struct Inner;
-  // Enough for any number of entries that memory can hold: each level multiplies it by 16 at least.
+  // Enough for as many entries as fit into memory: each level multiplies them by 16 at least.
   static constexpr std::size_t kMaxHeight = 16;
-  // Which child was taken in which inner node on the way from the root to a leaf.
+  // The inner nodes from the root to a leaf, and the child taken in each.
   struct Path {
     Inner* nodes[kMaxHeight];
     std::size_t children[kMaxHeight];

@@ -1,17 +1,19 @@
-// A small embedded log-structured key-value engine. A write goes to the write-ahead log and then
-// into the active memtable; full memtables become table files in the background, and when there are
-// too many of these, all are merged into one. Keys and values are any bytes, keys ordered bytewise.
-// There are no snapshots: a read sees what the engine holds at the moment it starts. Thread-safe.
+// A small embedded log-structured key-value engine. A write goes to the write-ahead log (WAL) and
+// then into the active memtable. A background thread flushes full memtables to table files and,
+// when there are too many of these, compacts all of them into one. Keys and values are any bytes,
+// keys ordered bytewise. There are no snapshots: a read sees what the engine holds at the moment it
+// starts. Thread-safe.
 //
-// The roads through it: lsm_open.cc, lsm_write.cc, lsm_read.cc, lsm_background.cc.
+//   Write: CommitQueue forms a group -> its leader: Log (append, sync) -> MemTable (apply)
+//          -> when that is full: SwitchMemTable
+//   Read:  CaptureView -> the memtables and tables of a ReadView, newest first
+//   Background: memtable -> FlushToTable -> table; all tables -> MergeTables -> one table
 #pragma once
 
-#include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -19,10 +21,11 @@
 
 #include "common/mutex.h"
 #include "common/status.h"
+#include "lsm/commit_queue.h"
 #include "lsm/directory_lock.h"
 #include "lsm/entry.h"
 #include "lsm/memtable.h"
-#include "lsm/scan_iterator.h"
+#include "lsm/read_view.h"
 #include "lsm/sst_reader.h"
 #include "lsm/wal.h"
 
@@ -33,32 +36,33 @@ class LsmDb {
 
  public:
   struct Options {
-    std::uint64_t write_buffer_size = 0;  // bytes in the active memtable from which on it is full
-    std::uint64_t max_table_files = 0;    // more table files than this are merged
+    std::uint64_t write_buffer_size = 0;  // bytes; an active memtable of this size is full
+    std::uint64_t max_table_files = 0;    // more table files than this are compacted
     bool sync = false;                    // fdatasync the log after every write group
   };
 
   // Opens the engine on `dir`, which is created when missing (its parent is not): reads the
   // manifest, deletes tables that it does not name, replays the logs. On success `*out` is replaced
-  // and the engine it held before destroyed. Whatever a completed write had put into a log is there
-  // again.
+  // and the engine it held before is destroyed. Everything that a completed write put into a log is
+  // there again. Throws std::bad_alloc, as do all functions that read or write.
   static Status Open(const std::string& dir, const Options& options, std::unique_ptr<LsmDb>* out);
 
   LsmDb(Private, const std::string& dir, const Options& engine_options, DirectoryLock lock);
 
-  // Waits for a flush or compaction in progress. Flushes nothing: the logs hold what the memtables
-  // held.
+  // Waits for a flush or compaction in progress. Flushes nothing: the logs have the contents of the
+  // memtables.
   ~LsmDb();
 
   LsmDb(const LsmDb&) = delete;
   LsmDb& operator=(const LsmDb&) = delete;
 
-  // Logs the batch as one record, makes that durable when `sync` is set, and only then lets readers
+  // Logs the batch as one record, makes it durable when `sync` is set, and only then lets readers
   // see it, as a whole. Concurrent writers share one sync. InvalidArgument "batch: too large" for
-  // an encoding of more than 64 MiB; else the failures of the log. After a failure nothing of the
-  // batch is visible, but for one case: when the memtable was full and the next log could not be
-  // created, the batch is written and the failure of the switch reported.
-  Status Write(const std::vector<Entry>& batch) EXCLUDES(write_queue_mutex, db_mutex);
+  // an encoding of more than 64 MiB; otherwise the failures of the log, and Corruption "out of
+  // memory". After a failure nothing of the batch is visible, with one exception: when the memtable
+  // was full and the next log could not be created, the batch is written and the failure of the
+  // switch reported.
+  Status Write(const std::vector<Entry>& batch) EXCLUDES(db_mutex);
 
   // `*value` is set only when `*found`. Fails only as reading a table does.
   Status Get(std::string_view key, std::string* value, bool* found) const EXCLUDES(db_mutex);
@@ -68,7 +72,7 @@ class LsmDb {
                  const PairVisitor& visit, bool* of_one_moment = nullptr) const EXCLUDES(db_mutex);
 
   // The same, but always the state of one moment, whatever is written meanwhile. Writers wait while
-  // the entries in the memtables are listed.
+  // the entries of the memtables are listed.
   Status ForEachAtOnce(std::string_view start, std::string_view end, std::uint32_t limit,
                        const PairVisitor& visit) const EXCLUDES(db_mutex);
 
@@ -76,41 +80,30 @@ class LsmDb {
   Status Scan(std::string_view start, std::string_view end, std::uint32_t limit,
               std::vector<Entry>* out) const EXCLUDES(db_mutex);
 
-  // For diagnosis: returns once there is nothing to flush or merge; the counts of what there is.
+  // For diagnosis: returns once there is nothing to flush or compact; the counts of what there is.
   void WaitForBackgroundIdle() EXCLUDES(db_mutex);
   std::uint64_t TableFileCount() const EXCLUDES(db_mutex);
   std::uint64_t ImmutableMemTableCount() const EXCLUDES(db_mutex);
 
  private:
-  struct WriterSlot;
-  struct GroupPlace {
-    std::uint32_t group;
-    bool leads;
-  };
+  using WriteGroup = std::span<const WriterSlot* const>;
 
-  // lsm_open.cc
-  Status Recover() EXCLUDES(db_mutex);
+  Status Start() EXCLUDES(db_mutex);
+
+  Status CommitGroup(WriteGroup group) EXCLUDES(db_mutex);
+  Status LogGroup(WriteGroup group) REQUIRES(db_mutex);
+  Status SwitchMemTable() REQUIRES(db_mutex);
   // Creates the log of the active memtable under the next file number and makes it current.
   Status StartLog() REQUIRES(db_mutex);
-
-  // lsm_write.cc
-  // Queues the slot. Returns at once if another slot leads its group, and else when the group
-  // before has ended; then the group is complete: the list that begins with `slot`.
-  GroupPlace JoinGroup(WriterSlot* slot) EXCLUDES(write_queue_mutex);
-  void WaitForCommit(std::uint32_t group);
-  Status CommitGroup(const WriterSlot* first) EXCLUDES(db_mutex);
-  // Tells the writers of the group its result and lets the next one begin.
-  void EndGroup(std::uint32_t group, WriterSlot* leader, const Status& status)
-      EXCLUDES(write_queue_mutex);
-  Status LogGroup(const WriterSlot* first) REQUIRES(db_mutex);
-  Status SwitchMemTable() REQUIRES(db_mutex);
-
-  // lsm_read.cc
+  // Waits for a write group in progress. With a lock of its own it would not, but beside readers
+  // that never pause, 64 writers then lost up to half of their throughput: such readers keep the
+  // processors and the memtable's lock busy.
   std::shared_ptr<const ReadView> CaptureView() const EXCLUDES(db_mutex);
-  // Makes the present memtables and tables what later reads look at. After every change to them.
+  // Makes the present memtables and tables what later reads see. After every change to them.
   void PublishView() REQUIRES(db_mutex);
 
-  // lsm_background.cc
+  // The background thread and its steps. File work is done without db_mutex; that is taken to
+  // reserve a file number and to install the result.
   void BackgroundLoop() EXCLUDES(db_mutex);
   Status FlushOldestMemTable() EXCLUDES(db_mutex);
   void DeleteObsoleteLogs();
@@ -123,21 +116,10 @@ class LsmDb {
   const std::string directory;
   const Options options;
 
-  // Guards the group that forms, whose first writer leads it, while another is committed. Never
-  // held together with db_mutex.
-  Mutex write_queue_mutex;
-  WriterSlot* first_writer GUARDED_BY(write_queue_mutex) = nullptr;
-  WriterSlot* last_writer GUARDED_BY(write_queue_mutex) = nullptr;
-  std::uint32_t forming_group GUARDED_BY(write_queue_mutex) = 2;
-  bool committing GUARDED_BY(write_queue_mutex) = false;
-  CondVar leader_cv;  // with write_queue_mutex: the group before has ended
+  CommitQueue write_queue{[this](WriteGroup group) { return CommitGroup(group); }};
 
-  // The last group committed of those with even and of those with odd numbers. Its writers wait on
-  // one of them, so that they are woken all at once and those of the next group are not.
-  std::atomic<std::uint32_t> committed_groups[2] = {0, 1};
-
-  // Guards what the engine consists of; held by the leader of a write group while it logs, syncs
-  // and applies, so that the log has the order of the memtable. A memtable's own lock may be taken
+  // Guards the parts of the engine; held by the leader of a write group while it logs, syncs and
+  // applies, so that the log has the order of the memtable. A memtable's own lock may be taken
   // while it is held, never the other way round.
   mutable Mutex db_mutex;
   std::shared_ptr<MemTable> active GUARDED_BY(db_mutex);
@@ -148,7 +130,7 @@ class LsmDb {
   Log log GUARDED_BY(db_mutex);
   std::shared_ptr<const ReadView> view GUARDED_BY(db_mutex);
   bool stopping GUARDED_BY(db_mutex) = false;
-  CondVar background_cv;  // with db_mutex: there may be work, or the end has come
+  CondVar background_cv;  // with db_mutex: there may be work, or the engine stops
 
   // Logs of flushed memtables, oldest first. Used by the background thread alone.
   std::deque<std::string> obsolete_logs;

@@ -1,35 +1,21 @@
 #include "lsm/manifest.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstdio>
-#include <memory>
+#include <limits>
 #include <system_error>
 #include <utility>
 
 #include "common/posix_file.h"
+#include "lsm/file_names.h"
 
 namespace kandb::lsm {
 
 namespace {
 
-std::string NumberedName(const std::string& dir, const char* format, std::uint64_t number) {
-  char name[sizeof("/wal-.log") + 20];  // 20 digits hold any number
-  const int length =
-      std::snprintf(name, sizeof(name), format, static_cast<unsigned long long>(number));
-  return dir + std::string(name, static_cast<std::size_t>(length));
-}
-
-void SortAndUnite(std::vector<std::uint64_t>* numbers) {
-  std::sort(numbers->begin(), numbers->end());
-  numbers->erase(std::unique(numbers->begin(), numbers->end()), numbers->end());
-}
-
-// All of the file at `path`. It needs no limit: a manifest has a line for each live table.
+// The whole file at `path`. It needs no limit: a manifest has one line for each live table.
 Status ReadWhole(const std::string& path, std::string* text, bool* exists) {
   const UniqueFd file(file_calls.open(path.c_str(), O_RDONLY | O_CLOEXEC, 0));
   if (!file.valid()) {
@@ -51,12 +37,12 @@ Status ReadWhole(const std::string& path, std::string* text, bool* exists) {
 
 bool IsBlank(char c) { return c == ' ' || ('\t' <= c && c <= '\r'); }
 
-// Takes words and numbers off the front of a text.
+// Reads words and numbers from a text.
 class Scanner {
  public:
   explicit Scanner(std::string_view scanned) : text(scanned) {}
 
-  // Of what has not been taken yet.
+  // Of the first byte not read yet.
   std::uint64_t offset() const { return at; }
 
   void SkipBlanks() {
@@ -105,12 +91,12 @@ Status WriteManifest(const std::string& dir, const ManifestState& state) {
     const int error = errno;
     return Status::Corruption("manifest create: " + ErrnoText(error));
   }
-  // Half a manifest must not replace a whole one: the next Open would delete the tables that it
+  // A partial manifest must not replace a whole one: the next Open would delete the tables that it
   // does not name.
   if (const int error = WriteFully(file.get(), text); error != 0) {
     return Status::Corruption("manifest write: " + ErrnoText(error));
   }
-  (void)file_calls.fsync(file.get());  // deliberately not looked at, nor what closing says
+  (void)file_calls.fsync(file.get());  // its result is ignored on purpose, as that of closing is
   file.Reset();
   if (file_calls.rename(temporary.c_str(), path.c_str()) != 0) {
     return Status::Corruption("manifest rename failed");
@@ -152,39 +138,6 @@ Status ForEachManifestRecord(const std::string& path,
     record.word = record.word.substr(0, record.word.find('\0'));
     visit(record);
   }
-}
-
-std::string ManifestFileName(const std::string& dir) { return dir + "/MANIFEST"; }
-
-std::string TableFileName(const std::string& dir, std::uint64_t number) {
-  return NumberedName(dir, "/sst-%06llu.sst", number);
-}
-
-std::string LogFileName(const std::string& dir, std::uint64_t number) {
-  return NumberedName(dir, "/wal-%06llu.log", number);
-}
-
-Status ListFileNumbers(const std::string& dir, FileNumbers* numbers) {
-  *numbers = {};
-  const std::unique_ptr<DIR, int (*)(DIR*)> listing(file_calls.opendir(dir.c_str()), ::closedir);
-  if (listing == nullptr) return {};
-  for (;;) {
-    errno = 0;
-    const dirent* file = file_calls.readdir(listing.get());
-    if (file == nullptr) break;
-    unsigned long long number = 0;
-    if (std::sscanf(file->d_name, "wal-%llu.log", &number) == 1) {
-      if (number < kMaxFileNumber) numbers->logs.push_back(number);
-    } else if (std::sscanf(file->d_name, "sst-%llu.sst", &number) == 1) {
-      if (number < kMaxFileNumber) numbers->tables.push_back(number);
-    }
-  }
-  if (const int error = errno; error != 0) {
-    return Status::Corruption("list " + dir + ": " + ErrnoText(error));
-  }
-  SortAndUnite(&numbers->logs);
-  SortAndUnite(&numbers->tables);
-  return {};
 }
 
 }  // namespace kandb::lsm

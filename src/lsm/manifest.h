@@ -1,5 +1,5 @@
-// The manifest, which says which tables make up the database and which file number comes next, and
-// the names of the numbered files. Text; a record is a word and a number in unsigned decimal:
+// The manifest, which names the tables that make up the database and the next file number. Text; a
+// record is a word and a number in unsigned decimal:
 //
 //   next_file <number>      the next unused number; the last such record counts
 //   sst <number>            a live table; newest first
@@ -12,7 +12,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -27,47 +26,27 @@ struct ManifestState {
   std::vector<std::uint64_t> sst_files;  // newest first
 };
 
-// Numbers are below this, so that they never overflow: no engine gets that far. A name with a
-// number from here on is a foreign one; a manifest that says `next_file` is above fails the start.
-inline constexpr std::uint64_t kMaxFileNumber = std::numeric_limits<std::uint64_t>::max() / 2;
-
 // Replaces the manifest of `dir` through "MANIFEST.tmp" and a rename. Corruption "manifest create:
 // " or "manifest write: " and the system's text, or "manifest rename failed"; the old manifest is
 // then untouched, and "MANIFEST.tmp" stays until the next time.
 Status WriteManifest(const std::string& dir, const ManifestState& state);
 
-// Reads the manifest of `dir`. `*exists` tells whether there is one; without one `*state` stays as
-// it is, and `next_file` also stays where no record sets it. Corruption "manifest open: " or
-// "manifest read: " and the system's text; `*state` is then as it was.
+// Reads the manifest of `dir`. `*exists` tells whether there is one; if not, `*state` does not
+// change, and `next_file` does not when no record sets it. Corruption "manifest open: " or
+// "manifest read: " and the system's text; `*state` does not change then.
 Status ReadManifest(const std::string& dir, ManifestState* state, bool* exists);
 
-// A record as it stands in the file, unknown words too.
+// A record as it is in the file; the word may be unknown.
 struct ManifestRecord {
   std::uint64_t offset;   // of the word
   std::string_view word;  // lives during the visit
   std::uint64_t number;
 };
-// Hands the records of the manifest at `path` to `visit`, in their order, once all of it was read.
-// `*damage_offset` becomes where a rest that is no record begins, if there is one. Opens and fails
-// as ReadManifest does.
+// Hands the records of the manifest at `path` to `visit`, in order, after reading all of it.
+// `*damage_offset` becomes the start of the rest that is not a record, if there is one. Fails as
+// ReadManifest does.
 Status ForEachManifestRecord(const std::string& path,
                              const std::function<void(const ManifestRecord&)>& visit, bool* exists,
                              std::optional<std::uint64_t>* damage_offset);
-
-// The paths of the manifest, of a table and of a log: "MANIFEST", "sst-000007.sst",
-// "wal-000007.log" (six digits or more) in `dir`.
-std::string ManifestFileName(const std::string& dir);
-std::string TableFileName(const std::string& dir, std::uint64_t number);
-std::string LogFileName(const std::string& dir, std::uint64_t number);
-
-// The numbers of the numbered files in a directory listing, ascending, each once. Whatever follows
-// the digits of a name is not looked at.
-struct FileNumbers {
-  std::vector<std::uint64_t> logs;
-  std::vector<std::uint64_t> tables;
-};
-// A directory that cannot be opened for listing has no files. Corruption "list <dir>: " and the
-// system's text when listing it fails later: files that are there must not count as missing.
-Status ListFileNumbers(const std::string& dir, FileNumbers* numbers);
 
 }  // namespace kandb::lsm

@@ -1,6 +1,6 @@
-// The sorted table in memory that takes every write: the newest operation of each key, deletions
-// too. Held by shared pointers (the engine, a flush, reads in progress) and freed with the last.
-// Thread-safe but for `wal_files`.
+// The sorted table in memory that takes every write: the newest operation on each key, deletions
+// included. Owned by shared pointers of the engine, a flush and reads in progress. Thread-safe
+// except for `wal_files`.
 #pragma once
 
 #include <cstddef>
@@ -18,16 +18,16 @@ namespace kandb::lsm {
 
 class MemTable {
  public:
-  // Paths of the logs whose records were applied here, to be deleted once this table is flushed.
-  // Changed only under the engine's lock, and not at all once the table is immutable.
+  // Paths of the logs whose records were applied here, to be deleted once this memtable is flushed.
+  // Changed only under the engine's lock, and never once the memtable is immutable.
   std::vector<std::string> wal_files;
 
-  // Gets the memory for `entry_count` entries with `size` bytes of keys and values, so that
-  // applying them cannot fail. Throws std::bad_alloc, and nothing has changed.
+  // Allocates in advance for `entry_count` entries with `size` bytes of keys and values in all, so
+  // that applying them cannot fail. Throws std::bad_alloc, and nothing has changed.
   void Reserve(std::size_t entry_count, std::size_t size) EXCLUDES(mutex);
 
-  // Applies entries (Entry or EntryView) in order; no reader sees a part of them. Without memory,
-  // reserved or not, the process ends.
+  // Applies entries (Entry or EntryView) in order; no reader sees a part of them. The process ends
+  // when it is out of memory.
   template <class Batch>
   void Apply(const Batch& batch) EXCLUDES(mutex) {
     WriterLock lock(&mutex);
@@ -35,22 +35,22 @@ class MemTable {
     for (const EntryView entry : batch) Set(entry);
   }
 
-  // False when the key was never written here; else its operation and, for a put, its value.
+  // False when the key was never written here; otherwise its operation and, for a put, its value.
   bool Lookup(std::string_view key, std::uint8_t* op, std::string* value) const EXCLUDES(mutex);
 
   class Chunk;
 
-  // Calls `visit(EntryView)` for every entry in key order, under the lock: for a table that takes
-  // no more writes.
+  // Calls `visit(EntryView)` for every entry in key order, under the lock: for a memtable that
+  // takes no more writes.
   template <class Visitor>
   void ForEach(Visitor visit) const EXCLUDES(mutex) {
     ReaderLock lock(&mutex);
     for (auto at = entries.LowerBound({}); at.valid(); at.Next()) visit(at.entry());
   }
 
-  // Grows with every operation by 32 and the lengths of its key and value, and never shrinks: a
-  // table that keeps overwriting one key fills up like any other, because its log and its memory
-  // do.
+  // Bytes. Grows with every operation by 32 and the lengths of its key and value, and never
+  // shrinks: overwriting one key again and again fills a memtable like any other writes, because
+  // its log and its memory grow.
   std::uint64_t ApproximateBytes() const EXCLUDES(mutex);
 
  private:
@@ -62,15 +62,14 @@ class MemTable {
   EntryTree entries GUARDED_BY(mutex);
   std::uint64_t approximate_bytes GUARDED_BY(mutex) = 0;
 
-  // Guards the list of those chunks that the next write has to complete. The innermost lock.
+  // Guards the list of the chunks that the next write must complete. The innermost lock.
   mutable Mutex chunks_mutex;
   mutable std::vector<Chunk*> open_chunks GUARDED_BY(chunks_mutex);
 };
 
-// Entries of a memtable that follow one another, all as they stood at one moment. Listing them
-// takes time, and many scans end at the first. So a chunk lists a few at first and stays open; the
-// rest is listed when it is wanted, or by the next writer before it changes anything. Used by one
-// thread.
+// Consecutive entries of a memtable, all of one moment. Listing them takes time, and many scans end
+// at the first ones. So a chunk lists a few and stays open; the rest is listed on demand, or by the
+// next writer before it changes anything. Used by one thread.
 class MemTable::Chunk {
  public:
   static constexpr std::size_t kFirstSize = 16;      // entries that are listed at first
@@ -84,17 +83,17 @@ class MemTable::Chunk {
 
   using Records = std::span<const EntryTree::Record* const>;
 
-  // Starts over with the first entries whose keys are not less than `start`, deletions included, as
-  // they are now; the chunk has `limit` of them at most (0: no limit). Returns the first ones.
+  // Starts over with the present entries from the key `start` on, deletions included, at most
+  // `limit` of them (0: no limit). Returns those listed at first. Throws std::bad_alloc.
   Records Begin(std::string_view start, std::size_t limit) EXCLUDES(memtable->mutex);
 
-  // Returns all of the chunk. The records live as long as the memtable, the span until Begin.
+  // Returns the whole chunk. The records live as long as the memtable, the span until Begin.
   Records Complete() EXCLUDES(memtable->mutex);
 
-  // Once complete: whether no entry followed those of the chunk.
+  // Once complete: whether the chunk reaches to the end of the memtable.
   bool at_end() const { return !position.valid(); }
 
-  // ApproximateBytes() when the chunk began: chunks with the same number are of the same contents.
+  // ApproximateBytes() when the chunk began: two chunks with the same number saw the same contents.
   std::uint64_t moment() const { return begin_bytes; }
 
  private:
@@ -105,9 +104,9 @@ class MemTable::Chunk {
   std::size_t max_size = 0;
   std::uint64_t begin_bytes = 0;
   bool listed = false;  // in open_chunks, unless a writer has completed it
-  // Where the list goes on. This and the list belong to whoever holds the memtable's lock: shared,
-  // the thread of the chunk, exclusively, the writer. Nothing is moved by either: the memory for
-  // the rest was reserved, so that the writer cannot fail and the span of Begin stays valid.
+  // The next entry to list. This and the list are guarded by the memtable's lock: the chunk's
+  // thread has it shared, a writer exclusively. Both only append, to memory reserved by Begin: the
+  // writer cannot fail, and the span that Begin returned stays valid.
   EntryTree::Position position;
   std::vector<const EntryTree::Record*> records;
 };

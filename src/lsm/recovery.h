@@ -1,5 +1,5 @@
-// What is in a state directory, read back: the steps that opening an engine shares with those who
-// only look. Nothing here changes a file. Stateless.
+// Reads the files of a state directory back: for an engine that starts, and for tools that only
+// look. Stateless.
 #pragma once
 
 #include <cstdint>
@@ -9,22 +9,25 @@
 
 #include "common/status.h"
 #include "lsm/memtable.h"
-#include "lsm/scan_iterator.h"
+#include "lsm/read_view.h"
 #include "lsm/sst_reader.h"
 
 namespace kandb::lsm {
 
-// Opens the tables with these numbers, in their order. Fails as SstReader::Open does.
-Status OpenTables(const std::string& dir, const std::vector<std::uint64_t>& numbers,
-                  std::vector<std::shared_ptr<SstReader>>* tables);
+struct RecoveredState {
+  std::vector<std::uint64_t> live_tables;                 // file numbers, newest first
+  std::vector<std::shared_ptr<SstReader>> table_readers;  // in the same order
+  std::shared_ptr<MemTable> memtable;  // the entries of all logs, which are its `wal_files`
+  std::uint64_t next_file = 0;         // greater than the number of every file found
+};
 
-// Applies the logs with these numbers, in their order, and notes their paths in `wal_files`. Fails
-// as ReplayLog does.
-Status ReplayLogs(const std::string& dir, const std::vector<std::uint64_t>& numbers,
-                  MemTable* memtable);
+// For an engine that starts on `dir`: deletes the tables that the manifest does not name, and reads
+// the rest. Fails as reading the manifest, listing the directory, opening a table or replaying a
+// log does; Corruption "file number out of range in <dir>". Throws std::bad_alloc.
+Status Recover(const std::string& dir, RecoveredState* state);
 
-// Everything that an engine opened on `dir` would hold. For a directory on which no engine is open.
-// InvalidArgument "<dir> is not a directory"; else the failures of the manifest, tables and logs.
+// Everything that an engine opened on `dir` would hold; changes no file. For a directory on which
+// no engine is open. InvalidArgument "<dir> is not a directory"; otherwise fails as Recover does.
 Status LoadReadOnly(const std::string& dir, ReadView* view);
 
 }  // namespace kandb::lsm

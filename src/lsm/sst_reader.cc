@@ -67,8 +67,8 @@ Status SstReader::ReadBlock(std::uint64_t offset, std::uint64_t size, std::strin
   return ReadAt(file.get(), offset, size, block->data());
 }
 
-SstReader::Stretch SstReader::FindStretch(std::string_view target) const {
-  // An empty target is in front of every key, the empty one too.
+SstReader::Section SstReader::FindSection(std::string_view target) const {
+  // An empty target begins before every key, the empty one included.
   const auto after = target.empty()
                          ? index.begin()
                          : std::upper_bound(index.begin(), index.end(), target,
@@ -85,10 +85,10 @@ Status SstReader::Get(std::string_view key, bool* found, std::uint8_t* op,
   *found = false;
   if (!filter->MayContain(key)) return {};
 
-  // One read covers the stretch, unless a damaged index makes it senseless.
-  const Stretch stretch = FindStretch(key);
-  const std::uint64_t stretch_size = stretch.end > stretch.begin ? stretch.end - stretch.begin : 1;
-  Iterator iterator(this, std::min<std::uint64_t>(stretch_size, Iterator::kMaxReadSize));
+  // One read covers the section. In a damaged index its end may come before its begin.
+  const Section section = FindSection(key);
+  const std::uint64_t section_size = section.end > section.begin ? section.end - section.begin : 1;
+  Iterator iterator(this, std::min<std::uint64_t>(section_size, Iterator::kMaxReadSize));
   iterator.Seek(key);
   if (!iterator.valid() || iterator.entry().key != key) return iterator.status();
   *found = true;
@@ -99,14 +99,14 @@ Status SstReader::Get(std::string_view key, bool* found, std::uint8_t* op,
 
 void SstReader::Iterator::Seek(std::string_view target) {
   failure = {};
-  at_hand = {};
+  buffered = {};
   buffer.Clear();
   ahead = {};
-  next_offset = reader->FindStretch(target).begin;
-  // One after the other: most of those in front of the target are not looked at again.
+  next_offset = reader->FindSection(target).begin;
+  // Entry by entry: most of those before the target are never looked at again.
   while (ReadEntry(entries)) {
     if (entries[0].key < target) continue;
-    at_hand = {entries, 1};
+    buffered = {entries, 1};
     return;
   }
 }
@@ -121,12 +121,12 @@ void SstReader::Iterator::Refill() {
   std::size_t count = 1;
   std::size_t size = 0;
   std::string_view rest = ahead;
-  while (count < kStretchSize && ParseEntry(rest, &entries[count], &size) == EntryDefect::kNone) {
+  while (count < kBatchSize && ParseEntry(rest, &entries[count], &size) == EntryDefect::kNone) {
     rest.remove_prefix(size);
     ++count;
   }
   MoveTo(rest);
-  at_hand = {entries, count};
+  buffered = {entries, count};
 }
 
 bool SstReader::Iterator::ReadEntry(EntryView* entry) {
@@ -154,18 +154,18 @@ Status SstReader::Iterator::Fill(std::size_t size) {
   const std::uint64_t data_in_file = reader->file_size - std::min(next_offset, reader->file_size);
   if (size > data_in_file) return Status::Corruption("sst: unexpected EOF");
 
-  const std::size_t buffered = ahead.size();
-  buffer.Consume(buffer.unread().size() - buffered);
+  const std::size_t unparsed = ahead.size();
+  buffer.Consume(buffer.unread().size() - unparsed);
   const std::size_t wanted = std::max(size, read_size);
   read_size = std::max(read_size, std::min(2 * read_size, kMaxReadSize));
   const auto end =
       static_cast<std::size_t>(std::min<std::uint64_t>({wanted, data_left, data_in_file}));
-  char* room = buffer.Reserve(end - buffered);
-  if (Status s = ReadAt(reader->file.get(), next_offset + buffered, end - buffered, room);
+  char* room = buffer.Reserve(end - unparsed);
+  if (Status s = ReadAt(reader->file.get(), next_offset + unparsed, end - unparsed, room);
       !s.ok()) {
     return s;
   }
-  buffer.Commit(end - buffered);
+  buffer.Commit(end - unparsed);
   ahead = buffer.unread();
   return {};
 }

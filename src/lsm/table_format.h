@@ -43,7 +43,7 @@ struct TableFooter {
 void AppendFooter(const TableFooter& footer, std::string* out);
 
 // `bytes` are the last kFooterSize ones of the file. Corruption "sst bad magic" or "sst footer crc
-// mismatch". What a sound footer claims still has to be compared with the file.
+// mismatch". The offsets and sizes of a sound footer must still be compared with the file.
 Status DecodeFooter(std::string_view bytes, TableFooter* footer);
 
 // An indexed entry; the key points into the index block.

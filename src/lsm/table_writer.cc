@@ -57,7 +57,7 @@ Status WriteTable(const std::string& path, const TableBuilder& table) {
   if (status.ok() && file_calls.rename(temporary.c_str(), path.c_str()) != 0) {
     status = Status::Corruption("sst rename failed");
   }
-  // A flush is tried again for ever: on a full disk its remains must not add up.
+  // A flush is retried forever: on a full disk the files of failed ones must not pile up.
   if (!status.ok()) (void)file_calls.unlink(temporary.c_str());
   return status;
 }

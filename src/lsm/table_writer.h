@@ -12,27 +12,27 @@
 
 namespace kandb::lsm {
 
-// The encoded entries of a table to be. Not thread-safe.
+// The encoded entries of a new table. Not thread-safe.
 class TableBuilder {
  public:
-  // `expected_size`: bytes of encoded entries, so that they are not moved again and again as they
-  // become more; too much costs only address space.
+  // `expected_size`: bytes of encoded entries, reserved so that they are not moved while they grow;
+  // too much costs only address space.
   explicit TableBuilder(std::size_t expected_size = 0) { data.reserve(expected_size); }
 
-  // Keys must ascend, each once: the process ends otherwise, because lookups in the table would
-  // miss what it holds.
+  // Keys must ascend, each once: otherwise the process ends, because lookups in the table would
+  // miss some of its entries.
   void Add(const EntryView& entry);
 
  private:
   friend Status WriteTable(const std::string& path, const TableBuilder& table);
 
   std::string data;
-  std::size_t last_entry = 0;  // where the entry added last begins in `data`
+  std::size_t last_entry = 0;  // offset in `data` of the entry added last
   std::string index;
-  std::vector<crypto::BloomHash> hashes;  // one a key: the filter's size depends on their number
+  std::vector<crypto::BloomHash> hashes;  // of every key: the filter's size needs their number
 };
 
-// Writes `path` + ".tmp", syncs it and renames it to `path`, which so exists whole or not at all.
+// Writes `path` + ".tmp", syncs it and renames it to `path`, so that this file is whole or missing.
 // Corruption "sst create: " and the temporary path, "sst write: " and the system's text, "sst fsync
 // failed" or "sst rename failed"; the temporary file is then removed.
 Status WriteTable(const std::string& path, const TableBuilder& table);

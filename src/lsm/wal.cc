@@ -105,8 +105,8 @@ bool LogReader::Fill(std::size_t size) {
   while (buffer.unread().size() < size) {
     const std::size_t missing = size - buffer.unread().size();
     char* room = buffer.Reserve(missing);
-    // A large read may fail for a byte far ahead. Then only what the record needs is read, so that
-    // every record before the bad byte comes through.
+    // A large read may fail for a byte far ahead. After that, each read ends with the record, so
+    // that every record before the bad byte is replayed.
     const bool in_large_pieces = read_error == 0;
     const std::size_t wanted = in_large_pieces ? buffer.free_size() : missing;
     const std::size_t count = ReadFully(file.get(), room, wanted, &read_error);

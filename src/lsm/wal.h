@@ -1,5 +1,5 @@
-// The write-ahead log: a file of records, each one write batch, appended and then synced. Records
-// follow one another without padding or header; numbers are little-endian.
+// The write-ahead log (WAL): a file of records, each one write batch, appended and then synced.
+// There is no file header and no padding between records; numbers are little-endian.
 //
 //   offset   size  field
 //   0        4     CRC-32C of the payload
@@ -22,7 +22,7 @@
 
 namespace kandb::lsm {
 
-// A replay takes a longer record for damage, so none may be written.
+// A replay treats a longer record as damage, so none may be written.
 inline constexpr std::size_t kMaxLogPayloadSize = std::size_t{64} << 20;  // bytes
 static_assert(kMaxLogPayloadSize <= std::numeric_limits<std::uint32_t>::max(),
               "the length of a record, of a key and of a value are 32-bit fields");
@@ -33,16 +33,16 @@ std::string BuildLogRecord(const std::vector<Entry>& batch);
 // A log open for appending; closes itself. One writer at a time.
 class Log {
  public:
-  // Writes a whole record. Corruption "wal write: " and the system's text; part of the record may
-  // then stand in the file.
+  // Writes a whole record. Corruption "wal write: " and the system's text; the file may then end
+  // with a part of the record.
   Status Append(std::string_view record);
 
   // Flushes the file's data to stable storage. Corruption "wal fdatasync: " and the system's text.
   Status Sync();
 
-  // Removes everything after the first `size` bytes, because what follows them failed with `cause`:
-  // a torn record must not stand before records that are acknowledged later. When the removal fails
-  // too, the log is closed to records: every later Append fails with `cause`.
+  // Removes everything after the first `size` bytes, because writing it failed with `cause`: no
+  // torn record may come before records that are acknowledged later. When the removal fails too,
+  // every later Append fails with `cause`.
   void CutBack(std::uint64_t size, const Status& cause);
 
   // Bytes in the file.
@@ -60,45 +60,45 @@ class Log {
 // Corruption "wal open <path>: " and the system's text.
 Status OpenLogForAppend(const std::string& path, Log* log);
 
-// Reads the records of a log one after another, in large pieces.
+// Reads the records of a log in order, in large pieces.
 class LogReader {
  public:
   // Corruption "wal open <path>: " and the system's text; `*exists` tells whether there is a file.
-  // A missing one holds no records and is no failure.
+  // A missing one is an empty log, not a failure.
   Status Open(const std::string& path, bool* exists);
 
   // Reads the next batch; false at the end of the log, which is the end of the file or the first
   // record that is damaged or cannot be read whole. The entries live until the next call.
   bool Next(std::vector<EntryView>* batch);
 
-  // Where the record that Next returned last ends, in bytes from the start of the file; at the end
-  // of the log, where the damage or the end of the file begins.
+  // In the file: the end of the record that Next returned last; at the end of the log, the start of
+  // the damage or the end of the file.
   std::uint64_t offset() const { return next_offset; }
 
-  // At the end of the log: what is wrong with the record there, "wal read: " and the system's text
-  // when reading it failed. OK at the end of the file.
+  // At the end of the log: the defect of the record there, "wal read: " and the system's text when
+  // reading it failed. OK at the end of the file.
   const Status& damage() const { return damage_status; }
 
  private:
-  // Reads on until `size` bytes are unread; false when the file ends before, or reading fails.
+  // Reads until `size` bytes are in the buffer; false when the file ends before, or reading fails.
   bool Fill(std::size_t size);
-  // Ends the log; false.
+  // Ends the log with this damage; returns false.
   bool Stop(std::string damage);
-  // The same after Fill: with this damage, or with the failure of reading if there was one.
+  // The same after Fill, with the failure of reading instead if there was one.
   bool StopTorn(const char* damage);
 
   UniqueFd file;
   InputBuffer buffer;
   int read_error = 0;           // errno of the call that failed last
-  std::size_t record_size = 0;  // of the record returned last, still in the buffer
+  std::size_t record_size = 0;  // of the record returned last, which is still in the buffer
   std::uint64_t next_offset = 0;
   Status damage_status;
 };
 
 // Hands every batch of the log to `apply`, in order; the entries live only during the call. The
-// first damaged record ends the replay silently, as the end of the file does: it is what a crash
-// leaves of a write that nobody was told had succeeded. So does the first byte that cannot be read:
-// what comes before it is applied. A missing file holds nothing. Fails only as opening does.
+// first damaged record ends the replay silently, as the end of the file does: a crash leaves such a
+// record of a write that was never acknowledged. So does the first byte that cannot be read: the
+// records before it are applied. A missing file is an empty log. Fails only as opening does.
 Status ReplayLog(const std::string& path,
                  const std::function<void(const std::vector<EntryView>&)>& apply);
 

@@ -45,7 +45,7 @@ Status DecodeBatch(std::string_view bytes, std::vector<EntryView>* entries) {
   if (bytes.size() < kCountSize) return Status::Corruption("batch: too short");
   const std::size_t count = LoadU32(bytes.data());
   bytes.remove_prefix(kCountSize);
-  // A count that the bytes cannot hold must not reserve memory; it shows as a truncated entry
+  // Reserve no memory for a count that is too large for the bytes: it ends as a truncated entry
   // below.
   entries->reserve(std::min(count, bytes.size() / kEntryOverhead));
   for (std::size_t i = 0; i < count; ++i) {

@@ -22,7 +22,7 @@ void AppendBatch(const std::vector<Entry>& batch, std::string* out);
 
 // Decodes a batch; the entries point into `bytes`. Bytes after the last entry are ignored. Fails
 // with Corruption "batch: too short", "batch: truncated entry", "batch: bad op", "batch: truncated
-// key" or "batch: truncated value"; `*entries` then holds those before the damage.
+// key" or "batch: truncated value"; `*entries` then has the entries before the damage.
 Status DecodeBatch(std::string_view bytes, std::vector<EntryView>* entries);
 
 }  // namespace kandb::lsm

@@ -1,6 +1,6 @@
 // The store of the cluster's metadata: one engine, its options, and the sealing of values.
 // Thread-safe. Failures are those of the engine and of the envelope (store/value_envelope.h),
-// unchanged.
+// unchanged; std::bad_alloc is thrown when there is no memory.
 #pragma once
 
 #include <cstdint>
@@ -22,10 +22,9 @@ namespace kandb::store {
 
 struct StoreCrypto;
 
-// The engine's limits: what its log may grow to before a memtable is flushed, and from when on
-// tables are merged.
-inline constexpr std::uint64_t kWriteBufferSize = std::uint64_t{64} << 20;  // bytes
-inline constexpr std::uint64_t kMaxTableFiles = 8;
+// The engine's limits.
+inline constexpr std::uint64_t kWriteBufferSize = std::uint64_t{64} << 20;  // bytes in a memtable
+inline constexpr std::uint64_t kMaxTableFiles = 8;  // more are compacted into one
 
 using KeyValue = std::pair<std::string, std::string>;
 
@@ -34,33 +33,32 @@ class MetaStore {
 
  public:
   // Opens the store on `directory`, which is created when missing. A non-empty passphrase seals
-  // every value under a key derived from it; opening with another one is not noticed here, values
-  // then fail to open one by one. With `sync` not 0 every write is durable when it returns. On
-  // success `*out` is replaced and the store that it held before destroyed.
+  // every value under a key derived from it; another passphrase is not noticed here: the values
+  // fail to open, each when it is read. With `sync` not 0 every write is durable when it returns.
+  // On success `*out` is replaced and the store it held before is destroyed.
   static Status Open(const std::string& directory, const std::string& passphrase, int sync,
                      std::unique_ptr<MetaStore>* out);
 
   MetaStore(Private, const std::string& passphrase);
   ~MetaStore();
 
-  // An absent key succeeds with `*found` false and leaves `*value` alone.
+  // `*value` is set only when `*found`; a missing key is no failure.
   Status Get(std::string_view key, std::string* value, bool* found) const;
 
-  // Each of these is one batch: applied as a whole, and whole or absent after a crash. Write puts
-  // first.
+  // Each of these is one batch: applied as a whole, and whole or missing after a crash. Write
+  // applies the puts before the deletes.
   Status Put(std::vector<KeyValue> puts);
   Status Delete(std::vector<std::string> keys);
   Status Write(std::vector<KeyValue> puts, std::vector<std::string> deletes);
 
-  // Appends the pairs with start <= key < end (an empty bound is none) in key order, at most
-  // `limit`. A value that cannot be opened ends it with that failure; the pairs before it stay in
-  // `*out`.
+  // Appends the pairs with start <= key < end (empty: no bound) in key order, at most `limit`. A
+  // value that cannot be opened ends it with that failure; the pairs before it stay in `*out`.
   Status Scan(std::string_view start, std::string_view end, std::uint32_t limit,
               std::vector<KeyValue>* out) const;
 
-  // Hands the same pairs to `visit`, holding no list of them; false from it ends the walk. The
-  // views live only during the call. `*of_one_moment`, unless null, becomes whether the pairs are
-  // the state of one moment; with more than 4,096 of them a write during the walk may prevent that.
+  // Hands the same pairs to `visit` without a list of them; false from it stops. The views live
+  // only during the call. `*of_one_moment`, unless null, becomes whether the pairs are the state of
+  // one moment; with more than 4,096 of them a write meanwhile may prevent that.
   using Visitor = std::function<bool(std::string_view key, std::string_view value)>;
   Status ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
                  const Visitor& visit, bool* of_one_moment = nullptr) const;
@@ -70,7 +68,7 @@ class MetaStore {
                        const Visitor& visit) const;
 
  private:
-  // `walk` is one of the engine's walks.
+  // `walk(visit)` is a ForEach of the engine.
   template <class Walk>
   Status OpenEach(const Visitor& visit, Walk walk) const;
 

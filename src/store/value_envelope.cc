@@ -21,7 +21,7 @@ struct IvSource {
   std::uint64_t random_prefix = 0;
   std::atomic<std::uint64_t> counter = 0;
 
-  // Sealing must not fail for want of randomness: without it the prefix stays 0.
+  // Sealing must not fail because there is no random source: the prefix then stays 0.
   IvSource() {
     const UniqueFd random(::open("/dev/urandom", O_RDONLY | O_CLOEXEC));
     if (!random.valid()) return;

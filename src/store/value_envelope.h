@@ -1,4 +1,4 @@
-// Seals the values of a store, so that they are not readable at rest. Keys stay plain.
+// Seals the values of a store, so that they are not readable on disk. Keys stay plain.
 //
 //   offset   size  field
 //   0        16    initialisation vector
@@ -22,14 +22,14 @@ struct StoreCrypto {
   crypto::Sm4Key key{};  // unused when not encrypted
 };
 
-// Sealing under a key derived from the passphrase; none with an empty one.
+// Sealing under a key derived from the passphrase; no sealing with an empty one.
 StoreCrypto CryptoFor(std::string_view passphrase);
 
 // The sealed value, or a copy of it when the store is not encrypted.
 std::string SealValue(const StoreCrypto& store_crypto, std::string plaintext);
 
 // Corruption "tde: ciphertext too short", or InvalidArgument "sm4: ciphertext not block-aligned" or
-// "sm4: bad padding", which is also what a wrong key mostly shows as. `*plaintext` is written on
+// "sm4: bad padding", which is also the usual result of a wrong key. `*plaintext` is written on
 // success.
 Status OpenValue(const StoreCrypto& store_crypto, std::string_view stored, std::string* plaintext);
 

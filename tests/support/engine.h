@@ -1,4 +1,4 @@
-// What tests of the engine share: the model that it must agree with, and how to look at it.
+// Shared by tests of the engine: the model that it must agree with, and ways to read it.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// Stands between the engine and the system: sees every file call, and may shorten it, fail it or
-// end the process behind it. Installed before an engine starts and removed after it has ended.
+// Filters the file calls of an engine: sees every call, and may shorten it, fail it or end the
+// process after it. Installed before an engine starts and removed after it has ended.
 #pragma once
 
 #include <cerrno>
@@ -38,8 +38,8 @@ struct FileCall {
   std::size_t* size = nullptr;  // of read, write and pread: bytes to transfer
 };
 
-// Lets everything pass but syncs, which end here: a process that ends leaves the page cache behind,
-// so that they would take time and show nothing. One call runs at a time.
+// Lets every call pass except syncs, which do nothing: the page cache outlives a process, so they
+// would take time and show nothing. One call runs at a time.
 class FileCallFilter {
  public:
   FileCallFilter() {
@@ -65,8 +65,8 @@ class FileCallFilter {
   FileCallFilter& operator=(const FileCallFilter&) = delete;
 
  protected:
-  // Both run under `mutex`. Before a call, whose size may be reduced: 0, or the errno with which it
-  // fails without happening.
+  // Both run under `mutex`. Before returns 0, or the errno with which the call fails without
+  // happening; it may reduce the size of the call.
   virtual int Before(const FileCall&) { return 0; }
   virtual void After(const FileCall&) {}  // of a call that succeeded
 
@@ -105,13 +105,13 @@ class FileCallFilter {
   static inline FileCallFilter* current = nullptr;
 };
 
-// Calls that fail, counted from the moment when the injector is armed with them.
+// Calls that fail, counted from when the injector is armed.
 struct Fault {
-  static constexpr int kForEver = 1 << 30;
+  static constexpr int kForever = 1 << 30;
 
   CallKind kind;
   int first = 1;                      // of the matching calls; the next one is 1
-  int count = 1;                      // how many fail, one after another
+  int count = 1;                      // how many fail in a row
   int error = EIO;                    // the errno
   bool half = false;                  // the first one to fail transfers half of its bytes instead
   std::string_view only_path = {};    // matches paths that contain it

@@ -8,6 +8,7 @@
 #include "common/endian.h"
 #include "kandb_ctl/key_text.h"
 #include "lsm/directory_lock.h"
+#include "lsm/read_view.h"
 #include "lsm/recovery.h"
 #include "meta/keys.h"
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "common/status.h"
-#include "lsm/scan_iterator.h"
+#include "lsm/read_view.h"
 #include "lsm/sst_reader.h"
 #include "pdpb/messages.h"
 #include "store/value_envelope.h"

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "kandb_ctl/state_directory.h"
+#include "lsm/file_names.h"
 #include "lsm/manifest.h"
 #include "lsm/recovery.h"
 #include "lsm/wal.h"

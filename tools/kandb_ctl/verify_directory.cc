@@ -10,7 +10,9 @@
 #include "kandb_ctl/cluster_check.h"
 #include "kandb_ctl/key_text.h"
 #include "kandb_ctl/state_directory.h"
+#include "lsm/file_names.h"
 #include "lsm/manifest.h"
+#include "lsm/read_view.h"
 #include "lsm/sst_reader.h"
 #include "lsm/wal.h"
 
