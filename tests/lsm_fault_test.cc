@@ -148,7 +148,7 @@ TEST(Faults, ALogIsReplayedUpToTheByteThatCannotBeRead) {
   for (int i = 0; i < 100; ++i) log += record;  // more than is read at once
   WriteFile(dir.File("log"), log);
   for (const bool whole : {false, true}) {
-    for (const std::size_t records : {0, 4, 26, 60, 99}) {
+    for (const std::size_t records : {0u, 4u, 26u, 60u, 99u}) {
       const BadByte bad(static_cast<off_t>(records * record.size() + 2), whole);
       LogReader reader;
       bool exists = false;
