@@ -22,7 +22,7 @@ inline void Claim(bool holds, int line = __builtin_LINE()) {
   std::abort();
 }
 
-// A file that readers open by its path and that goes with its object.
+// A file that readers open by its path and that ends with its object.
 class MemoryFile {
  public:
   explicit MemoryFile(std::string_view content) : file(::memfd_create("input", MFD_CLOEXEC)) {
