@@ -1,8 +1,8 @@
 // How far is the engine from what the machine allows, and from the best public engines of its kind?
-// Each workload runs the contestants alternately, `--rounds` times; the table has the medians and the
-// medians of the ratios within a round, which are what to trust: above 1 the engine is better, `:
-// public` than the better of the two. Keys of puts are 16 random hexadecimal digits, those of scans
-// and gets "pd/region/<number>"; values have 150 bytes.
+// Each workload runs the contestants alternately, `--rounds` times; the table has the medians and
+// the medians of the ratios within a round, which are what to trust: above 1 the engine is better,
+// `: public` than the better of the two. Keys of puts are 16 random hexadecimal digits, those of
+// scans and gets "pd/region/<number>"; values have 150 bytes.
 
 #include <unistd.h>
 

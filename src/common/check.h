@@ -14,11 +14,11 @@ namespace kandb {
 
 // KANDB_CHECK(condition, values): `values` are what a reader of the message needs to see, joined by
 // <<, and are evaluated only after a violation. The condition has no side effects.
-#define KANDB_CHECK(condition, values)                                    \
-  do {                                                                    \
-    if (!(condition)) [[unlikely]] {                                      \
-      std::ostringstream check_values;                                    \
-      check_values << values;                                             \
-      ::kandb::CheckFailed(__FILE__, __LINE__, #condition, check_values); \
-    }                                                                     \
+#define KANDB_CHECK(condition, values)                                                \
+  do {                                                                                \
+    if (!(condition)) [[unlikely]] {                                                  \
+      std::ostringstream check_values;                                                \
+      check_values << values; /* NOLINT(bugprone-macro-parentheses): a chain of << */ \
+      ::kandb::CheckFailed(__FILE__, __LINE__, #condition, check_values);             \
+    }                                                                                 \
   } while (false)
