@@ -11,7 +11,6 @@ namespace {
 
 using pdpb::Region;
 using pdpb::RegionHeartbeatEntry;
-using pdpb::ScheduleKind;
 using pdpb::Store;
 using Commands = std::vector<std::string>;
 

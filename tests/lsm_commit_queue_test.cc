@@ -98,7 +98,7 @@ TEST(CommitQueue, EachOfManyWritersIsCommittedOnceAndToldItsResult) {
   std::map<std::string, std::string> expected;  // the result of each record's group
   CommitQueue queue([&](std::span<const WriterSlot* const> group) {
     EXPECT_EQ(++committing, 1) << "two leaders at once";
-    const Status result = Status::Corruption(std::to_string(++group_count));
+    Status result = Status::Corruption(std::to_string(++group_count));
     for (const WriterSlot* slot : group) {
       EXPECT_TRUE(expected.emplace(slot->record, result.ToString()).second) << slot->record;
     }

@@ -22,14 +22,14 @@ class CommandList {
  public:
   void Add(ScheduleKind kind, std::uint64_t region_id, std::uint64_t store_id,
            const std::string& address = {}) {
-    size += kFixedSize + address.size();
+    size += fixed_size + address.size();
     if (!too_large()) commands.push_back({kind, region_id, store_id, address});
   }
   bool too_large() const { return size > kanrpc::kMaxPayloadSize; }
   std::vector<pdpb::ScheduleCommand> Take() { return std::move(commands); }
 
  private:
-  static inline const std::size_t kFixedSize = pdpb::FieldSize(pdpb::ScheduleCommand());
+  const std::size_t fixed_size = pdpb::FieldSize(pdpb::ScheduleCommand());
 
   std::vector<pdpb::ScheduleCommand> commands;
   std::size_t size = 0;  // bytes in the response

@@ -233,16 +233,16 @@ std::string ReportPage(const std::string& dir, std::chrono::system_clock::time_p
   const std::string stores = StoresSection(cluster);
   const std::string replicas = ReplicasSection(cluster);
   const std::string data = PageData(cluster, space);
-  return FillTemplate(kPageHtml, {{"directory", directory},
-                                  {"style.css", kStyleCss},
+  return FillTemplate(page_html, {{"directory", directory},
+                                  {"style.css", style_css},
                                   {"summary", summary},
                                   {"counts", counts},
                                   {"findings", findings_section},
                                   {"stores", stores},
                                   {"replicas", replicas},
                                   {"data", data},
-                                  {"regions.js", kRegionsJs},
-                                  {"band.js", kBandJs}});
+                                  {"regions.js", regions_js},
+                                  {"band.js", band_js}});
 }
 
 }  // namespace kandb::ctl
