@@ -116,6 +116,17 @@ TEST_P(LsmDbTest, ConcurrentBatchesAreWhole) {
   EXPECT_EQ(ReadAll(*Open(dir.path(), GetParam())).size(), 2u * kWriters);
 }
 
+// All entries of a chunk of which `listed` are listed.
+std::vector<EntryView> ListAll(MemTable::Chunk* chunk, MemTable::Chunk::Records listed) {
+  for (std::size_t before = 0; before < listed.size();) {
+    before = listed.size();
+    listed = chunk->Extend();
+  }
+  std::vector<EntryView> entries;
+  EntryTree::Decode(listed, &entries);
+  return entries;
+}
+
 TEST(MemTable, ABatchIsSeenWhole) {
   MemTable memtable;
   std::atomic<bool> done = false;
@@ -130,43 +141,42 @@ TEST(MemTable, ABatchIsSeenWhole) {
     done = true;
   });
   MemTable::Chunk chunk(&memtable);
-  std::vector<EntryView> entries;
   while (!done) {
-    (void)chunk.Begin("", 4096);
-    EntryTree::Decode(chunk.Complete(), &entries);
+    const std::vector<EntryView> entries = ListAll(&chunk, chunk.Begin("", 4096));
     EXPECT_TRUE(entries.empty() || entries.size() == 200);
     for (const EntryView& entry : entries) ASSERT_EQ(entry.value, entries[0].value);
   }
   writer.join();
 }
 
-// Whatever is written after it began, and whether the rest is listed before or after that.
+// Whatever is written after it began, and however much of it is listed by then.
 TEST(MemTable, AChunkIsOfOneMoment) {
   constexpr std::size_t kMax = std::numeric_limits<std::size_t>::max();
-  for (const std::size_t limit : {std::size_t{0}, std::size_t{1}, std::size_t{16}, std::size_t{17},
-                                  std::size_t{100}, std::size_t{2000}}) {
-    MemTable memtable;
-    Batch batch;
-    for (int i = 0; i < 1000; ++i) batch.push_back({kPut, std::to_string(1000 + i), "old"});
-    memtable.Apply(batch);
-    MemTable::Chunk written_to(&memtable);
-    const auto first = written_to.Begin("1001", limit);
-    const std::size_t expected = std::min<std::size_t>(limit == 0 ? kMax : limit, 999);
-    EXPECT_EQ(first.size(), limit == 0 ? 999 : std::min<std::size_t>(16, limit));
-    batch.clear();
-    for (int i = 0; i < 3000; ++i) batch.push_back({kDelete, std::to_string(10000 + i), ""});
-    memtable.Apply(batch);
-    std::vector<EntryView> entries;
-    EntryTree::Decode(written_to.Complete(), &entries);
-    ASSERT_EQ(entries.size(), expected);
-    for (std::size_t i = 0; i < expected; ++i) {
-      EXPECT_EQ(entries[i].key, std::to_string(1001 + i));
-      EXPECT_EQ(entries[i].value, "old");
+  for (const std::size_t limit : {0u, 1u, 16u, 17u, 100u, 2000u}) {
+    for (int extensions = 0; extensions < 5; ++extensions) {
+      MemTable memtable;
+      Batch batch;
+      for (int i = 0; i < 1000; ++i) batch.push_back({kPut, std::to_string(1000 + i), "old"});
+      memtable.Apply(batch);
+      MemTable::Chunk written_to(&memtable);
+      MemTable::Chunk::Records listed = written_to.Begin("1001", limit);
+      const std::size_t expected = limit == 0 ? 999 : std::min<std::size_t>(limit, 999);
+      EXPECT_EQ(listed.size(), limit == 0 ? 999 : std::min<std::size_t>(16, limit));
+      for (int i = 0; i < extensions; ++i) listed = written_to.Extend();
+      batch.clear();
+      for (int i = 0; i < 3000; ++i) batch.push_back({kDelete, std::to_string(10000 + i), ""});
+      memtable.Apply(batch);
+      const std::vector<EntryView> entries = ListAll(&written_to, listed);
+      ASSERT_EQ(entries.size(), expected);
+      for (std::size_t i = 0; i < expected; ++i) {
+        EXPECT_EQ(entries[i].key, std::to_string(1001 + i));
+        EXPECT_EQ(entries[i].value, "old");
+      }
+      MemTable::Chunk later(&memtable);
+      const std::vector<EntryView> all = ListAll(&later, later.Begin("", kMax / 16));
+      EXPECT_NE(later.moment(), written_to.moment());
+      EXPECT_EQ(all.size(), 4000u);
     }
-    MemTable::Chunk later(&memtable);
-    (void)later.Begin("", kMax / 16);
-    EXPECT_NE(later.moment(), written_to.moment());
-    EXPECT_EQ(later.Complete().size(), 4000u);
   }
 }
 

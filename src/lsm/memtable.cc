@@ -62,20 +62,21 @@ MemTable::Chunk::Records MemTable::Chunk::Begin(std::string_view start, std::siz
   if (position.valid() && records.size() < max_size) {
     MutexLock chunks_lock(&memtable->chunks_mutex);
     memtable->open_chunks.push_back(this);
-    listed = true;
+    open = true;
   }
   return records;
 }
 
-MemTable::Chunk::Records MemTable::Chunk::Complete() {
+MemTable::Chunk::Records MemTable::Chunk::Extend() {
   ReaderLock lock(&memtable->mutex);
-  Close();
-  position.Take(max_size - records.size(), &records);
+  const std::size_t wanted = std::min(max_size, kGrowth * records.size());
+  if (records.size() < wanted) position.Take(wanted - records.size(), &records);
+  if (!position.valid() || records.size() == max_size) Close();
   return records;
 }
 
 void MemTable::Chunk::Close() {
-  if (!std::exchange(listed, false)) return;
+  if (!std::exchange(open, false)) return;
   MutexLock lock(&memtable->chunks_mutex);
   std::erase(memtable->open_chunks, this);
 }

@@ -68,11 +68,12 @@ class MemTable {
 };
 
 // Consecutive entries of a memtable, all of one moment. Listing them takes time, and many scans end
-// at the first ones. So a chunk lists a few and stays open; the rest is listed on demand, or by the
-// next writer before it changes anything. Used by one thread.
+// at the first ones. So a chunk lists a few and stays open; more and more are listed on demand, or
+// all of the rest by the next writer before it changes anything. Used by one thread.
 class MemTable::Chunk {
  public:
   static constexpr std::size_t kFirstSize = 16;      // entries that are listed at first
+  static constexpr std::size_t kGrowth = 8;          // times as many are listed after each Extend
   static constexpr std::size_t kMaxOpenSize = 4096;  // larger chunks are listed at once
 
   // `source` is borrowed and must outlive the chunk.
@@ -87,10 +88,11 @@ class MemTable::Chunk {
   // `limit` of them (0: no limit). Returns those listed at first. Throws std::bad_alloc.
   Records Begin(std::string_view start, std::size_t limit) EXCLUDES(memtable->mutex);
 
-  // Returns the whole chunk. The records live as long as the memtable, the span until Begin.
-  Records Complete() EXCLUDES(memtable->mutex);
+  // Lists more. Returns all that are listed, no more than before when that is the whole chunk. The
+  // records live as long as the memtable, the span until Begin.
+  Records Extend() EXCLUDES(memtable->mutex);
 
-  // Once complete: whether the chunk reaches to the end of the memtable.
+  // Once the whole chunk is listed: whether it reaches to the end of the memtable.
   bool at_end() const { return !position.valid(); }
 
   // ApproximateBytes() when the chunk began: two chunks with the same number saw the same contents.
@@ -103,7 +105,7 @@ class MemTable::Chunk {
   const MemTable* const memtable;
   std::size_t max_size = 0;
   std::uint64_t begin_bytes = 0;
-  bool listed = false;  // in open_chunks, unless a writer has completed it
+  bool open = false;  // in open_chunks, unless a writer has listed the rest
   // The next entry to list. This and the list are guarded by the memtable's lock: the chunk's
   // thread has it shared, a writer exclusively. Both only append, to memory reserved by Begin: the
   // writer cannot fail, and the span that Begin returned stays valid.

@@ -19,10 +19,7 @@ void MemTableSource::Seek(std::string_view target) {
 }
 
 void MemTableSource::Refill() {
-  if (remaining.empty() && !complete) {
-    remaining = chunk.Complete().subspan(decoded_count);
-    complete = true;
-  }
+  if (remaining.empty()) remaining = chunk.Extend().subspan(decoded_count);
   if (remaining.empty() && !chunk.at_end()) {
     // The smallest key after the last one is that key and a zero byte.
     std::string successor(decoded.back().key);
@@ -36,7 +33,6 @@ void MemTableSource::Refill() {
 
 void MemTableSource::BeginChunk(std::string_view start) {
   remaining = chunk.Begin(start, chunk_size);
-  complete = false;
   decoded_count = 0;
 }
 

@@ -35,7 +35,6 @@ class MemTableSource final : public EntrySource {
   const std::size_t chunk_size;
   bool* const same_moment;
   MemTable::Chunk chunk;
-  bool complete = false;               // `remaining` reaches to the end of the chunk
   std::size_t decoded_count = 0;       // records of the chunk
   MemTable::Chunk::Records remaining;  // those after them
   std::vector<EntryView> decoded;      // the batch
