@@ -151,7 +151,7 @@ void ScanToRegion(benchmark::State& state) {
       return true;
     };
     const std::string end = "pd/region/" + std::to_string(id) + '\0';
-    Cluster::Check(cluster->records().ForEach("pd/region/", end, 1000000, look_at));
+    Cluster::Check(cluster->records().CaptureView().ForEach("pd/region/", end, 1000000, look_at));
   }
   benchmark::DoNotOptimize(sum);
 }

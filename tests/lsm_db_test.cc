@@ -82,13 +82,15 @@ TEST_P(LsmDbTest, AgreesWithAMap) {
   EXPECT_EQ(ReadAll(*db), model);
 }
 
-// Readers run beside writers, flushes and compactions; every batch is seen whole.
-TEST_P(LsmDbTest, ConcurrentBatchesAreWhole) {
+// Readers run beside writers, flushes and compactions; every batch is seen whole, and by every
+// reader once its writer was answered.
+TEST_P(LsmDbTest, ConcurrentBatchesAreSeenWholeOnceAnswered) {
   constexpr int kWriters = 4;
   constexpr int kRounds = 150;
   TempDir dir;
   auto db = Open(dir.path(), GetParam());
   std::atomic<int> writers_left = kWriters;
+  std::atomic<int> answered[kWriters] = {-1, -1, -1, -1};  // rounds
   std::vector<std::thread> threads;
   for (int writer = 0; writer < kWriters; ++writer) {
     threads.emplace_back([&, writer] {
@@ -96,15 +98,22 @@ TEST_P(LsmDbTest, ConcurrentBatchesAreWhole) {
       for (int round = 0; round < kRounds; ++round) {
         const std::string value = std::to_string(round);
         EXPECT_TRUE(db->Write({{kPut, name, value}, {kPut, name + "!", value}}).ok());
-        EXPECT_TRUE(LookUp(*db, {{name, value}}).ok());
+        answered[writer] = round;
       }
       --writers_left;
     });
   }
   while (writers_left > 0) {
+    int rounds[kWriters];
+    std::copy(std::begin(answered), std::end(answered), rounds);
+    std::string value = "-1";
+    bool found = false;
+    ASSERT_TRUE(db->Get("a3!", &value, &found).ok());
+    EXPECT_GE(std::stoi(value), rounds[3]);
     const Model seen = ReadAll(*db);
     for (int writer = 0; writer < kWriters; ++writer) {
       const auto first = seen.find("a" + std::to_string(writer));
+      EXPECT_GE(first == seen.end() ? -1 : std::stoi(first->second), rounds[writer]);
       if (first == seen.end()) continue;
       ASSERT_EQ(std::next(first)->first, first->first + "!");
       EXPECT_EQ(std::next(first)->second, first->second);
@@ -198,7 +207,7 @@ TEST(MemTable, AScanSeesOneMomentOrSaysThatItDoesNot) {
         return true;
       };
       bool of_one_moment = at_once;
-      const Status walked = at_once ? db->ForEachAtOnce("", "", ~0u, write_once)
+      const Status walked = at_once ? ForEachLiveAtOnce(*db->CaptureView(), "", "", ~0u, write_once)
                                     : db->ForEach("", "", ~0u, write_once, &of_one_moment);
       EXPECT_TRUE(walked.ok());
       EXPECT_EQ(of_one_moment, at_once || size == 4096);

@@ -123,6 +123,36 @@ TEST(Faults, EveryWriterOfAGroupGetsItsResult) {
   }
 }
 
+// The first sync ends only when it is released.
+class HeldSync : public FileCallFilter {
+ public:
+  std::atomic<bool> reached = false;
+  std::atomic<bool> released = false;
+
+ private:
+  void After(const FileCall& call) override {
+    if (call.kind != kFdatasync || reached.exchange(true)) return;
+    EXPECT_TRUE(Eventually([this] { return released.load(); }));
+  }
+};
+
+// A disk may take seconds for one. What is not durable is not seen.
+TEST(Faults, AReaderDoesNotWaitForASync) {
+  TempDir dir;
+  HeldSync sync;
+  sync.reached = true;
+  auto db = Open(dir.path(), kLarge);
+  ASSERT_TRUE(db->Write({{kPut, "a", "1"}}).ok());
+  sync.reached = false;
+  std::thread writer([&] { EXPECT_TRUE(db->Write({{kPut, "a", "2"}, {kPut, "b", "2"}}).ok()); });
+  EXPECT_TRUE(Eventually([&] { return sync.reached.load(); }));
+  EXPECT_TRUE(LookUp(*db, {{"a", "1"}}).ok());
+  EXPECT_EQ(ReadAll(*db), (Model{{"a", "1"}}));
+  sync.released = true;
+  writer.join();
+  EXPECT_EQ(ReadAll(*db), (Model{{"a", "2"}, {"b", "2"}}));
+}
+
 // Reads of a log fail from one byte on: where the system returns what comes before it, and where it
 // fails the whole call.
 class BadByte : public FileCallFilter {

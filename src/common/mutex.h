@@ -3,6 +3,7 @@
 // std::system_error.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <shared_mutex>
@@ -21,6 +22,7 @@
 #define ACQUIRE(...) KANDB_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define ACQUIRE_SHARED(...) KANDB_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
 #define RELEASE(...) KANDB_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS KANDB_THREAD_ANNOTATION(no_thread_safety_analysis)
 #define RELEASE_GENERIC(...) KANDB_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
 
 namespace kandb {
@@ -61,14 +63,26 @@ class CondVar {
   std::condition_variable condition;
 };
 
+// A writer that waits goes first: readers that come later wait for it, as they would for ever come
+// in time. So a writer waits for no more than the reads in progress. Not recursive.
 class CAPABILITY("shared_mutex") SharedMutex {
  public:
-  void Lock() ACQUIRE() { mutex.lock(); }
+  void Lock() ACQUIRE() {
+    std::lock_guard<std::mutex> turn(gate);
+    writer_waits.store(true, std::memory_order_relaxed);
+    mutex.lock();
+    writer_waits.store(false, std::memory_order_relaxed);
+  }
   void Unlock() RELEASE() { mutex.unlock(); }
-  void LockShared() ACQUIRE_SHARED() { mutex.lock_shared(); }
+  void LockShared() ACQUIRE_SHARED() {
+    if (writer_waits.load(std::memory_order_relaxed)) std::lock_guard<std::mutex> turn(gate);
+    mutex.lock_shared();
+  }
   void UnlockShared() RELEASE_GENERIC() { mutex.unlock_shared(); }
 
  private:
+  std::mutex gate;  // held by a writer that waits
+  std::atomic<bool> writer_waits = false;
   std::shared_mutex mutex;
 };
 

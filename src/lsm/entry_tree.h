@@ -2,7 +2,7 @@
 // are in one arena. An entry is never changed or moved; a newer one replaces it in the tree, and
 // the memory of the old one is not reused. So a view of an entry lives as long as the tree.
 //
-// Any number of threads may read while none inserts or reserves.
+// Any number of threads may read while none inserts. One thread at a time may insert or reserve.
 #pragma once
 
 #include <cstddef>

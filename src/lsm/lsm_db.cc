@@ -96,7 +96,8 @@ Status LsmDb::CommitGroup(WriteGroup group) {
   active->Reserve(entry_count, size);
   if (Status s = LogGroup(group); !s.ok()) return s;
   // Apply after the sync: a value that was read must still be there after a crash.
-  for (const WriterSlot* slot : group) active->Apply(*slot->batch);
+  active->ApplyGroup(
+      group, [](const WriterSlot* slot) -> const auto& { return *slot->batch; });
   if (active->ApproximateBytes() >= options.write_buffer_size) return SwitchMemTable();
   return {};
 }
@@ -119,12 +120,12 @@ Status LsmDb::LogGroup(WriteGroup group) {
 
 Status LsmDb::SwitchMemTable() {
   auto next = std::make_shared<MemTable>();
-  auto next_view = std::make_shared<ReadView>(*view);
+  auto next_view = std::make_shared<ReadView>(*CaptureView());
   next_view->memtables.insert(next_view->memtables.begin(), next);
   immutable_memtables.push_back(active);
   // Nothing between these two may fail: readers must see the memtable that writers write to.
   active = std::move(next);
-  view = std::move(next_view);
+  InstallView(std::move(next_view));
   // When this fails, later writes go to the new memtable, but still to the old log. That log is
   // deleted once the old memtable is flushed: the one case in which an acknowledged write can be
   // lost.
@@ -145,8 +146,13 @@ Status LsmDb::StartLog() {
 // --- Reading ---
 
 std::shared_ptr<const ReadView> LsmDb::CaptureView() const {
-  MutexLock lock(&db_mutex);
+  MutexLock lock(&view_mutex);
   return view;
+}
+
+void LsmDb::InstallView(std::shared_ptr<const ReadView> next) {
+  MutexLock lock(&view_mutex);
+  view.swap(next);  // the old one is destroyed after the lock
 }
 
 void LsmDb::PublishView() {
@@ -155,7 +161,7 @@ void LsmDb::PublishView() {
   next->memtables.insert(next->memtables.end(), immutable_memtables.rbegin(),
                          immutable_memtables.rend());
   next->tables.assign(table_readers.begin(), table_readers.end());
-  view = std::move(next);
+  InstallView(std::move(next));
 }
 
 Status LsmDb::Get(std::string_view key, std::string* value, bool* found) const {
@@ -164,13 +170,7 @@ Status LsmDb::Get(std::string_view key, std::string* value, bool* found) const {
 
 Status LsmDb::ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
                       const PairVisitor& visit, bool* of_one_moment) const {
-  return ForEachLive(*CaptureView(), start, end, limit, visit, MemTable::Chunk::kMaxOpenSize,
-                     of_one_moment);
-}
-
-Status LsmDb::ForEachAtOnce(std::string_view start, std::string_view end, std::uint32_t limit,
-                            const PairVisitor& visit) const {
-  return ForEachLive(*CaptureView(), start, end, limit, visit, 0);
+  return ForEachLive(*CaptureView(), start, end, limit, visit, of_one_moment);
 }
 
 Status LsmDb::Scan(std::string_view start, std::string_view end, std::uint32_t limit,

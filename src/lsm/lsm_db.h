@@ -1,8 +1,8 @@
 // A small embedded log-structured key-value engine. A write goes to the write-ahead log (WAL) and
 // then into the active memtable. A background thread flushes full memtables to table files and,
 // when there are too many of these, compacts all of them into one. Keys and values are any bytes,
-// keys ordered bytewise. There are no snapshots: a read sees what the engine holds at the moment it
-// starts. Thread-safe.
+// keys ordered bytewise. There are no snapshots: a read sees every write that had returned when it
+// started, and may see later ones. Reads never wait for a write's sync. Thread-safe.
 //
 //   Write: CommitQueue forms a group -> its leader: Log (append, sync) -> MemTable (apply)
 //          -> when that is full: SwitchMemTable
@@ -64,21 +64,22 @@ class LsmDb {
   // switch reported.
   Status Write(const std::vector<Entry>& batch) EXCLUDES(db_mutex);
 
-  // `*value` is set only when `*found`. Fails only as reading a table does.
-  Status Get(std::string_view key, std::string* value, bool* found) const EXCLUDES(db_mutex);
+  // What a read works on (see ReadView), for several reads of the same memtables and tables. Every
+  // write that has returned is in it.
+  std::shared_ptr<const ReadView> CaptureView() const EXCLUDES(view_mutex);
+
+  // Each of these captures a view. `*value` is set only when `*found`. Fails only as reading a
+  // table does.
+  Status Get(std::string_view key, std::string* value, bool* found) const EXCLUDES(view_mutex);
 
   // Hands the live pairs of a range to `visit`, as ForEachLive does.
   Status ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
-                 const PairVisitor& visit, bool* of_one_moment = nullptr) const EXCLUDES(db_mutex);
-
-  // The same, but always the state of one moment, whatever is written meanwhile. Writers wait while
-  // the entries of the memtables are listed.
-  Status ForEachAtOnce(std::string_view start, std::string_view end, std::uint32_t limit,
-                       const PairVisitor& visit) const EXCLUDES(db_mutex);
+                 const PairVisitor& visit, bool* of_one_moment = nullptr) const
+      EXCLUDES(view_mutex);
 
   // The pairs of ForEach as a list, which replaces `*out`.
   Status Scan(std::string_view start, std::string_view end, std::uint32_t limit,
-              std::vector<Entry>* out) const EXCLUDES(db_mutex);
+              std::vector<Entry>* out) const EXCLUDES(view_mutex);
 
   // For diagnosis: returns once there is nothing to flush or compact; the counts of what there is.
   void WaitForBackgroundIdle() EXCLUDES(db_mutex);
@@ -95,12 +96,9 @@ class LsmDb {
   Status SwitchMemTable() REQUIRES(db_mutex);
   // Creates the log of the active memtable under the next file number and makes it current.
   Status StartLog() REQUIRES(db_mutex);
-  // Waits for a write group in progress. With a lock of its own it would not, but beside readers
-  // that never pause, 64 writers then lost up to half of their throughput: such readers keep the
-  // processors and the memtable's lock busy.
-  std::shared_ptr<const ReadView> CaptureView() const EXCLUDES(db_mutex);
   // Makes the present memtables and tables what later reads see. After every change to them.
   void PublishView() REQUIRES(db_mutex);
+  void InstallView(std::shared_ptr<const ReadView> next) EXCLUDES(view_mutex);
 
   // The background thread and its steps. File work is done without db_mutex; that is taken to
   // reserve a file number and to install the result.
@@ -128,9 +126,13 @@ class LsmDb {
   std::vector<std::uint64_t> live_tables GUARDED_BY(db_mutex);  // their file numbers, same order
   std::uint64_t next_file GUARDED_BY(db_mutex) = 1;             // for logs and tables alike
   Log log GUARDED_BY(db_mutex);
-  std::shared_ptr<const ReadView> view GUARDED_BY(db_mutex);
   bool stopping GUARDED_BY(db_mutex) = false;
   CondVar background_cv;  // with db_mutex: there may be work, or the engine stops
+
+  // Guards the pointer to the view, and is held for its copy only: a reader never waits for a write
+  // group or a flush. May be taken while db_mutex is held.
+  mutable Mutex view_mutex;
+  std::shared_ptr<const ReadView> view GUARDED_BY(view_mutex);
 
   // Logs of flushed memtables, oldest first. Used by the background thread alone.
   std::deque<std::string> obsolete_logs;

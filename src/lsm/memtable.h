@@ -1,10 +1,11 @@
 // The sorted table in memory that takes every write: the newest operation on each key, deletions
-// included. Owned by shared pointers of the engine, a flush and reads in progress. Thread-safe
-// except for `wal_files`.
+// included. Owned by shared pointers of the engine, a flush and reads in progress. Thread-safe,
+// but one thread at a time may reserve, apply and change `wal_files`.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -23,16 +24,24 @@ class MemTable {
   std::vector<std::string> wal_files;
 
   // Allocates in advance for `entry_count` entries with `size` bytes of keys and values in all, so
-  // that applying them cannot fail. Throws std::bad_alloc, and nothing has changed.
-  void Reserve(std::size_t entry_count, std::size_t size) EXCLUDES(mutex);
+  // that applying them cannot fail. Throws std::bad_alloc, and nothing has changed. Readers are not
+  // disturbed.
+  void Reserve(std::size_t entry_count, std::size_t size);
 
   // Applies entries (Entry or EntryView) in order; no reader sees a part of them. The process ends
   // when it is out of memory.
   template <class Batch>
   void Apply(const Batch& batch) EXCLUDES(mutex) {
+    ApplyGroup(std::span<const Batch, 1>(&batch, 1), std::identity());
+  }
+  // The same for several batches, that of a member being `batch_of(member)`.
+  template <class Group, class BatchOf>
+  void ApplyGroup(const Group& group, BatchOf batch_of) EXCLUDES(mutex) {
     WriterLock lock(&mutex);
     CompleteOpenChunks();
-    for (const EntryView entry : batch) Set(entry);
+    for (const auto& member : group) {
+      for (const EntryView entry : batch_of(member)) Set(entry);
+    }
   }
 
   // False when the key was never written here; otherwise its operation and, for a put, its value.

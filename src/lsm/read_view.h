@@ -1,5 +1,6 @@
 // The state that a read works on: the memtables and tables of one moment, newest first, and the
-// reads of a single key and of a range in it.
+// reads of a single key and of a range in it. The newest memtable may still be written to, so a
+// later read of the same view may see later writes.
 #pragma once
 
 #include <cstddef>
@@ -16,8 +17,7 @@
 
 namespace kandb::lsm {
 
-// Never changes once made; keeps everything it refers to alive. The first memtable may still be
-// written to.
+// Never changes once made; keeps everything it refers to alive.
 struct ReadView {
   std::vector<std::shared_ptr<const MemTable>> memtables;
   std::vector<std::shared_ptr<const SstReader>> tables;
@@ -32,13 +32,14 @@ Status GetLive(const ReadView& view, std::string_view key, std::string* value, b
 // during the call. Fails only as reading a table does.
 //
 // `*of_one_moment`, unless null, becomes whether the visited pairs are the state of one moment:
-// nothing was written meanwhile, or no memtable has more than `chunk_limit` entries in the range.
-// With a limit of 0 it always is; each memtable is then listed as a whole, under its lock and in 8
-// bytes an entry.
+// nothing was written meanwhile, or no memtable has more than a chunk of entries in the range.
 using PairVisitor = std::function<bool(std::string_view key, std::string_view value)>;
 Status ForEachLive(const ReadView& view, std::string_view start, std::string_view end,
-                   std::uint32_t limit, const PairVisitor& visit,
-                   std::size_t chunk_limit = MemTable::Chunk::kMaxOpenSize,
-                   bool* of_one_moment = nullptr);
+                   std::uint32_t limit, const PairVisitor& visit, bool* of_one_moment = nullptr);
+
+// The same, but always the state of one moment, whatever is written meanwhile: each memtable is
+// listed as a whole, in 8 bytes an entry, and a writer waits until it is.
+Status ForEachLiveAtOnce(const ReadView& view, std::string_view start, std::string_view end,
+                         std::uint32_t limit, const PairVisitor& visit);
 
 }  // namespace kandb::lsm

@@ -50,7 +50,7 @@ class IdSet {
 };
 
 // All that decode, in the order of their keys, which is the order of preference.
-Status ReadStores(const store::MetaStore& metadata, std::vector<Store>* stores) {
+Status ReadStores(const store::MetaView& metadata, std::vector<Store>* stores) {
   const auto collect = [&](std::string_view, std::string_view record) {
     Store decoded;
     if (Decode(record, &decoded)) stores->push_back(std::move(decoded));
@@ -110,7 +110,7 @@ void KeepReplicaCount(const RegionHeartbeatEntry& entry, std::uint64_t reporter,
 // --- Policy: destroy stale ---
 
 // A replica is stale only on the evidence of a record that does not list it.
-bool IsStaleReplica(const store::MetaStore& metadata, std::uint64_t region_id,
+bool IsStaleReplica(const store::MetaView& metadata, std::uint64_t region_id,
                     std::uint64_t store_id) {
   std::string record;
   bool found = false;
@@ -122,7 +122,7 @@ bool IsStaleReplica(const store::MetaStore& metadata, std::uint64_t region_id,
 }
 
 void DestroyStaleReplicas(const pdpb::RegionHeartbeatRequest& request,
-                          const store::MetaStore& metadata, CommandList* commands) {
+                          const store::MetaView& metadata, CommandList* commands) {
   for (const std::uint64_t region_id : request.region_ids) {
     if (commands->too_large()) return;
     if (!IsStaleReplica(metadata, region_id, request.store_id)) continue;
@@ -159,8 +159,9 @@ void BalanceLeaders(const pdpb::RegionHeartbeatRequest& request, std::size_t sto
 
 Status HeartbeatScheduler::Schedule(const pdpb::RegionHeartbeatRequest& request,
                                     std::vector<pdpb::ScheduleCommand>* commands) {
+  const store::MetaView view = metadata->CaptureView();
   std::vector<Store> stores;
-  if (Status s = ReadStores(*metadata, &stores); !s.ok()) return s;
+  if (Status s = ReadStores(view, &stores); !s.ok()) return s;
   CommandList list;
   IdSet ids;
   for (const RegionHeartbeatEntry& entry : request.regions) {
@@ -168,7 +169,7 @@ Status HeartbeatScheduler::Schedule(const pdpb::RegionHeartbeatRequest& request,
     PromoteLearners(entry, &list);
     KeepReplicaCount(entry, request.store_id, target_replicas, stores, &ids, &list);
   }
-  DestroyStaleReplicas(request, *metadata, &list);
+  DestroyStaleReplicas(request, view, &list);
   {
     MutexLock lock(&heartbeat_mutex);
     for (const RegionHeartbeatEntry& entry : request.regions) {

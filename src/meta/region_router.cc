@@ -69,14 +69,12 @@ class RegionSearch {
   pdpb::Region region;  // once covered
 };
 
-}  // namespace
-
 // At most three passes over the records. The first is quick and usually finds the region. When it
 // does not, the second looks at each record as a whole, to tell absence from damage. Absence must
 // be true of one moment, but a region can move past a pass as others split and merge. So when
 // something was written during the second pass, a third reads a list of one moment, which keeps
 // writers waiting.
-Status RegionRouter::FindRegion(std::string_view key, pdpb::Region* region) const {
+Status FindRegion(const store::MetaView& metadata, std::string_view key, pdpb::Region* region) {
   const auto [begin, end, max_records] = kRegionKeys;
   std::optional<RegionSearch> search(key);
   const auto look = [&](std::string_view, std::string_view record) {
@@ -85,15 +83,15 @@ Status RegionRouter::FindRegion(std::string_view key, pdpb::Region* region) cons
   const auto look_closely = [&](std::string_view, std::string_view record) {
     return search->LookCloselyAt(record);
   };
-  if (Status s = metadata->ForEach(begin, end, max_records, look); !s.ok()) return s;
+  if (Status s = metadata.ForEach(begin, end, max_records, look); !s.ok()) return s;
   if (!search->covered) {
     search.emplace(key);
     bool of_one_moment = false;
-    Status s = metadata->ForEach(begin, end, max_records, look_closely, &of_one_moment);
+    Status s = metadata.ForEach(begin, end, max_records, look_closely, &of_one_moment);
     if (!s.ok()) return s;
     if (!search->covered && !of_one_moment) {
       search.emplace(key);
-      s = metadata->ForEachAtOnce(begin, end, max_records, look_closely);
+      s = metadata.ForEachAtOnce(begin, end, max_records, look_closely);
       if (!s.ok()) return s;
     }
   }
@@ -107,13 +105,14 @@ Status RegionRouter::FindRegion(std::string_view key, pdpb::Region* region) cons
   return {};
 }
 
-Status RegionRouter::AddStores(pdpb::GetRegionResponse* route) const {
+// Fills in the leader and the stores of `route->region`.
+Status AddStores(const store::MetaView& metadata, pdpb::GetRegionResponse* route) {
   std::size_t stores_size = 0;  // bytes in the response, many times the request's if peers are many
   for (const pdpb::Peer& peer : route->region.peers) {
     const bool is_leader = &peer == &route->region.peers.front();
     std::string record;
     bool found = false;
-    if (Status s = metadata->Get(StoreKey(peer.store_id), &record, &found); !s.ok()) return s;
+    if (Status s = metadata.Get(StoreKey(peer.store_id), &record, &found); !s.ok()) return s;
     pdpb::Store peer_store;
     const bool decodes = found && Decode(record, &peer_store);
     if (is_leader) {
@@ -130,10 +129,13 @@ Status RegionRouter::AddStores(pdpb::GetRegionResponse* route) const {
   return {};
 }
 
+}  // namespace
+
 Status RegionRouter::Find(std::string_view key, pdpb::GetRegionResponse* route) const {
+  const store::MetaView view = metadata->CaptureView();
   pdpb::GetRegionResponse found;
-  if (Status s = FindRegion(key, &found.region); !s.ok()) return s;
-  if (Status s = AddStores(&found); !s.ok()) return s;
+  if (Status s = FindRegion(view, key, &found.region); !s.ok()) return s;
+  if (Status s = AddStores(view, &found); !s.ok()) return s;
   *route = std::move(found);
   return {};
 }

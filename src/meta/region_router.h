@@ -31,10 +31,6 @@ class RegionRouter {
   Status Upsert(const pdpb::UpsertRegionRequest& request);
 
  private:
-  Status FindRegion(std::string_view key, pdpb::Region* region) const;
-  // Fills in the leader and the stores of `route->region`.
-  Status AddStores(pdpb::GetRegionResponse* route) const;
-
   store::MetaStore* const metadata;
 };
 

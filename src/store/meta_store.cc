@@ -22,15 +22,10 @@ MetaStore::MetaStore(Private, const std::string& passphrase)
 
 MetaStore::~MetaStore() = default;
 
+MetaView MetaStore::CaptureView() const { return {db->CaptureView(), crypto.get()}; }
+
 Status MetaStore::Get(std::string_view key, std::string* value, bool* found) const {
-  std::string stored;
-  bool stored_found = false;
-  if (Status s = db->Get(key, &stored, &stored_found); !s.ok()) return s;
-  if (stored_found) {
-    if (Status s = OpenValue(*crypto, stored, value); !s.ok()) return s;
-  }
-  *found = stored_found;
-  return {};
+  return CaptureView().Get(key, value, found);
 }
 
 Status MetaStore::Put(std::vector<KeyValue> puts) { return Write(std::move(puts), {}); }
@@ -49,38 +44,11 @@ Status MetaStore::Write(std::vector<KeyValue> puts, std::vector<std::string> del
 
 Status MetaStore::Scan(std::string_view start, std::string_view end, std::uint32_t limit,
                        std::vector<KeyValue>* out) const {
-  return ForEach(start, end, limit, [out](std::string_view key, std::string_view value) {
+  const auto append = [out](std::string_view key, std::string_view value) {
     out->emplace_back(key, value);
     return true;
-  });
-}
-
-Status MetaStore::ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
-                          const Visitor& visit, bool* of_one_moment) const {
-  return OpenEach(visit, [&](const Visitor& visit_stored) {
-    return db->ForEach(start, end, limit, visit_stored, of_one_moment);
-  });
-}
-
-Status MetaStore::ForEachAtOnce(std::string_view start, std::string_view end, std::uint32_t limit,
-                                const Visitor& visit) const {
-  return OpenEach(visit, [&](const Visitor& visit_stored) {
-    return db->ForEachAtOnce(start, end, limit, visit_stored);
-  });
-}
-
-template <class Walk>
-Status MetaStore::OpenEach(const Visitor& visit, Walk walk) const {
-  if (!crypto->encrypted) return walk(visit);
-
-  std::string opened;
-  Status open_status;
-  const auto open_and_visit = [&](std::string_view key, std::string_view stored) {
-    open_status = OpenValue(*crypto, stored, &opened);
-    return open_status.ok() && visit(key, opened);
   };
-  if (Status s = walk(open_and_visit); !s.ok()) return s;
-  return open_status;
+  return CaptureView().ForEach(start, end, limit, append);
 }
 
 }  // namespace kandb::store

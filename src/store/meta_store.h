@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -12,10 +11,10 @@
 #include <vector>
 
 #include "common/status.h"
+#include "store/meta_view.h"
 
 namespace kandb::lsm {
 class LsmDb;
-struct Entry;
 }  // namespace kandb::lsm
 
 namespace kandb::store {
@@ -51,27 +50,14 @@ class MetaStore {
   Status Delete(std::vector<std::string> keys);
   Status Write(std::vector<KeyValue> puts, std::vector<std::string> deletes);
 
-  // Appends the pairs with start <= key < end (empty: no bound) in key order, at most `limit`. A
-  // value that cannot be opened ends it with that failure; the pairs before it stay in `*out`.
+  // Appends the pairs of MetaView::ForEach to `*out`; after a failure, those before it.
   Status Scan(std::string_view start, std::string_view end, std::uint32_t limit,
               std::vector<KeyValue>* out) const;
 
-  // Hands the same pairs to `visit` without a list of them; false from it stops. The views live
-  // only during the call. `*of_one_moment`, unless null, becomes whether the pairs are the state of
-  // one moment; with more than 4,096 of them a write meanwhile may prevent that.
-  using Visitor = std::function<bool(std::string_view key, std::string_view value)>;
-  Status ForEach(std::string_view start, std::string_view end, std::uint32_t limit,
-                 const Visitor& visit, bool* of_one_moment = nullptr) const;
-
-  // The same, but always the state of one moment; writers wait while it begins.
-  Status ForEachAtOnce(std::string_view start, std::string_view end, std::uint32_t limit,
-                       const Visitor& visit) const;
+  // For several reads. Every write that has returned is in the view.
+  MetaView CaptureView() const;
 
  private:
-  // `walk(visit)` is a ForEach of the engine.
-  template <class Walk>
-  Status OpenEach(const Visitor& visit, Walk walk) const;
-
   // Never change after Open.
   std::unique_ptr<lsm::LsmDb> db;
   const std::unique_ptr<const StoreCrypto> crypto;
