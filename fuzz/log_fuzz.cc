@@ -1,5 +1,5 @@
 // Logs: a replay ends at the end of the file or at damage, and the bytes before that are a sound
-// log of the same batches.
+// WAL of the same batches.
 
 #include "crypto/crc32c.h"
 #include "lsm/wal.h"
@@ -8,7 +8,7 @@
 namespace kandb::fuzz {
 
 using namespace lsm;
-// The batches as the writer writes them, where they end in the log, and whether it is sound there.
+// The batches as the writer writes them, where they end in the WAL, and whether it is sound there.
 using Replay = std::tuple<std::string, std::uint64_t, bool>;
 
 static Replay ReadLog(std::string_view bytes) {
@@ -27,7 +27,7 @@ static Replay ReadLog(std::string_view bytes) {
   return {rebuilt, reader.offset(), reader.damage().ok()};
 }
 
-// False when the log has not one record.
+// False when the WAL has not one record.
 static bool TryLog(std::string_view log) {
   const auto [rebuilt, end, sound] = ReadLog(log);
   Claim(end <= log.size() && sound == (end == log.size()));
@@ -39,7 +39,7 @@ static bool TryLog(std::string_view log) {
   return end > 0;
 }
 
-// As a log, or as the payload of records: hardly any change of those leaves a checksum right.
+// As a WAL, or as the payload of records: hardly any change of those leaves a checksum right.
 void TryInput(std::string_view input) {
   if (TryLog(input)) return;
   std::string record;

@@ -249,7 +249,7 @@ TEST(LsmDb, SwitchesWhenTheBufferIsExactlyFull) {
   EXPECT_EQ(FilesIn(dir.path()), (std::vector<std::string>{"MANIFEST", "wal-000001.log"}));
   ASSERT_TRUE(db->Write({{kDelete, "a", ""}}).ok());
   db->WaitForBackgroundIdle();
-  // The log of the flushed memtable is deleted last, after the queue is empty: closing waits for
+  // The WAL of the flushed memtable is deleted last, after the queue is empty: closing waits for
   // it.
   db.reset();
   EXPECT_EQ(FilesIn(dir.path()),
@@ -362,7 +362,7 @@ TEST(Open, NamesTheFileThatItFailsOn) {
     EXPECT_EQ(LsmDb::Open(dir.File(c.name), kLarge, &db).ToString(), c.error);
     EXPECT_EQ(db, nullptr);
   }
-  // A log that cannot be read is empty, like one whose first record is damaged.
+  // A WAL that cannot be read is empty, like one whose first record is damaged.
   EXPECT_EQ(ReadAll(*Open(dir.File("log"), kLarge)).size(), 0u);
 }
 

@@ -56,7 +56,7 @@ TEST(Faults, NothingIsWrittenToALogThatCannotBeCutBack) {
   }
 }
 
-// The next group begins where the failed ones did, or the log would have a hole before it.
+// The next group begins where the failed ones did, or the WAL would have a hole before it.
 TEST(Faults, FailedGroupsLeaveNoTraceInTheLog) {
   TempDir dir;
   FaultInjector fault;
@@ -91,7 +91,7 @@ class SlowSyncs : public FaultInjector {
 };
 
 // Writers of the same keys, in groups that succeed or fail together: each is told so, and the one
-// that is last in the log is last in the memtable.
+// that is last in the WAL is last in the memtable.
 TEST(Faults, EveryWriterOfAGroupGetsItsResult) {
   constexpr int kWriters = 8;
   constexpr int kRounds = 30;
@@ -153,7 +153,7 @@ TEST(Faults, AReaderDoesNotWaitForASync) {
   EXPECT_EQ(ReadAll(*db), (Model{{"a", "2"}, {"b", "2"}}));
 }
 
-// Reads of a log fail from one byte on: where the system returns what comes before it, and where it
+// Reads of a WAL fail from one byte on: where the system returns what comes before it, and where it
 // fails the whole call.
 class BadByte : public FileCallFilter {
  public:
@@ -208,7 +208,7 @@ TEST(Faults, OnlyALockThatIsHeldKeepsAnEngineOut) {
   }
 }
 
-// The writes after it share the log of the full memtable.
+// The writes after it share the WAL of the full memtable.
 TEST(Faults, AFailedSwitchReportsWhatIsWritten) {
   TempDir dir;
   FaultInjector fault;
@@ -228,8 +228,8 @@ struct SweptCall {
   Fault fault;
   const char* write_error;  // how the texts of failed writes and reads begin
   const char* read_error = "";
-  bool written_all_the_same = false;  // a failed write is in the log and in the memtable
-  bool cut_fails = false;             // and what a failed write leaves in the log stays there
+  bool written_all_the_same = false;  // a failed write is in the WAL and in the memtable
+  bool cut_fails = false;             // and what a failed write leaves in the WAL stays there
 };
 
 // Writes with switches, flushes and compactions, during which a file call fails.
@@ -246,12 +246,12 @@ class FaultyWorkload {
     while (rounds < 20) (void)Round();
     if (!injector.fired()) return false;
     injector.Disarm();
-    if (swept.cut_fails) Reopen();  // a log that could not be cut takes no more records
+    if (swept.cut_fails) Reopen();  // a WAL that could not be cut takes no more records
     while (rounds < 24) EXPECT_TRUE(Round()) << "the fault is over";
     db->WaitForBackgroundIdle();
     EXPECT_EQ(db->TableFileCount(), 1u);
     Reopen();
-    // The manifest, the table, the last log and that of the reopening; nothing unfinished.
+    // The manifest, the table, the last WAL and that of the reopening; nothing unfinished.
     EXPECT_EQ(FilesIn(dir.path()).size(), 4u);
     return true;
   }
@@ -357,7 +357,7 @@ TEST(Faults, NothingAcknowledgedIsLostWhicheverCallFails) {
   std::printf("%d faults\n", tried);
 }
 
-// Two tables, two logs, an unnamed table: each call of Open fails in turn.
+// Two tables, two WALs, an unnamed table: each call of Open fails in turn.
 TEST(Faults, AnOpenThatFailsCanBeRepeated) {
   const struct {
     testing::CallKind kind;
@@ -368,7 +368,7 @@ TEST(Faults, AnOpenThatFailsCanBeRepeated) {
       {kOpen,
        {"", "manifest open", "sst open", "sst open", "wal open", "wal open", "wal open",
         "manifest create"}},
-      // The first two, of the manifest, must not make it a shorter one; those of a log are
+      // The first two, of the manifest, must not make it a shorter one; those of a WAL are
       // repeated.
       {kRead, {"manifest read", "manifest read", "", "", "", "", "", ""}},
       {kOpendir, {""}},
@@ -407,7 +407,7 @@ TEST(Faults, AnOpenThatFailsCanBeRepeated) {
       EXPECT_EQ(status.ok(), error.empty()) << status.ToString();
       EXPECT_TRUE(status.message().starts_with(error)) << status.ToString();
       EXPECT_EQ(db != nullptr, status.ok());
-      if (status.ok() && c.kind != kOpendir) {  // then no log is seen
+      if (status.ok() && c.kind != kOpendir) {  // then no WAL is seen
         EXPECT_EQ(ReadAll(*db), everything);
       }
       db.reset();

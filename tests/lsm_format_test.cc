@@ -1,4 +1,4 @@
-// The engine's files against bytes written by hand: batches, logs, tables, manifests.
+// The engine's files against bytes written by hand: batches, WALs, tables, manifests.
 
 #include <gtest/gtest.h>
 
@@ -21,7 +21,7 @@ using namespace testing;
 // put "k" = "vw", delete "x"
 constexpr char kBatchBytes[] = "02000000  01 01000000 6b 02000000 7677  02 01000000 78 00000000";
 
-// The log record of any payload.
+// The WAL record of any payload.
 std::string LogRecord(const std::string& payload) {
   std::string record;
   AppendU32(crypto::Crc32c(payload), &record);

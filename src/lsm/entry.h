@@ -1,4 +1,4 @@
-// One key-value operation, the unit of batches, logs, tables and scans. Batches in the log and
+// One key-value operation, the unit of batches, WALs, tables and scans. Batches in the WAL and
 // records in tables share its encoding. Numbers are little-endian.
 //
 //   offset   size  field

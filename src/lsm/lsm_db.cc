@@ -69,7 +69,7 @@ Status LsmDb::Start() {
   table_readers = std::move(state.table_readers);
   active = std::move(state.memtable);
   next_file = state.next_file;
-  if (Status s = StartLog(); !s.ok()) return s;
+  if (Status s = StartWal(); !s.ok()) return s;
   PublishView();
   return SaveManifest();
 }
@@ -77,7 +77,7 @@ Status LsmDb::Start() {
 // --- Writing ---
 //
 // Memory may run out anywhere here. What a group needs is allocated before its first record is
-// written, so that a failure leaves the log and the memtable as they were.
+// written, so that a failure leaves the WAL and the memtable as they were.
 
 Status LsmDb::Write(const std::vector<Entry>& batch) {
   if (BatchSize(batch) > kMaxLogPayloadSize) return Status::InvalidArgument("batch: too large");
@@ -126,17 +126,17 @@ Status LsmDb::SwitchMemTable() {
   // Nothing between these two may fail: readers must see the memtable that writers write to.
   active = std::move(next);
   InstallView(std::move(next_view));
-  // When this fails, later writes go to the new memtable, but still to the old log. That log is
+  // When this fails, later writes go to the new memtable, but still to the old WAL. That WAL is
   // deleted once the old memtable is flushed: the one case in which an acknowledged write can be
   // lost.
-  if (Status s = StartLog(); !s.ok()) return s;
+  if (Status s = StartWal(); !s.ok()) return s;
   background_cv.NotifyOne();
   return {};
 }
 
-Status LsmDb::StartLog() {
+Status LsmDb::StartWal() {
   std::string path = LogFileName(directory, next_file++);
-  // Reserve first: a log in use must be in the list, or it would never be deleted.
+  // Reserve first: a WAL in use must be in the list, or it would never be deleted.
   active->wal_files.reserve(active->wal_files.size() + 1);
   if (Status s = OpenLogForAppend(path, &log); !s.ok()) return s;
   active->wal_files.push_back(std::move(path));
@@ -196,7 +196,7 @@ void LsmDb::BackgroundLoop() {
       flush = !immutable_memtables.empty();
     }
     // A failure is dropped on purpose: the work remains and is tried again at once, until it
-    // succeeds or the engine stops. Nothing is lost meanwhile: the logs have all of it.
+    // succeeds or the engine stops. Nothing is lost meanwhile: the WALs have all of it.
     try {
       (void)(flush ? FlushOldestMemTable() : CompactAllTables());
     } catch (const std::bad_alloc&) {
@@ -206,8 +206,8 @@ void LsmDb::BackgroundLoop() {
 }
 
 // The order makes a crash harmless at every step: the table is durable and has its name before the
-// manifest names it, and the logs are deleted only after that. A crash leaves a table that is not
-// in the manifest, or logs that are replayed although a table has their contents too.
+// manifest names it, and the WALs are deleted only after that. A crash leaves a table that is not
+// in the manifest, or WALs that are replayed although a table has their contents too.
 Status LsmDb::FlushOldestMemTable() {
   std::shared_ptr<const MemTable> oldest;
   std::uint64_t number = 0;
@@ -232,21 +232,21 @@ Status LsmDb::FlushOldestMemTable() {
     PublishView();
     // On failure the table stays, and the memtable stays queued and is flushed again to another.
     if (Status s = SaveManifest(); !s.ok()) return s;
-    obsolete_logs.insert(obsolete_logs.end(), oldest->wal_files.begin(), oldest->wal_files.end());
+    obsolete_wals.insert(obsolete_wals.end(), oldest->wal_files.begin(), oldest->wal_files.end());
     immutable_memtables.pop_front();
     PublishView();
   }
-  DeleteObsoleteLogs();
+  DeleteObsoleteWals();
   return {};
 }
 
-// Strictly from the oldest on: the next Open replays the remaining logs, and they hide the tables.
-// If an old log outlived a newer one, its values would hide newer ones that are only in tables. So
-// a log that cannot be deleted keeps the later ones too; the next flush tries again.
-void LsmDb::DeleteObsoleteLogs() {
-  while (!obsolete_logs.empty()) {
-    if (file_calls.unlink(obsolete_logs.front().c_str()) != 0 && errno != ENOENT) return;
-    obsolete_logs.pop_front();
+// Strictly from the oldest on: the next Open replays the remaining WALs, and they hide the tables.
+// If an old WAL outlived a newer one, its values would hide newer ones that are only in tables. So
+// a WAL that cannot be deleted keeps the later ones too; the next flush tries again.
+void LsmDb::DeleteObsoleteWals() {
+  while (!obsolete_wals.empty()) {
+    if (file_calls.unlink(obsolete_wals.front().c_str()) != 0 && errno != ENOENT) return;
+    obsolete_wals.pop_front();
   }
 }
 

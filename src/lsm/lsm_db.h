@@ -38,18 +38,18 @@ class LsmDb {
   struct Options {
     std::uint64_t write_buffer_size = 0;  // bytes; an active memtable of this size is full
     std::uint64_t max_table_files = 0;    // more table files than this are compacted
-    bool sync = false;                    // fdatasync the log after every write group
+    bool sync = false;                    // fdatasync the WAL after every write group
   };
 
   // Opens the engine on `dir`, which is created when missing (its parent is not): reads the
   // manifest, deletes tables that it does not name, replays the logs. On success `*out` is replaced
-  // and the engine it held before is destroyed. Everything that a completed write put into a log is
+  // and the engine it held before is destroyed. Everything that a completed write put into a WAL is
   // there again. Throws std::bad_alloc, as do all functions that read or write.
   static Status Open(const std::string& dir, const Options& options, std::unique_ptr<LsmDb>* out);
 
   LsmDb(Private, const std::string& dir, const Options& engine_options, DirectoryLock lock);
 
-  // Waits for a flush or compaction in progress. Flushes nothing: the logs have the contents of the
+  // Waits for a flush or compaction in progress. Flushes nothing: the WALs have the contents of the
   // memtables.
   ~LsmDb();
 
@@ -58,9 +58,9 @@ class LsmDb {
 
   // Logs the batch as one record, makes it durable when `sync` is set, and only then lets readers
   // see it, as a whole. Concurrent writers share one sync. InvalidArgument "batch: too large" for
-  // an encoding of more than 64 MiB; otherwise the failures of the log, and Corruption "out of
+  // an encoding of more than 64 MiB; otherwise the failures of the WAL, and Corruption "out of
   // memory". After a failure nothing of the batch is visible, with one exception: when the memtable
-  // was full and the next log could not be created, the batch is written and the failure of the
+  // was full and the next WAL could not be created, the batch is written and the failure of the
   // switch reported.
   Status Write(const std::vector<Entry>& batch) EXCLUDES(db_mutex);
 
@@ -94,8 +94,8 @@ class LsmDb {
   Status CommitGroup(WriteGroup group) EXCLUDES(db_mutex);
   Status LogGroup(WriteGroup group) REQUIRES(db_mutex);
   Status SwitchMemTable() REQUIRES(db_mutex);
-  // Creates the log of the active memtable under the next file number and makes it current.
-  Status StartLog() REQUIRES(db_mutex);
+  // Creates the WAL of the active memtable under the next file number and makes it current.
+  Status StartWal() REQUIRES(db_mutex);
   // Makes the present memtables and tables what later reads see. After every change to them.
   void PublishView() REQUIRES(db_mutex);
   void InstallView(std::shared_ptr<const ReadView> next) EXCLUDES(view_mutex);
@@ -104,7 +104,7 @@ class LsmDb {
   // reserve a file number and to install the result.
   void BackgroundLoop() EXCLUDES(db_mutex);
   Status FlushOldestMemTable() EXCLUDES(db_mutex);
-  void DeleteObsoleteLogs();
+  void DeleteObsoleteWals();
   Status CompactAllTables() EXCLUDES(db_mutex);
   Status SaveManifest() REQUIRES(db_mutex);
   bool TooManyTables() const REQUIRES(db_mutex);
@@ -117,14 +117,14 @@ class LsmDb {
   CommitQueue write_queue{[this](WriteGroup group) { return CommitGroup(group); }};
 
   // Guards the parts of the engine; held by the leader of a write group while it logs, syncs and
-  // applies, so that the log has the order of the memtable. A memtable's own lock may be taken
+  // applies, so that the WAL has the order of the memtable. A memtable's own lock may be taken
   // while it is held, never the other way round.
   mutable Mutex db_mutex;
   std::shared_ptr<MemTable> active GUARDED_BY(db_mutex);
   std::deque<std::shared_ptr<MemTable>> immutable_memtables GUARDED_BY(db_mutex);  // oldest first
   std::vector<std::shared_ptr<SstReader>> table_readers GUARDED_BY(db_mutex);      // newest first
   std::vector<std::uint64_t> live_tables GUARDED_BY(db_mutex);  // their file numbers, same order
-  std::uint64_t next_file GUARDED_BY(db_mutex) = 1;             // for logs and tables alike
+  std::uint64_t next_file GUARDED_BY(db_mutex) = 1;             // for WALs and tables alike
   Log log GUARDED_BY(db_mutex);
   bool stopping GUARDED_BY(db_mutex) = false;
   CondVar background_cv;  // with db_mutex: there may be work, or the engine stops
@@ -134,8 +134,8 @@ class LsmDb {
   mutable Mutex view_mutex;
   std::shared_ptr<const ReadView> view GUARDED_BY(view_mutex);
 
-  // Logs of flushed memtables, oldest first. Used by the background thread alone.
-  std::deque<std::string> obsolete_logs;
+  // WALs of flushed memtables, oldest first. Used by the background thread alone.
+  std::deque<std::string> obsolete_wals;
 
   std::thread background;
 };

@@ -19,7 +19,7 @@ namespace kandb::lsm {
 
 class MemTable {
  public:
-  // Paths of the logs whose records were applied here, to be deleted once this memtable is flushed.
+  // Paths of the WALs whose records were applied here, to be deleted once this memtable is flushed.
   // Changed only under the engine's lock, and never once the memtable is immutable.
   std::vector<std::string> wal_files;
 
@@ -59,7 +59,7 @@ class MemTable {
 
   // Bytes. Grows with every operation by 32 and the lengths of its key and value, and never
   // shrinks: overwriting one key again and again fills a memtable like any other writes, because
-  // its log and its memory grow.
+  // its WAL and its memory grow.
   std::uint64_t ApproximateBytes() const EXCLUDES(mutex);
 
  private:

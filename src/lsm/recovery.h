@@ -17,13 +17,13 @@ namespace kandb::lsm {
 struct RecoveredState {
   std::vector<std::uint64_t> live_tables;                 // file numbers, newest first
   std::vector<std::shared_ptr<SstReader>> table_readers;  // in the same order
-  std::shared_ptr<MemTable> memtable;  // the entries of all logs, which are its `wal_files`
+  std::shared_ptr<MemTable> memtable;  // the entries of all WALs, which are its `wal_files`
   std::uint64_t next_file = 0;         // greater than the number of every file found
 };
 
 // For an engine that starts on `dir`: deletes the tables that the manifest does not name, and reads
 // the rest. Fails as reading the manifest, listing the directory, opening a table or replaying a
-// log does; Corruption "file number out of range in <dir>". Throws std::bad_alloc.
+// WAL does; Corruption "file number out of range in <dir>". Throws std::bad_alloc.
 Status Recover(const std::string& dir, RecoveredState* state);
 
 // Everything that an engine opened on `dir` would hold; changes no file. For a directory on which

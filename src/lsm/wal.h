@@ -30,7 +30,7 @@ static_assert(kMaxLogPayloadSize <= std::numeric_limits<std::uint32_t>::max(),
 // The record of a batch whose encoding is within the limit.
 std::string BuildLogRecord(const std::vector<Entry>& batch);
 
-// A log open for appending; closes itself. One writer at a time.
+// A WAL open for appending; closes itself. One writer at a time.
 class Log {
  public:
   // Writes a whole record. Corruption "wal write: " and the system's text; the file may then end
@@ -56,33 +56,33 @@ class Log {
   Status failure;  // of a group whose remains could not be removed
 };
 
-// Opens or creates (0644) the log at `path`; `*log` is replaced on success, its old file closed.
+// Opens or creates (0644) the WAL at `path`; `*log` is replaced on success, its old file closed.
 // Corruption "wal open <path>: " and the system's text.
 Status OpenLogForAppend(const std::string& path, Log* log);
 
-// Reads the records of a log in order, in large pieces.
+// Reads the records of a WAL in order, in large pieces.
 class LogReader {
  public:
   // Corruption "wal open <path>: " and the system's text; `*exists` tells whether there is a file.
-  // A missing one is an empty log, not a failure.
+  // A missing one is an empty WAL, not a failure.
   Status Open(const std::string& path, bool* exists);
 
-  // Reads the next batch; false at the end of the log, which is the end of the file or the first
+  // Reads the next batch; false at the end of the WAL, which is the end of the file or the first
   // record that is damaged or cannot be read whole. The entries live until the next call.
   bool Next(std::vector<EntryView>* batch);
 
-  // In the file: the end of the record that Next returned last; at the end of the log, the start of
+  // In the file: the end of the record that Next returned last; at the end of the WAL, the start of
   // the damage or the end of the file.
   std::uint64_t offset() const { return next_offset; }
 
-  // At the end of the log: the defect of the record there, "wal read: " and the system's text when
+  // At the end of the WAL: the defect of the record there, "wal read: " and the system's text when
   // reading it failed. OK at the end of the file.
   const Status& damage() const { return damage_status; }
 
  private:
   // Reads until `size` bytes are in the buffer; false when the file ends before, or reading fails.
   bool Fill(std::size_t size);
-  // Ends the log with this damage; returns false.
+  // Ends the WAL with this damage; returns false.
   bool Stop(std::string damage);
   // The same after Fill, with the failure of reading instead if there was one.
   bool StopTorn(const char* damage);
@@ -95,7 +95,7 @@ class LogReader {
   Status damage_status;
 };
 
-// Hands every batch of the log to `apply`, in order; the entries live only during the call. The
+// Hands every batch of the WAL to `apply`, in order; the entries live only during the call. The
 // first damaged record ends the replay silently, as the end of the file does: a crash leaves such a
 // record of a write that was never acknowledged. So does the first byte that cannot be read: the
 // records before it are applied. A missing file is an empty log. Fails only as opening does.
