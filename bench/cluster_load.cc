@@ -10,7 +10,6 @@
 #include <numeric>
 #include <random>
 
-#include "store/meta_store.h"
 #include "support/proc.h"
 
 namespace kandb::bench {
@@ -86,15 +85,19 @@ void Server::Fill(const ClusterSize& size, FillOrder order) const {
 }
 
 void Server::FlushMemTable() {
-  constexpr std::uint64_t kSize = std::uint64_t{1} << 20;  // of a record; about
+  constexpr std::uint64_t kFirstFiller = 80000000;
   RawConnection connection(port());
   const std::size_t tables = CountFiles("sst-", ".sst");
-  for (std::uint64_t written = 0; written < store::kWriteBufferSize; written += kSize) {
+  // Regions as all others: larger ones would fill faster, but what is read for their neighbours in
+  // a table would then be large too.
+  while (CountFiles("sst-", ".sst") <= tables) {
     pdpb::UpsertRegionRequest request;
-    request.regions.push_back({99000000 + flushes++, std::string(kSize, 'z'), "", {}, {}});
+    while (request.regions.size() < kRegionsPerRequest) {
+      request.regions.push_back(RegionAt(kFirstFiller + fillers++));
+    }
     (void)Call(&connection, "Pd.UpsertRegion", Encode(request));
   }
-  while (CountFiles("sst-", ".sst") <= tables || CountFiles("wal-") > 1) SleepSeconds(0.001);
+  while (CountFiles("wal-") > 1) SleepSeconds(0.001);
 }
 
 double Server::ProcessorSeconds() const {
@@ -221,7 +224,7 @@ Figures ClosedLoop::Stop() {
   tools::LatencyHistogram all;
   for (const auto& of_thread : latencies) all.Merge(of_thread);
   const auto us = [&](double share) { return static_cast<double>(all.PercentileNs(share)) / 1000; };
-  return {static_cast<double>(all.count()) / elapsed, us(0.5), us(0.99)};
+  return {all.count(), static_cast<double>(all.count()) / elapsed, us(0.5), us(0.99)};
 }
 
 std::vector<Exchange> MakeExchanges(int connections,

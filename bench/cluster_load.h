@@ -63,7 +63,7 @@ class Server {
   // Stores and regions, a thousand a request.
   void Fill(const ClusterSize& size, FillOrder order = FillOrder::kKeys) const;
   // Writes until the memtable is full and flushed, so that what was written before is in tables.
-  // The records written for that have ids above all others and few bytes less than a memtable.
+  // What is written for that comes after all other regions.
   void FlushMemTable();
 
   double ProcessorSeconds() const;  // that it has used, of all threads
@@ -73,7 +73,7 @@ class Server {
  private:
   testing::TempDir directory;
   testing::ListeningServer process;
-  std::uint64_t flushes = 0;
+  std::uint64_t fillers = 0;
 };
 
 // --- Requests ---
@@ -105,6 +105,7 @@ Exchange MakeExchange(int port, const Method& method, const ClusterSize& size, s
                       std::uint64_t distinct = 64);
 
 struct Figures {
+  std::uint64_t requests;
   double requests_per_second;
   double p50_us;
   double p99_us;
