@@ -189,7 +189,7 @@ void WriteAmplification(const Options& options) {
       "|---:|---:|---:|---:|---:|\n",
       static_cast<unsigned long long>(options.regions.back()),
       static_cast<unsigned long long>(options.changes_mb), options.changes_seconds);
-  for (const std::uint64_t batch : {1, 100}) {
+  for (const std::uint64_t batch : {std::uint64_t{1}, std::uint64_t{100}}) {
     const ClusterSize size = {options.regions.back(), 3};
     const Server server;
     server.Fill(size, FillOrder::kRandom);
