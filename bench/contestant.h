@@ -51,5 +51,11 @@ inline constexpr std::size_t kBlockCacheSize = std::size_t{512} << 20;  // bytes
 // fdatasync a group; a scan walks over contiguous records, which must have been put in key order;
 // a get asks a hash table.
 std::unique_ptr<Contestant> OpenRawLog(const ContestantOptions& options);
+// The same in a file whose blocks were allocated before, for puts alone. KeepSize: its size grows
+// with the records, as without that. Zeroed: it has been written in full, so that a sync finds no
+// change but the data.
+std::unique_ptr<Contestant> OpenKeepSizeLog(const ContestantOptions& options);
+std::unique_ptr<Contestant> OpenZeroedLog(const ContestantOptions& options);
+inline constexpr std::size_t kPreallocatedSize = std::size_t{64} << 20;  // bytes
 
 }  // namespace kandb::bench

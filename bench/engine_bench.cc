@@ -1,8 +1,11 @@
 // How far is the engine from what the machine allows, and from the best public engines of its kind?
 // Each workload runs the contestants alternately, `--rounds` times; the table has the medians and
 // the medians of the ratios within a round, which are what to trust: above 1 the engine is better,
-// `: public` than the better of the two. Keys of puts are 16 random hexadecimal digits, those of
-// scans and gets "pd/region/<number>"; values have 150 bytes.
+// `: public` than the better of the two. The contestants change places from round to round. Keys of
+// puts are 16 random hexadecimal digits, those of scans and gets "pd/region/<number>"; values have
+// 150 bytes. Scans and gets of "random order" find the records as they came, shuffled, in tables as
+// the engines make them; the others find one table, or one memtable, filled in key order. The limit
+// of durable puts is a log whose blocks exist already: see the last two contestants.
 
 #include <unistd.h>
 
@@ -16,6 +19,7 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -38,7 +42,11 @@ struct Competitor {
 const Competitor competitors[] = {{"raw log", OpenRawLog},
                                   {"leveldb", OpenLevelDb},
                                   {"rocksdb", OpenRocksDb},
-                                  {"engine", OpenEngine}};
+                                  {"engine", OpenEngine},
+                                  {"log, KEEP_SIZE", OpenKeepSizeLog},
+                                  {"log, zeroed", OpenZeroedLog}};
+constexpr std::size_t kEngine = 3;
+constexpr std::size_t kForAll = 4;  // the others are for durable puts only
 
 double SecondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
@@ -87,11 +95,15 @@ double PutAll(Contestant* contestant, std::uint64_t count, int threads) {
   return SecondsSince(start);
 }
 
-void LoadRegions(Contestant* contestant, std::uint64_t count) {
-  // In the order of the keys, which is that of a walk over contiguous records.
+// In the order of the keys, which is that of a walk over contiguous records, or in random order.
+void LoadRegions(Contestant* contestant, std::uint64_t count, bool in_key_order = true) {
   std::vector<std::string> keys;
   for (std::uint64_t i = 0; i < count; ++i) keys.push_back(RegionKey(i));
-  std::sort(keys.begin(), keys.end());
+  if (in_key_order) {
+    std::sort(keys.begin(), keys.end());
+  } else {
+    std::shuffle(keys.begin(), keys.end(), std::mt19937_64(1));
+  }
   std::string value;
   for (std::uint64_t i = 0; i < count; ++i) {
     SetValue(i, &value);
@@ -164,6 +176,12 @@ double TableScan(const Competitor& competitor, const ContestantOptions& options,
   return Scan(OpenCompacted(competitor, options, count).get(), count);
 }
 
+double RandomOrderScan(const Competitor& competitor, const ContestantOptions& options,
+                       std::uint64_t count) {
+  LoadRegions(competitor.open(options).get(), count, false);
+  return Scan(competitor.open(options).get(), count);
+}
+
 double TableGets(const Competitor& competitor, const ContestantOptions& options,
                  std::uint64_t count, bool present) {
   const auto contestant = OpenCompacted(competitor, options, count);
@@ -227,6 +245,7 @@ const Workload workloads[] = {
     {"puts without sync", "puts/s", false, 1000000, UnsyncedPuts},
     {"scan, tables, 100k", "ns/record", true, 100000, TableScan},
     {"scan, tables, 1M", "ns/record", true, 1000000, TableScan},
+    {"scan, random order, 1M", "ns/record", true, 1000000, RandomOrderScan},
     {"scan, memtable, 100k", "ns/record", true, 100000, MemtableScan},
     {"get, present, 1M", "ns", true, 1000000, std::bind(TableGets, _1, _2, _3, true)},
     {"get, absent, 1M", "ns", true, 1000000, std::bind(TableGets, _1, _2, _3, false)},
@@ -236,26 +255,41 @@ const Workload workloads[] = {
 };
 
 void Run(const Workload& workload, int rounds, std::uint64_t divisor) {
-  constexpr std::size_t kCompetitors = std::size(competitors);
   const std::uint64_t count = std::max<std::uint64_t>(workload.count / divisor, 64);
-  std::vector<double> figures[kCompetitors];
+  const bool durable = std::string_view(workload.name).starts_with("durable");
+  const std::size_t competing = durable ? std::size(competitors) : kForAll;
+  std::vector<double> figures[std::size(competitors)];
   std::vector<double> to_raw_log;
   std::vector<double> to_public;
-  for (int round = 0; round < rounds; ++round) {
-    for (std::size_t i = 0; i < kCompetitors; ++i) {
+  std::vector<double> to_zeroed_log;
+  for (std::size_t round = 0; round < static_cast<std::size_t>(rounds); ++round) {
+    for (std::size_t place = 0; place < competing; ++place) {
+      const std::size_t who = (place + round) % competing;
       const testing::TempDir dir;
-      figures[i].push_back(workload.run(competitors[i], {.directory = dir.path()}, count));
+      figures[who].push_back(workload.run(competitors[who], {.directory = dir.path()}, count));
     }
     const auto ratio = [&](std::size_t other) {
-      const double of_figures = figures[kCompetitors - 1].back() / figures[other].back();
+      const double of_figures = figures[kEngine].back() / figures[other].back();
       return workload.less_is_better ? 1 / of_figures : of_figures;
     };
     to_raw_log.push_back(ratio(0));
     to_public.push_back(std::min(ratio(1), ratio(2)));
+    if (durable) to_zeroed_log.push_back(ratio(std::size(competitors) - 1));
   }
   std::printf("| %s | %s |", workload.name, workload.unit);
-  for (const auto& of_rounds : figures) std::printf(" %.4g |", Median(of_rounds));
-  std::printf(" %.2f | %.2f |\n", Median(to_raw_log), Median(to_public));
+  for (const auto& of_rounds : figures) {
+    if (of_rounds.empty()) {
+      std::printf(" - |");
+    } else {
+      std::printf(" %.4g |", Median(of_rounds));
+    }
+  }
+  std::printf(" %.2f | %.2f |", Median(to_raw_log), Median(to_public));
+  if (durable) {
+    std::printf(" %.2f |\n", Median(to_zeroed_log));
+  } else {
+    std::printf(" - |\n");
+  }
   (void)std::fflush(stdout);
 }
 
@@ -284,7 +318,9 @@ int Main(int argc, char** argv) {
   }
   std::printf("| workload | unit |");
   for (const Competitor& competitor : competitors) std::printf(" %s |", competitor.name);
-  std::printf(" : raw log | : public |\n|---|---|---:|---:|---:|---:|---:|---:|\n");
+  std::printf(
+      " : raw log | : public | : zeroed "
+      "|\n|---|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n");
   for (const Workload& workload : workloads) {
     if (std::string_view(workload.name).find(only) != std::string_view::npos) {
       Run(workload, rounds, divisor);

@@ -27,13 +27,20 @@ struct Record {
   std::string_view value;
 };
 
+enum class Allocation { kAsWritten, kKeepSize, kZeroed };
+
 class RawLog final : public Contestant {
  public:
-  explicit RawLog(const ContestantOptions& options) : sync(options.sync) {
+  RawLog(const ContestantOptions& options, Allocation allocation) : sync(options.sync) {
     const std::string path = options.directory + "/raw.log";
-    file = UniqueFd(::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    const int append = allocation == Allocation::kZeroed ? 0 : O_APPEND;
+    file = UniqueFd(::open(path.c_str(), O_RDWR | O_CREAT | append | O_CLOEXEC, 0644));
     Check(file.valid(), "open " + path);
-    Recover();
+    if (allocation == Allocation::kAsWritten) {
+      Recover();
+    } else {
+      Preallocate(allocation);
+    }
   }
 
   void Put(std::string_view key, std::string_view value) override {
@@ -88,6 +95,15 @@ class RawLog final : public Contestant {
     return record;
   }
 
+  void Preallocate(Allocation allocation) {
+    if (allocation == Allocation::kKeepSize) {
+      Check(::fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, kPreallocatedSize) == 0, "fallocate");
+    } else {
+      Check(WriteFully(file.get(), std::string(kPreallocatedSize, '\0')) == 0, "write");
+    }
+    Check(::fsync(file.get()) == 0 && ::lseek(file.get(), 0, SEEK_SET) == 0, "fsync");
+  }
+
   void Write(std::string_view record) { Check(WriteFully(file.get(), record) == 0, "write"); }
 
   // Reads the file and checks every record: the limit of a recovery.
@@ -129,7 +145,15 @@ class RawLog final : public Contestant {
 }  // namespace
 
 std::unique_ptr<Contestant> OpenRawLog(const ContestantOptions& options) {
-  return std::make_unique<RawLog>(options);
+  return std::make_unique<RawLog>(options, Allocation::kAsWritten);
+}
+
+std::unique_ptr<Contestant> OpenKeepSizeLog(const ContestantOptions& options) {
+  return std::make_unique<RawLog>(options, Allocation::kKeepSize);
+}
+
+std::unique_ptr<Contestant> OpenZeroedLog(const ContestantOptions& options) {
+  return std::make_unique<RawLog>(options, Allocation::kZeroed);
 }
 
 }  // namespace kandb::bench

@@ -11,21 +11,23 @@ namespace kandb::testing {
 
 struct ServerProcess : tools::ChildProcess {
   explicit ServerProcess(const std::vector<std::string>& arguments, const std::string& cwd = ".",
-                         const std::function<void()>& in_child = {})
-      : ChildProcess(KANDB_META_BINARY, arguments, {cwd, true, in_child}) {}
+                         const std::function<void()>& in_child = {},
+                         const std::string& binary = KANDB_META_BINARY)
+      : ChildProcess(binary, arguments, {cwd, true, in_child}) {}
 };
 
 // A server that listens on 127.0.0.1, with its state in `dir`/pd-data.
 class ListeningServer {
  public:
   explicit ListeningServer(const std::string& dir, const std::function<void()>& in_child = {},
-                           std::vector<std::string> arguments = {}) {
+                           std::vector<std::string> arguments = {},
+                           const std::string& binary = KANDB_META_BINARY) {
     arguments.insert(arguments.end(), {"--bind_addr=127.0.0.1", ""});
     // Another process may take the free port first.
     for (int attempt = 0; attempt < 10; ++attempt) {
       bound_port = tools::FreePort();
       arguments.back() = "--port=" + std::to_string(bound_port);
-      process = std::make_unique<ServerProcess>(arguments, dir, in_child);
+      process = std::make_unique<ServerProcess>(arguments, dir, in_child, binary);
       if (!process->ReadBanner().empty()) return;
     }
     throw std::runtime_error("the server does not start");
