@@ -64,11 +64,6 @@ const pdpb::Region region = {
     7, "start key", "stop key", {1, 1}, {{1, 1, {}}, {2, 2, {}}, {3, 3, {}}}};
 void DecodeRegion(benchmark::State& state) { DecodeMessage<pdpb::Region>(state, Encode(region)); }
 BENCHMARK(DecodeRegion);
-// The layout-independent read of a range; a lookup uses it where DecodeFront does not apply.
-void DecodeRegionRange(benchmark::State& state) {
-  DecodeMessage<pdpb::RegionRange>(state, Encode(region));
-}
-BENCHMARK(DecodeRegionRange);
 
 constexpr std::uint64_t kRecords = 100000;
 const std::string record_value(150, 'v');
