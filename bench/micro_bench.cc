@@ -1,6 +1,7 @@
 // What do the parts of a request cost by themselves, beside what they are compared with: the codecs
 // (per message), memtable insertion beside an ordered map, lookups in a table beside its filter
-// alone, and a heartbeat's handler at several sizes of cluster.
+// alone, a scan of tables that interleave beside one table, and a heartbeat's handler at several
+// sizes of cluster.
 
 #include <benchmark/benchmark.h>
 
@@ -12,6 +13,7 @@
 #include <vector>
 
 #include "lsm/memtable.h"
+#include "lsm/read_view.h"
 #include "lsm/sst_reader.h"
 #include "lsm/table_writer.h"
 #include "meta/pd_service.h"
@@ -64,11 +66,6 @@ const pdpb::Region region = {
     7, "start key", "stop key", {1, 1}, {{1, 1, {}}, {2, 2, {}}, {3, 3, {}}}};
 void DecodeRegion(benchmark::State& state) { DecodeMessage<pdpb::Region>(state, Encode(region)); }
 BENCHMARK(DecodeRegion);
-// The layout-independent read of a range; a lookup uses it where DecodeFront does not apply.
-void DecodeRegionRange(benchmark::State& state) {
-  DecodeMessage<pdpb::RegionRange>(state, Encode(region));
-}
-BENCHMARK(DecodeRegionRange);
 
 constexpr std::uint64_t kRecords = 100000;
 const std::string record_value(150, 'v');
@@ -136,6 +133,37 @@ void AskFilterForAbsent(benchmark::State& state) {
   }
 }
 BENCHMARK(AskFilterForAbsent)->Setup(MakeTable);
+
+// All records, in as many tables as the argument says, whose keys interleave at random.
+void ScanTables(benchmark::State& state) {
+  const auto table_count = static_cast<std::uint64_t>(state.range(0));
+  const testing::TempDir dir;
+  lsm::ReadView view;
+  for (std::uint64_t table = 0; table < table_count; ++table) {
+    std::vector<std::string> keys;
+    for (std::uint64_t i = table; i < kRecords; i += table_count) {
+      keys.push_back(RegionKey(i, kRecords));
+    }
+    std::sort(keys.begin(), keys.end());
+    lsm::TableBuilder builder;
+    for (const std::string& key : keys) builder.Add({lsm::kPut, key, record_value});
+    std::shared_ptr<lsm::SstReader> reader;
+    Check(WriteTable(dir.File("sst"), builder));
+    Check(lsm::SstReader::Open(dir.File("sst"), &reader));
+    view.tables.push_back(reader);
+  }
+  std::size_t size = 0;
+  for (auto _ : state) {
+    const auto visit = [&](std::string_view, std::string_view value) {
+      size += value.size();
+      return true;
+    };
+    Check(ForEachLive(view, "", "", kRecords, visit));
+  }
+  benchmark::DoNotOptimize(size);
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(kRecords));
+}
+BENCHMARK(ScanTables)->Arg(1)->Arg(5)->Arg(9)->Unit(benchmark::kMillisecond);
 
 // 1000 entries, 100 stores, and as many regions in the cluster as the argument says.
 void HandleHeartbeat(benchmark::State& state) {

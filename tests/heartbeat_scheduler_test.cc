@@ -52,7 +52,8 @@ class HeartbeatSchedulerTest : public ::testing::Test {
 
 TEST_F(HeartbeatSchedulerTest, PromotesLearnersAndKeepsTheReplicaCount) {
   RegisterStores({1, 2, 10, 3});
-  metadata.Put({{"pd/store/0", "garbage"}});
+  // A store under a foreign key too does not displace others.
+  metadata.Put({{"pd/store/0", "garbage"}, {"pd/store/1x", Encode(Store{1, "s1", 0})}});
   const struct {
     std::uint32_t target;
     RegionHeartbeatEntry entry;  // region, members, caught up, candidates
@@ -60,6 +61,7 @@ TEST_F(HeartbeatSchedulerTest, PromotesLearnersAndKeepsTheReplicaCount) {
   } cases[] = {
       {0, {9, {1}, {5}, {}}, {"promote 9 on 5"}},                           // no target
       {3, {9, {1, 2}, {5}, {}}, {"promote 9 on 5", "add 9 on 10 at s10"}},  // first free by key
+      {3, {9, {10, 1}, {}, {}}, {"add 9 on 2 at s2"}},                      // after all members
       {5, {9, {10, 1, 2}, {}, {}}, {"add 9 on 3 at s3"}},                   // one at a time
       {9, {9, {1, 2, 10, 3}, {}, {}}, {}},                                  // no store left
       {2, {9, {1, 2}, {}, {}}, {}},                                         // at the target
@@ -95,9 +97,9 @@ TEST_F(HeartbeatSchedulerTest, MovesLeadersToClearlyEmptierCandidates) {
   report(1, 100, 5);
   EXPECT_EQ(Heartbeat(1, {{100, {1, 2}, {}, {2}}}), Commands{});  // a single store
   RegisterStores({2, 3, 4});
-  report(2, 200, 2);
-  report(3, 300, 4);
-  report(4, 400, 2);
+  report(2, 132, 2);  // ids with low bits in common
+  report(3, 164, 4);
+  report(4, 196, 2);
   // Regions led: 5 by store 1, 2 by store 2, 4 by store 3, 2 by store 4, none by store 99.
   const struct {
     std::vector<std::uint64_t> members, candidates;
@@ -107,6 +109,7 @@ TEST_F(HeartbeatSchedulerTest, MovesLeadersToClearlyEmptierCandidates) {
       {{1, 3}, {3}, {}},                                 // 4 is not below 5 - 1
       {{1, 2}, {}, {}},                                  // not a candidate
       {{1, 3, 99}, {3, 99}, {"transfer 100 on 99"}},
+      {{1, 4}, {4}, {"transfer 100 on 4"}},
   };
   for (const auto& c : cases) {
     EXPECT_EQ(Heartbeat(1, {{100, c.members, {}, c.candidates}}), c.commands);

@@ -11,6 +11,7 @@
 
 #include "lsm/file_names.h"
 #include "lsm/manifest.h"
+#include "lsm/merging_iterator.h"
 #include "lsm/table_writer.h"
 #include "lsm/write_batch.h"
 #include "support/engine.h"
@@ -212,6 +213,70 @@ TEST(MemTable, AScanSeesOneMomentOrSaysThatItDoesNot) {
       EXPECT_TRUE(walked.ok());
       EXPECT_EQ(of_one_moment, at_once || size == 4096);
       EXPECT_EQ(visited, of_one_moment ? size : size + 2);
+    }
+  }
+}
+
+// A source in batches of random sizes, whose bytes live no longer than they must.
+class ListSource final : public EntrySource {
+ public:
+  ListSource(const Model& list, std::mt19937* generator) : entries(list), random(*generator) {}
+
+  void Seek(std::string_view target) override {
+    next = entries.lower_bound(std::string(target));
+    Refill();
+  }
+
+ private:
+  void Refill() override {
+    batch = {};
+    for (auto left = 1 + random() % 9; left > 0 && next != entries.end(); --left, ++next) {
+      batch.push_back({kPut, next->first, next->second});
+    }
+    views.assign(batch.begin(), batch.end());
+    buffered = views;
+  }
+
+  const Model entries;
+  std::mt19937& random;
+  Model::const_iterator next;
+  Batch batch;
+  std::vector<EntryView> views;
+};
+
+// Keys of few distinct bytes, the greatest and the smallest among them: many are in several
+// sources, begin another one, or differ only after more bytes than are compared at once.
+TEST(MergingIterator, AgreesWithAMap) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  for (int round = 0; round < 1000; ++round) {
+    const std::string prefix(random() % 20, 'p');
+    const auto key = [&] {
+      std::string bytes = random() % 20 == 0 ? "" : prefix;
+      for (auto left = random() % 14; left > 0; --left) bytes += "\0aa\xff"[random() % 4];
+      return bytes;
+    };
+    Model expected;
+    std::vector<std::unique_ptr<EntrySource>> sources;
+    for (auto source = random() % 12; source > 0; --source) {
+      Model list;
+      for (auto left = random() % 60; left > 0; --left) list[key()] = std::to_string(source);
+      expected.insert(list.begin(), list.end());  // keeps newer ones
+      sources.push_back(std::make_unique<ListSource>(list, &random));
+    }
+    const std::string end = random() % 2 == 0 ? "" : key();
+    MergingIterator merged(std::move(sources), end);
+    for (const std::string& start : {std::string(), key()}) {
+      Model found;
+      for (merged.Seek(start); merged.valid(); merged.Next()) {
+        const EntryView& entry = merged.entry();
+        ASSERT_TRUE(found.empty() || found.rbegin()->first < entry.key);
+        found.emplace(entry.key, entry.value);
+      }
+      const auto first = expected.lower_bound(start);
+      const auto last = end.empty() ? expected.end() : expected.lower_bound(std::max(start, end));
+      ASSERT_EQ(found, Model(first, last)) << round;
     }
   }
 }

@@ -54,6 +54,11 @@ TEST(Frame, HasThisLayout) {
   EXPECT_EQ(reader.Read(&frame, -1).ToString(), "NotFound: kanrpc: connection closed");
 }
 
+std::size_t HeapInUse() {
+  const struct mallinfo2 heap = ::mallinfo2();
+  return heap.uordblks + heap.hblkhd;
+}
+
 TEST(FrameReader, NamesTheFault) {
   const std::pair<std::string, const char*> cases[] = {
       {PingFrame().replace(0, 4, "KRPD"), "bad magic"},
@@ -69,7 +74,9 @@ TEST(FrameReader, NamesTheFault) {
     ASSERT_TRUE(WriteAll(pair.far.get(), bytes, -1).ok());
     FrameReader reader(pair.near.get());
     Frame frame;
+    const std::size_t before = HeapInUse();
     EXPECT_EQ(reader.Read(&frame, 0).ToString(), std::string("Corruption: kanrpc: ") + message);
+    EXPECT_LT(HeapInUse(), before + (1 << 20));
   }
 }
 
@@ -82,11 +89,6 @@ TEST(SocketIo, WriteTimesOutOnAPeerThatDoesNotRead) {
 }
 
 // Bytes that malloc has handed out.
-std::size_t HeapInUse() {
-  const struct mallinfo2 heap = ::mallinfo2();
-  return heap.uordblks + heap.hblkhd;
-}
-
 Status AnswerBytes(const TsoRequest& request, pdpb::UpsertRegionResponse* response) {
   response->message.assign(request.count, 'x');
   return {};

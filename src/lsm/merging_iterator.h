@@ -1,10 +1,18 @@
 // Merges sorted sources into one run: the memtables and tables of a read, or the tables of a
 // compaction. Used by one thread.
+//
+// The sources play a tournament (Knuth, "The Art of Computer Programming", volume 3, 5.4.1: a tree
+// of losers). Each inner node keeps the loser of its match, so after the winner has moved on, it
+// only meets the losers on its way to the root: one comparison a level. The keys of a scan begin
+// alike, and behind their common prefix eight bytes mostly decide. They are kept in the nodes as
+// numbers, so that a match reads no key.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -37,21 +45,45 @@ class MergingIterator {
   const EntryView& entry() const { return run.front(); }
 
  private:
-  void NextRun();
-  // Finds the source with the smallest key, and the run of its entries that come next.
-  void Choose();
-  // How many entries of the winner's batch come before the keys of all other sources and the end:
-  // one at least.
-  std::size_t RunLength() const;
+  // A source that has entries left.
+  struct Contestant {
+    EntrySource* source;
+    std::span<const EntryView> batch = {};  // the rest of the source's, up to the end of the merge
+    bool at_end = false;                    // that end is in the batch
+    bool hidden = false;                    // a newer entry has the key of the first one
+  };
+  struct Node {
+    std::uint64_t head;      // of the contestant's first key
+    std::size_t contestant;  // its index
+  };
 
-  std::vector<std::unique_ptr<EntrySource>> sources;
+  // Takes over the batch of the source; false when it has no entry before the end.
+  bool TakeBatch(Contestant* contestant);
+  void HoldTournament();
+  // Plays the matches from a contestant's leaf to the root.
+  void PlayAgain(std::size_t contestant);
+  bool WinsTie(std::size_t a, std::size_t b);
+  Node NodeOf(std::size_t contestant) const;
+
+  void NextRun();
+  // Replaces the used-up batch of the winner; false when there are no more entries.
+  bool Refill();
+  bool WinnerIsAlone() const;
+  void Merge();
+
+  const std::vector<std::unique_ptr<EntrySource>> sources;
   const std::string_view end;
-  EntrySource* winner = nullptr;
-  // Entries of the winner's batch, from the current one on, that come before those of all other
-  // sources: they are returned without a comparison. Neighbouring keys are mostly in one source.
+
+  std::vector<Contestant> contestants;  // newest first
+  std::string prefix;                   // of all keys in their batches
+  std::vector<Node> losers;             // node i is above the nodes 2i and 2i+1; 0 is unused
+  std::size_t winner = 0;
+  std::size_t ties = 0;  // matches that heads did not decide, since the prefix was chosen
+
+  // What is returned next: a batch, or entries that were merged up to the end of one.
   std::span<const EntryView> run;
-  std::size_t run_length = 0;  // when it was chosen
-  Status failure;              // of a source: it ends the merge
+  std::vector<EntryView> merged;
+  Status failure;  // of a source: it ends the merge
 };
 
 }  // namespace kandb::lsm

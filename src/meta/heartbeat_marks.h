@@ -3,8 +3,10 @@
 // Not thread-safe.
 #pragma once
 
+#include <array>
+#include <bitset>
+#include <cstddef>
 #include <cstdint>
-#include <map>
 #include <unordered_map>
 
 namespace kandb::meta {
@@ -18,7 +20,15 @@ class HeartbeatMarks {
   std::uint64_t RegionCount(std::uint64_t store_id) const;
 
  private:
-  std::map<std::uint64_t, std::uint64_t> last_reporters;           // store id by region id
+  // The marks of neighbouring ids. Ids are given out in order, so most of a page is used, and a map
+  // of pages stays small.
+  static constexpr std::size_t kPageSize = 32;
+  struct Page {
+    std::bitset<kPageSize> marked;
+    std::array<std::uint64_t, kPageSize> last_reporters;  // store ids, of those that are marked
+  };
+
+  std::unordered_map<std::uint64_t, Page> pages;                   // by region id / kPageSize
   std::unordered_map<std::uint64_t, std::uint64_t> region_counts;  // by store id
 };
 

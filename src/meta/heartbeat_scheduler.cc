@@ -49,11 +49,24 @@ class IdSet {
   std::vector<std::uint64_t> ids;
 };
 
-// All that decode, in the order of their keys, which is the order of preference.
-Status ReadStores(const store::MetaView& metadata, std::vector<Store>* stores) {
-  const auto collect = [&](std::string_view, std::string_view record) {
-    Store decoded;
-    if (Decode(record, &decoded)) stores->push_back(std::move(decoded));
+// What the policies need of the stores' records, of those that decode.
+struct StoreSummary {
+  std::size_t count = 0;
+  // The first with an address, in the order of their keys, which is the order of preference. A
+  // region below the target has fewer members than the target: of that many stores, one is free.
+  std::vector<Store> candidates;
+};
+
+Status ReadStores(const store::MetaView& metadata, std::uint32_t target_replicas,
+                  StoreSummary* stores) {
+  std::uint32_t distinct = 0;  // candidates under their own key: no two have the same id
+  const auto collect = [&](std::string_view key, std::string_view record) {
+    pdpb::StoreView store;
+    if (!Decode(record, &store)) return true;
+    ++stores->count;
+    if (distinct == target_replicas || store.address.empty()) return true;
+    if (key == StoreKey(store.id)) ++distinct;
+    stores->candidates.push_back({store.id, std::string(store.address), store.state});
     return true;
   };
   return metadata.ForEach(kStoreKeys.begin, kStoreKeys.end, kStoreKeys.max_records, collect);
@@ -74,7 +87,7 @@ void AddPeer(const RegionHeartbeatEntry& entry, const std::vector<Store>& stores
              CommandList* commands) {
   members->Assign(entry.member_store_ids);
   const auto chosen = std::find_if(stores.begin(), stores.end(), [&](const Store& store) {
-    return !store.address.empty() && !members->Contains(store.id);
+    return !members->Contains(store.id);
   });
   if (chosen == stores.end()) return;
   commands->Add(ScheduleKind::kAddPeer, entry.region_id, chosen->id, chosen->address);
@@ -160,14 +173,14 @@ void BalanceLeaders(const pdpb::RegionHeartbeatRequest& request, std::size_t sto
 Status HeartbeatScheduler::Schedule(const pdpb::RegionHeartbeatRequest& request,
                                     std::vector<pdpb::ScheduleCommand>* commands) {
   const store::MetaView view = metadata->CaptureView();
-  std::vector<Store> stores;
-  if (Status s = ReadStores(view, &stores); !s.ok()) return s;
+  StoreSummary stores;
+  if (Status s = ReadStores(view, target_replicas, &stores); !s.ok()) return s;
   CommandList list;
   IdSet ids;
   for (const RegionHeartbeatEntry& entry : request.regions) {
     if (list.too_large()) break;
     PromoteLearners(entry, &list);
-    KeepReplicaCount(entry, request.store_id, target_replicas, stores, &ids, &list);
+    KeepReplicaCount(entry, request.store_id, target_replicas, stores.candidates, &ids, &list);
   }
   DestroyStaleReplicas(request, view, &list);
   {
@@ -175,7 +188,7 @@ Status HeartbeatScheduler::Schedule(const pdpb::RegionHeartbeatRequest& request,
     for (const RegionHeartbeatEntry& entry : request.regions) {
       heartbeat_marks.Mark(entry.region_id, request.store_id);
     }
-    BalanceLeaders(request, stores.size(), heartbeat_marks, &list);
+    BalanceLeaders(request, stores.count, heartbeat_marks, &list);
   }
   if (list.too_large()) return kanrpc::PayloadTooLarge();
   *commands = list.Take();

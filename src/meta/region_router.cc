@@ -34,67 +34,56 @@ bool Covers(const pdpb::RegionRange& range, std::string_view key) {
   return !Less(key, range.start_key) && (range.end_key.empty() || Less(key, range.end_key));
 }
 
-// Searches region records for the first whose range covers a key. Nearly all ranges do not, so it
-// decodes no more of a record than is needed to tell.
+// Searches region records for the first whose range covers a key. Nearly all ranges do not, and
+// nearly all records are laid out as our encoder does it: then the range is judged in place. Any
+// other record is decoded before, so one pass tells absence from damage.
 class RegionSearch {
  public:
   explicit RegionSearch(std::string_view sought_key) : key(sought_key) {}
 
-  // Both return false to end the search. LookAt runs for every region of the cluster: flattened, it
-  // is one function without calls.
+  // Returns false to end the search. Runs for every region of the cluster: flattened, it is one
+  // function without calls.
   [[gnu::flatten]] bool LookAt(std::string_view record) {
     pdpb::RegionRange range;
+    any_record = true;
     if (DecodeFront(record, &range) && !Covers(range, key)) return true;
     return LookCloselyAt(record);
   }
-  // Also notices damage after the range.
-  [[gnu::noinline]] bool LookCloselyAt(std::string_view record) {
-    any_record = true;
-    pdpb::RegionRange range;
-    if (!Decode(record, &range)) {
-      bad_record = true;
-      return true;
-    }
-    if (!Covers(range, key)) return true;
-    region = {};
-    covered = Decode(record, &region);
-    bad_record = bad_record || !covered;
-    return !covered;
-  }
 
   const std::string_view key;
-  bool any_record = false;  // of those looked at closely
+  bool any_record = false;
   bool bad_record = false;
   bool covered = false;
   pdpb::Region region;  // once covered
+
+ private:
+  [[gnu::noinline]] bool LookCloselyAt(std::string_view record) {
+    region = {};
+    if (!Decode(record, &region)) {
+      bad_record = true;
+      return true;
+    }
+    covered = Covers({region.start_key, region.end_key}, key);
+    return !covered;
+  }
 };
 
-// At most three passes over the records. The first is quick and usually finds the region. When it
-// does not, the second looks at each record as a whole, to tell absence from damage. Absence must
-// be true of one moment, but a region can move past a pass as others split and merge. So when
-// something was written during the second pass, a third reads a list of one moment, which keeps
-// writers waiting.
+// At most two passes over the records. Absence must be true of one moment, but a region can move
+// past a pass as others split and merge. So when nothing was found and something was written
+// meanwhile, a second pass reads a list of one moment, which keeps writers waiting.
 Status FindRegion(const store::MetaView& metadata, std::string_view key, pdpb::Region* region) {
   const auto [begin, end, max_records] = kRegionKeys;
   std::optional<RegionSearch> search(key);
   const auto look = [&](std::string_view, std::string_view record) {
     return search->LookAt(record);
   };
-  const auto look_closely = [&](std::string_view, std::string_view record) {
-    return search->LookCloselyAt(record);
-  };
-  if (Status s = metadata.ForEach(begin, end, max_records, look); !s.ok()) return s;
-  if (!search->covered) {
+  bool of_one_moment = false;
+  Status s = metadata.ForEach(begin, end, max_records, look, &of_one_moment);
+  if (s.ok() && !search->covered && !of_one_moment) {
     search.emplace(key);
-    bool of_one_moment = false;
-    Status s = metadata.ForEach(begin, end, max_records, look_closely, &of_one_moment);
-    if (!s.ok()) return s;
-    if (!search->covered && !of_one_moment) {
-      search.emplace(key);
-      s = metadata.ForEachAtOnce(begin, end, max_records, look_closely);
-      if (!s.ok()) return s;
-    }
+    s = metadata.ForEachAtOnce(begin, end, max_records, look);
   }
+  if (!s.ok()) return s;
   if (!search->covered) {
     if (!search->any_record) return Status::NotFound("cluster not bootstrapped");
     // The region sought may be one that does not decode: that is damage, not absence.

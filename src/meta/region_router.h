@@ -20,7 +20,8 @@ class RegionRouter {
   // written only on success. Fails with
   //   NotFound "cluster not bootstrapped": there is no region record;
   //   NotFound "no region covers key"; this and the one above are true of one moment;
-  //   Corruption "bad region record": no region was found, but one does not decode;
+  //   Corruption "bad region record": no region was found, but a record does not decode (damage
+  //     after a range that is laid out as ours and does not cover the key goes unnoticed);
   //   Corruption "bad store record": the leader's does not decode;
   //   Corruption "kanrpc: payload too large": the stores do not fit a frame;
   // or as reading the metadata store does.

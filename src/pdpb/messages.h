@@ -54,6 +54,18 @@ struct Store {
   bool operator==(const Store&) const = default;
 };
 
+// A Store whose address is a view into its encoding. Decodes when a Store does, without memory.
+struct StoreView {
+  std::uint64_t id = 0;
+  std::string_view address;
+  std::uint8_t state = 0;
+
+  static constexpr auto Fields() {
+    return std::tuple{Field{1, "id", &StoreView::id}, Field{2, "address", &StoreView::address},
+                      Field{3, "state", &StoreView::state}};
+  }
+};
+
 // A range of keys [start_key, end_key) and its replicas. An empty bound means unbounded.
 struct Region {
   std::uint64_t id = 0;

@@ -24,6 +24,9 @@ static_assert(kMethodOffset + kPayloadLengthSize == kBeforePayloadSize);
 // between frames, so that an idle connection does not keep the memory of a large one.
 constexpr std::size_t kFirstBufferSize = std::size_t{4} << 10;
 constexpr std::size_t kKeptBufferSize = std::size_t{64} << 10;
+// While a payload arrives, the buffer becomes so many times as large as what has arrived. Memory
+// that is never written to is only address space.
+constexpr std::size_t kBufferGrowth = 8;
 
 }  // namespace
 
@@ -95,7 +98,8 @@ Status FrameReader::Read(Frame* frame, int timeout_ms) {
 Status FrameReader::Fill(std::size_t size, int timeout_ms) {
   while (buffer.unread().size() < size) {
     const std::size_t arrived = buffer.unread().size();
-    char* room = buffer.Reserve(std::min(size - arrived, std::max(arrived, kFirstBufferSize)));
+    const std::size_t room_size = std::max((kBufferGrowth - 1) * arrived, kFirstBufferSize);
+    char* room = buffer.Reserve(std::min(size - arrived, room_size));
     std::size_t count = 0;
     if (Status s = ReadSome(socket, room, buffer.free_size(), timeout_ms, &count); !s.ok()) {
       return s;
