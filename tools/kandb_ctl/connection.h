@@ -16,4 +16,8 @@ struct Connection {
   client::PdClient pd;
 };
 
+// Prints the failure of a call on standard error, with the reason when there is no connection.
+// Returns kExitNo when the server answered, otherwise kExitUnreachable.
+int FailCall(const Context& context, const Status& status);
+
 }  // namespace kandb::ctl

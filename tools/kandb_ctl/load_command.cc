@@ -144,7 +144,7 @@ int RunLoad(Context context, const Arguments& arguments) {
   const Result result = RunConnections(context, arguments);
   const std::chrono::duration<double> elapsed = SteadyClock::now() - start;
   PrintResult(context, arguments, elapsed.count(), result);
-  int exit_status = kExitOk;
+  int exit_status = kExitYes;
   if (result.errors > 0) {
     exit_status = Fail(Status::Corruption(
         std::to_string(result.errors) + " errors, the last one: " + result.last_error.message() +
