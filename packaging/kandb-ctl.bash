@@ -43,7 +43,7 @@ _kandb_ctl() {
     ping) candidates="--count --interval-ms" ;;
     load)
       candidates="--connections --seconds --regions --yes --keep"
-      [[ $sub ]] || candidates+=" tso alloc-id get-region upsert-region heartbeat"
+      [[ $sub ]] || candidates+=" tso alloc-id get-region upsert-region heartbeat remove-regions"
       ;;
     region)
       case $sub in

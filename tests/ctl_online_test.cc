@@ -58,6 +58,11 @@ had a record: 7
 had no record: 11
 $ region get \q
 [2] KEY: not a key: \q
+$ region upsert --id=9900000000000099999 --end-key=b
+written: 1, removed: 0
+$ load remove-regions --yes
+method          removed
+remove-regions        1
 $ load alloc-id
 [2] alloc-id: writes to the server; say --yes
 $ region upsert --stdin << [{"id":1},{"peers":[{"id":-1}]}]
@@ -65,6 +70,8 @@ $ region upsert --stdin << [{"id":1},{"peers":[{"id":-1}]}]
 )";
   EXPECT_EQ(testing::Replay(transcript, options), transcript);
   server.Kill();
+  const testing::ToolResult no_load = testing::RunTool({"load", "tso", options});
+  EXPECT_TRUE(no_load.exit_status == 3 && no_load.out.empty()) << no_load.out;
   const testing::ToolResult refused = testing::RunTool({"tso", "--server=a:1", options});
   EXPECT_EQ(refused.exit_status, 3);
   EXPECT_EQ(refused.err,
@@ -128,6 +135,36 @@ TEST(CtlOnline, ListsRegionsAsTheyAreFound) {
   server.Stop();
 }
 
+// Each ends long before its time, with a summary; the load takes its regions back.
+TEST(CtlOnline, CtrlCPrintsWhatWasMeasured) {
+  const testing::TempDir dir;
+  testing::ListeningServer server(dir.path());
+  const std::string option = "--server=127.0.0.1:" + std::to_string(server.port());
+  const struct {
+    std::vector<std::string> words;
+    const char* summary;
+  } cases[] = {{{"load", "upsert-region", "--yes", "--seconds=600", option}, "upsert-region"},
+               {{"ping", "--count=9", "--interval-ms=100000", option}, "min/median/max"}};
+  for (const auto& [words, summary] : cases) {
+    const std::string out = dir.File("out");
+    const auto in_child = [&] {
+      ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), 1);
+    };
+    tools::ChildProcess tool(KANDB_TOOL_BINARY, words, {.in_child = in_child});
+    testing::Caller caller(server.port());
+    pdpb::GetRegionResponse found;
+    ASSERT_TRUE(testing::Eventually([&] {
+      return caller.GetRegion({"kandb-ctl-load/00000001"}, &found).ok() ||
+             testing::ReadFile(out).starts_with("1: ");
+    }));
+    ::kill(tool.pid(), SIGINT);
+    std::string unused;
+    EXPECT_EQ(tool.WaitForExit(&unused), 0);
+    EXPECT_NE(testing::ReadFile(out).find(summary), std::string::npos);
+    EXPECT_FALSE(caller.GetRegion({"kandb-ctl-load/00000001"}, &found).ok());
+  }
+}
+
 TEST(CtlOnline, SurvivesAServerThatMisbehavesOrGoesAway) {
   kanrpc::RpcServer server;
   std::atomic<int> calls = 0;
@@ -152,7 +189,7 @@ region    start             end               epoch   stores            leader
   EXPECT_TRUE(testing::Eventually([&] { return calls >= 100; }));
   server.Stop();
   const testing::ToolResult result = load.get();
-  EXPECT_TRUE(result.exit_status == 1 && result.err.ends_with("so the load ended early\n"))
+  EXPECT_TRUE(result.exit_status == 3 && result.err.ends_with("so the load ended early\n"))
       << result.err;
 }
 

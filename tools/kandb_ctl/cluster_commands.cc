@@ -9,6 +9,7 @@
 #include "kandb_ctl/bootstrap_command.h"
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/connection.h"
+#include "kandb_ctl/interrupt.h"
 #include "kandb_ctl/json_input.h"
 #include "kandb_ctl/row_writer.h"
 #include "pdpb/timestamp.h"
@@ -121,7 +122,8 @@ int RunPing(const Context& context, std::uint32_t count, std::uint32_t interval_
   // Connects; the measurement begins after it.
   if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return FailCall(context, s);
   std::vector<double> round_trips_us;
-  for (std::uint32_t i = 1; i <= count; ++i) {
+  CatchInterrupts();
+  for (std::uint32_t i = 1; i <= count && !(Interrupted() && i > 1); ++i) {
     const auto start = std::chrono::steady_clock::now();
     if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return FailCall(context, s);
     round_trips_us.push_back(MicrosecondsF(std::chrono::steady_clock::now() - start).count());
@@ -129,7 +131,12 @@ int RunPing(const Context& context, std::uint32_t count, std::uint32_t interval_
       std::printf("%" PRIu32 ": %.1f us\n", i, round_trips_us.back());
       (void)std::fflush(stdout);
     }
-    if (i < count) std::this_thread::sleep_for(std::chrono::milliseconds(interval_ms));
+    // In steps: the library's own sleep goes on after a signal.
+    const auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(interval_ms);
+    while (i < count && !Interrupted() && std::chrono::steady_clock::now() < next) {
+      std::this_thread::sleep_until(
+          std::min(next, std::chrono::steady_clock::now() + std::chrono::milliseconds(50)));
+    }
   }
   std::vector<double> sorted = round_trips_us;
   std::sort(sorted.begin(), sorted.end());
@@ -151,8 +158,9 @@ void AddPing(CLI::App* app, Context* context) {
     std::uint32_t interval_ms = 200;
   };
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* command =
-      app->add_subcommand("ping", "Measures round trips to the server, a timestamp each");
+  CLI::App* command = app->add_subcommand(
+      "ping",
+      "Measures round trips to the server, a timestamp each; Ctrl-C ends it with what it has");
   command->add_option("--count", arguments->count, "how many")
       ->check(CLI::Range(std::uint32_t{1}, std::uint32_t{1000000}))
       ->capture_default_str();

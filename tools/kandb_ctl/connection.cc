@@ -1,6 +1,7 @@
 #include "kandb_ctl/connection.h"
 
 #include <string_view>
+#include <unordered_set>
 
 #include "kandb_ctl/server_address.h"
 #include "tools/common/remote_failure.h"
@@ -35,6 +36,17 @@ int FailCall(const Context& context, const Status& status) {
   }
   (void)Fail({status.code(), text});
   return kExitUnreachable;
+}
+
+Status FindRegionRecords(client::PdClient* pd, const std::vector<std::uint64_t>& ids,
+                         std::vector<std::uint64_t>* found, std::vector<std::uint64_t>* missing) {
+  constexpr std::uint64_t kNoStore = UINT64_MAX;
+  pdpb::RegionHeartbeatResponse answer;
+  if (Status s = pd->RegionHeartbeat({kNoStore, {}, ids}, &answer); !s.ok()) return s;
+  std::unordered_set<std::uint64_t> known;
+  for (const pdpb::ScheduleCommand& command : answer.commands) known.insert(command.region_id);
+  for (const std::uint64_t id : ids) (known.contains(id) ? found : missing)->push_back(id);
+  return {};
 }
 
 }  // namespace kandb::ctl

@@ -251,19 +251,6 @@ Status FindSlip(const pdpb::UpsertRegionRequest& request, client::PdClient* pd, 
   return {};
 }
 
-// Which of the ids have a record. The server tells by what a heartbeat of a store without regions
-// is answered: its replica of each of these would be stale. Such a heartbeat leaves no trace.
-Status FindRecords(client::PdClient* pd, const std::vector<std::uint64_t>& ids,
-                   std::vector<std::uint64_t>* found, std::vector<std::uint64_t>* missing) {
-  constexpr std::uint64_t kNoStore = UINT64_MAX;
-  pdpb::RegionHeartbeatResponse answer;
-  if (Status s = pd->RegionHeartbeat({kNoStore, {}, ids}, &answer); !s.ok()) return s;
-  std::set<std::uint64_t> known;
-  for (const pdpb::ScheduleCommand& command : answer.commands) known.insert(command.region_id);
-  for (const std::uint64_t id : ids) (known.contains(id) ? found : missing)->push_back(id);
-  return {};
-}
-
 // The server names the stores of a region only once the region is there.
 void WarnOfUnknownStores(const pdpb::UpsertRegionRequest& request, client::PdClient* pd) {
   constexpr std::size_t kMostLookups = 100;
@@ -299,7 +286,7 @@ int Write(const Context& context, const pdpb::UpsertRegionRequest& request, bool
   std::vector<std::uint64_t> found;
   std::vector<std::uint64_t> missing;
   if (!removed.empty()) {
-    if (Status s = FindRecords(&connection.pd, removed, &found, &missing); !s.ok()) {
+    if (Status s = FindRegionRecords(&connection.pd, removed, &found, &missing); !s.ok()) {
       return FailCall(context, s);
     }
   }
