@@ -37,10 +37,15 @@ _kandb_ctl() {
   esac
 
   case $command in
-    "") candidates="tso alloc-id bootstrap region heartbeat ping load state wal table manifest report" ;;
+    "") candidates="tso alloc-id bootstrap region heartbeat ping health metrics load state wal table manifest report" ;;
     tso | alloc-id) candidates="--count" ;;
     bootstrap) candidates="--store-id --store-address --region-id $range" ;;
     ping) candidates="--count --interval-ms" ;;
+    health | metrics)
+      candidates="--data-dir --max-call-ms --max-clock-ms --min-free-mib --max-wal-mib --max-wals --max-tables"
+      candidates+=" --max-leftovers --max-descriptors"
+      [[ $command == health ]] && candidates+=" --wait" || candidates+=" --textfile"
+      ;;
     load)
       candidates="--connections --seconds --regions --yes --keep"
       [[ $sub ]] || candidates+=" tso alloc-id get-region upsert-region heartbeat remove-regions"

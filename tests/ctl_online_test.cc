@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <future>
+#include <sstream>
 
 #include "kandb_ctl/key_text.h"
 #include "pdpb/messages.h"
@@ -133,6 +134,36 @@ TEST(CtlOnline, ListsRegionsAsTheyAreFound) {
   std::string unused;
   EXPECT_EQ(tool.WaitForExit(&unused), 0);
   server.Stop();
+}
+
+TEST(CtlOnline, HealthNamesWhatIsBad) {
+  const testing::TempDir dir;
+  testing::ListeningServer server(dir.path());
+  const std::string data = "--data-dir=" + dir.File("pd-data");
+  const auto bad = [&](const char* command, const std::string& limit) {
+    const testing::ToolResult result = testing::RunTool(
+        {"--server=127.0.0.1:" + std::to_string(server.port()), command, data,
+         "--max-call-ms=60000", "--max-clock-ms=60000", "--min-free-mib=0.001", limit});
+    std::string names = std::to_string(result.exit_status);
+    std::istringstream lines(result.out);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with("BAD")) names += line.substr(3, line.find(' ', 6) - 3);
+      if (line.ends_with("process " + std::to_string(server.pid()))) names += " pid";
+      if (line == "kandb_up 0") names += " down";
+    }
+    return names;
+  };
+  EXPECT_EQ(bad("health", "--max-descriptors=0.9"), "0 pid");
+  EXPECT_EQ(bad("health", "--max-wals=0"), "1   wals pid");
+  EXPECT_EQ(bad("health", "--max-descriptors=0"), "1   descriptors pid");
+  EXPECT_EQ(bad("health", "--min-free-mib=1e12"), "1   free_space pid");
+  testing::WriteFile(dir.File("pd-data/sst-000099.sst"), "");
+  EXPECT_EQ(bad("health", "--max-leftovers=0"), "1   leftovers pid");
+  EXPECT_EQ(bad("metrics", "--textfile=" + dir.File("m")), "0");
+  EXPECT_NE(testing::ReadFile(dir.File("m")).find("\nkandb_wals 1\n"), std::string::npos);
+  server.Kill();
+  EXPECT_EQ(bad("health", "--max-wals=9"), "3   connect   process");
+  EXPECT_EQ(bad("metrics", "--max-wals=9"), "0 down");
 }
 
 // Each ends long before its time, with a summary; the load takes its regions back.

@@ -35,6 +35,7 @@ int Fail(const Status& status);
 void AddClusterCommands(CLI::App* app, Context* context);  // tso alloc-id bootstrap heartbeat ping
 void AddRegionCommands(CLI::App* app, Context* context);   // region get list upsert remove
 void AddLoadCommand(CLI::App* app, Context* context);      // load
+void AddHealthCommands(CLI::App* app, Context* context);   // health metrics
 void AddStateCommands(CLI::App* app, Context* context);    // state summary, dump and verify
 void AddFileCommands(CLI::App* app, Context* context);     // wal table manifest
 void AddReportCommand(CLI::App* app, Context* context);    // report

@@ -40,6 +40,7 @@ int Run(int argc, char** argv) {
   AddClusterCommands(&app, &context);
   AddRegionCommands(&app, &context);
   AddLoadCommand(&app, &context);
+  AddHealthCommands(&app, &context);
   AddStateCommands(&app, &context);
   AddFileCommands(&app, &context);
   AddReportCommand(&app, &context);
