@@ -19,7 +19,7 @@ void Remember(int) { interrupted.store(true, std::memory_order_relaxed); }
 void CatchInterrupts() {
   struct sigaction action {};
   action.sa_handler = Remember;
-  action.sa_flags = SA_RESETHAND;
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
   for (const int signal : {SIGINT, SIGTERM}) (void)::sigaction(signal, &action, nullptr);
 }
 
