@@ -1,7 +1,7 @@
 # Bash completion of kandb-ctl: commands, their options, and the files and directories that they read.
 
 _kandb_ctl() {
-  local global="--server --timeout-ms --attempts --json --help"
+  local global="--server --timeout-ms --attempts --json --help --version"
   local range="--start-key --end-key --conf-version --version --peer --stdin"
   local word command="" sub="" skip="" candidates="" current=${COMP_WORDS[COMP_CWORD]}
   local previous=${COMP_WORDS[COMP_CWORD - 1]}
@@ -11,7 +11,7 @@ _kandb_ctl() {
   # the value of one.
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
-      --json | --help | --stdin | --yes | --keep) skip= ;;
+      --json | --help | --version | --stdin | --yes | --keep | --force) skip= ;;
       --*) skip=1 ;;
       = | :) skip=1 ;; # bash splits --name=value and host:port at these
       *)
@@ -32,24 +32,29 @@ _kandb_ctl() {
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
       ;;
-    --json | --help | --stdin | --yes | --keep) ;;
+    --json | --help | --version | --stdin | --yes | --keep | --force) ;;
     --*) return ;; # its value has no candidates
   esac
 
   case $command in
-    "") candidates="tso alloc-id bootstrap region heartbeat ping load state wal table manifest report" ;;
+    "") candidates="tso alloc-id bootstrap region heartbeat ping health metrics load state wal table manifest report" ;;
     tso | alloc-id) candidates="--count" ;;
     bootstrap) candidates="--store-id --store-address --region-id $range" ;;
     ping) candidates="--count --interval-ms" ;;
+    health | metrics)
+      candidates="--data-dir --max-call-ms --max-clock-ms --min-free-mib --max-wal-mib --max-wals --max-tables"
+      candidates+=" --max-leftovers --max-descriptors"
+      [[ $command == health ]] && candidates+=" --wait" || candidates+=" --textfile"
+      ;;
     load)
       candidates="--connections --seconds --regions --yes --keep"
-      [[ $sub ]] || candidates+=" tso alloc-id get-region upsert-region heartbeat"
+      [[ $sub ]] || candidates+=" tso alloc-id get-region upsert-region heartbeat remove-regions"
       ;;
     region)
       case $sub in
         "") candidates="get list upsert remove" ;;
         list) candidates="--start-key --limit" ;;
-        upsert) candidates="--id $range" ;;
+        upsert) candidates="--id $range --force" ;;
       esac
       ;;
     state)

@@ -4,10 +4,13 @@
 
 #include <atomic>
 #include <future>
+#include <sstream>
 
 #include "kandb_ctl/key_text.h"
 #include "pdpb/messages.h"
+#include "rpc/socket_io.h"
 #include "support/eventually.h"
+#include "support/raw_connection.h"
 #include "support/run_tool.h"
 #include "support/server_process.h"
 
@@ -33,18 +36,34 @@ the cluster existed already: only the store was registered
 store 1027 at b:2
 $ region upsert --id=7 --start-key=hex:6d --end-key=n\x00\xff\\ --peer=8:1027:learner --peer=9:5
 written: 1, removed: 0
+[0] kandb-ctl: warning: region 7: peer 9 is on unknown store 5
+$ region upsert --id=7 --start-key=m --end-key=m
+[1] kandb-ctl: region 7: it ends at m, not after its start m (--force writes it)
+$ region upsert --id=1025
+[1] kandb-ctl: region 1025: it covers every key, beside region 7 (--force writes it)
+$ region upsert --stdin << [{"id":0,"end_key":"a"}]
+[1] kandb-ctl: region 0: no region has this id (--force writes it)
+$ region upsert --stdin --force << [{"id":0,"start_key":"z","end_key":"y"}]
+written: 1, removed: 0
 $ region list
-region  start  end          epoch  stores           leader
-  1025  ""     m              1.1             1024    1024
-     7  m      n\x00\xff\\    1.1  1027(learner),5    1027
+region    start             end               epoch   stores            leader
+1025      ""                m                 1.1     1024              1024
+7         m                 n\x00\xff\\       1.1     1027(learner),5   1027
 [1] kandb-ctl: gap at n\x00\xff\\: no region covers it; the walk ends here (continue with --start-key)
 $ heartbeat << {"store_id":4,"regions":[{"region_id":7}],"region_ids":[7]}
 command              region  store  address
 DestroyStaleReplica       7      4
 $ region remove 7 11
 written: 0, removed: 2
+had a record: 7
+had no record: 11
 $ region get \q
 [2] KEY: not a key: \q
+$ region upsert --id=9900000000000099999 --end-key=b
+written: 1, removed: 0
+$ load remove-regions --yes
+method          removed
+remove-regions        1
 $ load alloc-id
 [2] alloc-id: writes to the server; say --yes
 $ region upsert --stdin << [{"id":1},{"peers":[{"id":-1}]}]
@@ -52,7 +71,129 @@ $ region upsert --stdin << [{"id":1},{"peers":[{"id":-1}]}]
 )";
   EXPECT_EQ(testing::Replay(transcript, options), transcript);
   server.Kill();
-  EXPECT_EQ(testing::RunTool({"tso", options}).exit_status, 1);
+  const testing::ToolResult no_load = testing::RunTool({"load", "tso", options});
+  EXPECT_TRUE(no_load.exit_status == 3 && no_load.out.empty()) << no_load.out;
+  const testing::ToolResult refused = testing::RunTool({"tso", "--server=a:1", options});
+  EXPECT_EQ(refused.exit_status, 3);
+  EXPECT_EQ(refused.err,
+            "kandb-ctl: cannot connect to " + options.substr(9) + ": Connection refused\n");
+}
+
+TEST(CtlOnline, ServersAreCheckedBeforeAndNamedAfter) {
+  const struct {
+    const char* server;
+    const char* wrong;
+  } cases[] = {{"x", "there is no port"},
+               {":1", "there is no host"},
+               {"[::1]", "there is no port"},
+               {"[::1:7", "a bracket is missing"},
+               {"a:0", "the port is not a number from 1 to 65535"},
+               {"::1:7", "an IPv6 address is put in brackets, and a port follows"}};
+  for (const auto& [server, wrong] : cases) {
+    ::setenv("KANDB_SERVER", server, 1);
+    const testing::ToolResult result = testing::RunTool({"tso"});
+    EXPECT_EQ(result.exit_status, 2);
+    EXPECT_TRUE(result.err.starts_with("--server: '" + std::string(server) +
+                                       "' is not HOST:PORT: " + wrong))
+        << result.err;
+  }
+  ::unsetenv("KANDB_SERVER");
+
+  const UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address = testing::Loopback(0);
+  socklen_t size = sizeof(address);
+  auto* any = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(::bind(listener.get(), any, size) + ::listen(listener.get(), 1), 0);
+  ASSERT_EQ(::getsockname(listener.get(), any, &size), 0);
+  auto answer = std::async(std::launch::async, [&] {
+    const UniqueFd peer(::accept(listener.get(), nullptr, nullptr));
+    return kanrpc::WriteAll(peer.get(), "HTTP/1.1 400 Bad Request\r\n\r\n", 60000);
+  });
+  const std::string server = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  const testing::ToolResult other = testing::RunTool({"tso", "--attempts=1", "--server=" + server});
+  EXPECT_TRUE(answer.get().ok());
+  EXPECT_EQ(other.exit_status, 3);
+  EXPECT_EQ(other.err, "kandb-ctl: kanrpc: bad magic (is this a kandb-meta server?)\n");
+}
+
+TEST(CtlOnline, ListsRegionsAsTheyAreFound) {
+  kanrpc::RpcServer server;
+  std::promise<void> first_seen;
+  const auto serve = [&](const pdpb::GetRegionRequest& request, pdpb::GetRegionResponse* answer) {
+    if (!request.key.empty()) first_seen.get_future().wait();
+    answer->region.end_key = request.key.empty() ? "b" : "";
+    return Status();
+  };
+  server.Register<pdpb::GetRegionRequest, pdpb::GetRegionResponse>("Pd.GetRegion", serve);
+  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
+  const std::string option = "--server=127.0.0.1:" + std::to_string(server.port());
+  tools::ChildProcess tool(KANDB_TOOL_BINARY,
+                           {"region", "list", "--json", "--timeout-ms=60000", option}, {});
+  EXPECT_TRUE(tool.ReadBanner().ends_with("}\n"));
+  first_seen.set_value();
+  std::string unused;
+  EXPECT_EQ(tool.WaitForExit(&unused), 0);
+  server.Stop();
+}
+
+TEST(CtlOnline, HealthNamesWhatIsBad) {
+  const testing::TempDir dir;
+  testing::ListeningServer server(dir.path());
+  const std::string data = "--data-dir=" + dir.File("pd-data");
+  const auto bad = [&](const char* command, const std::string& limit) {
+    const testing::ToolResult result = testing::RunTool(
+        {"--server=127.0.0.1:" + std::to_string(server.port()), command, data,
+         "--max-call-ms=60000", "--max-clock-ms=60000", "--min-free-mib=0.001", limit});
+    std::string names = std::to_string(result.exit_status);
+    std::istringstream lines(result.out);
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with("BAD")) names += line.substr(3, line.find(' ', 6) - 3);
+      if (line.ends_with("process " + std::to_string(server.pid()))) names += " pid";
+      if (line == "kandb_up 0") names += " down";
+    }
+    return names;
+  };
+  EXPECT_EQ(bad("health", "--max-descriptors=0.9"), "0 pid");
+  EXPECT_EQ(bad("health", "--max-wals=0"), "1   wals pid");
+  EXPECT_EQ(bad("health", "--max-descriptors=0"), "1   descriptors pid");
+  EXPECT_EQ(bad("health", "--min-free-mib=1e12"), "1   free_space pid");
+  testing::WriteFile(dir.File("pd-data/sst-000099.sst"), "");
+  EXPECT_EQ(bad("health", "--max-leftovers=0"), "1   leftovers pid");
+  EXPECT_EQ(bad("metrics", "--textfile=" + dir.File("m")), "0");
+  EXPECT_NE(testing::ReadFile(dir.File("m")).find("\nkandb_wals 1\n"), std::string::npos);
+  server.Kill();
+  EXPECT_EQ(bad("health", "--max-wals=9"), "3   connect   process");
+  EXPECT_EQ(bad("metrics", "--max-wals=9"), "0 down");
+}
+
+// Each ends long before its time, with a summary; the load takes its regions back.
+TEST(CtlOnline, CtrlCPrintsWhatWasMeasured) {
+  const testing::TempDir dir;
+  testing::ListeningServer server(dir.path());
+  const std::string option = "--server=127.0.0.1:" + std::to_string(server.port());
+  const struct {
+    std::vector<std::string> words;
+    const char* summary;
+  } cases[] = {{{"load", "upsert-region", "--yes", "--seconds=600", option}, "upsert-region"},
+               {{"ping", "--count=9", "--interval-ms=100000", option}, "min/median/max"}};
+  for (const auto& [words, summary] : cases) {
+    const std::string out = dir.File("out");
+    const auto in_child = [&] {
+      ::dup2(::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), 1);
+    };
+    tools::ChildProcess tool(KANDB_TOOL_BINARY, words, {.in_child = in_child});
+    testing::Caller caller(server.port());
+    pdpb::GetRegionResponse found;
+    ASSERT_TRUE(testing::Eventually([&] {
+      return caller.GetRegion({"kandb-ctl-load/00000001"}, &found).ok() ||
+             testing::ReadFile(out).starts_with("1: ");
+    }));
+    ::kill(tool.pid(), SIGINT);
+    std::string unused;
+    EXPECT_EQ(tool.WaitForExit(&unused), 0);
+    EXPECT_NE(testing::ReadFile(out).find(summary), std::string::npos);
+    EXPECT_FALSE(caller.GetRegion({"kandb-ctl-load/00000001"}, &found).ok());
+  }
 }
 
 TEST(CtlOnline, SurvivesAServerThatMisbehavesOrGoesAway) {
@@ -68,8 +209,8 @@ TEST(CtlOnline, SurvivesAServerThatMisbehavesOrGoesAway) {
   const std::string options = "--server=127.0.0.1:" + std::to_string(server.port());
   const std::string transcript = R"(
 $ region list --start-key=c
-region  start  end  epoch  stores  leader
-     0  ""     b      0.0
+region    start             end               epoch   stores            leader
+0         ""                b                 0.0
 [1] kandb-ctl: region 0 ends at b, not after c, which the server says it covers; the walk ends here
 )";
   EXPECT_EQ(testing::Replay(transcript, options), transcript);
@@ -79,7 +220,7 @@ region  start  end  epoch  stores  leader
   EXPECT_TRUE(testing::Eventually([&] { return calls >= 100; }));
   server.Stop();
   const testing::ToolResult result = load.get();
-  EXPECT_TRUE(result.exit_status == 1 && result.err.ends_with("so the load ended early\n"))
+  EXPECT_TRUE(result.exit_status == 3 && result.err.ends_with("so the load ended early\n"))
       << result.err;
 }
 

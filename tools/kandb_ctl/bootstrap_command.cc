@@ -75,8 +75,8 @@ int RunBootstrap(const Context& context, bool from_stdin, pdpb::BootstrapRequest
   once.client_options.attempts = 1;
   Connection connection(once);
   pdpb::BootstrapResponse answer;
-  if (Status s = FillIds(&connection.pd, &request); !s.ok()) return Fail(s);
-  if (Status s = connection.pd.Bootstrap(request, &answer); !s.ok()) return Fail(s);
+  if (Status s = FillIds(&connection.pd, &request); !s.ok()) return FailCall(context, s);
+  if (Status s = connection.pd.Bootstrap(request, &answer); !s.ok()) return FailCall(context, s);
   if (context.json) {
     Json json = ToJson(answer);
     json["store"] = ToJson(request.store);
@@ -88,7 +88,7 @@ int RunBootstrap(const Context& context, bool from_stdin, pdpb::BootstrapRequest
   } else {
     PrintBootstrap(request, answer.already_bootstrapped);
   }
-  return kExitOk;
+  return kExitYes;
 }
 
 }  // namespace

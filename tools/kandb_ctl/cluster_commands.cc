@@ -9,6 +9,7 @@
 #include "kandb_ctl/bootstrap_command.h"
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/connection.h"
+#include "kandb_ctl/interrupt.h"
 #include "kandb_ctl/json_input.h"
 #include "kandb_ctl/row_writer.h"
 #include "pdpb/timestamp.h"
@@ -36,12 +37,12 @@ std::string UtcDate(std::uint64_t unix_ms) {
 int RunTso(const Context& context, std::uint32_t count) {
   Connection connection(context);
   pdpb::TsoResponse answer;
-  if (Status s = connection.pd.Tso({count}, &answer); !s.ok()) return Fail(s);
+  if (Status s = connection.pd.Tso({count}, &answer); !s.ok()) return FailCall(context, s);
   Json row = ToJson(answer);
   row["physical"] = UtcDate(pdpb::PhysicalMs(answer.timestamp));
   row["logical"] = pdpb::Logical(answer.timestamp);
   PrintRow(row, context.json);
-  return kExitOk;
+  return kExitYes;
 }
 
 void AddTso(CLI::App* app, Context* context) {
@@ -58,12 +59,12 @@ void AddTso(CLI::App* app, Context* context) {
 int RunAllocId(const Context& context, std::uint32_t count) {
   Connection connection(context);
   pdpb::AllocIdResponse answer;
-  if (Status s = connection.pd.AllocId({count}, &answer); !s.ok()) return Fail(s);
+  if (Status s = connection.pd.AllocId({count}, &answer); !s.ok()) return FailCall(context, s);
   PrintRow({{"first_id", answer.first_id},
             {"last_id", answer.first_id + answer.count - 1},
             {"count", answer.count}},
            context.json);
-  return kExitOk;
+  return kExitYes;
 }
 
 void AddAllocId(CLI::App* app, Context* context) {
@@ -83,10 +84,11 @@ int RunHeartbeat(const Context& context) {
   if (!ReadJson([&](const Json& json) { FromJson(json, "request", &request); })) return kExitUsage;
   Connection connection(context);
   pdpb::RegionHeartbeatResponse answer;
-  if (Status s = connection.pd.RegionHeartbeat(request, &answer); !s.ok()) return Fail(s);
+  if (Status s = connection.pd.RegionHeartbeat(request, &answer); !s.ok())
+    return FailCall(context, s);
   if (context.json) {
     PrintJson(ToJson(answer));
-    return kExitOk;
+    return kExitYes;
   }
   tools::TextTable table({"command", "region", "store", "address"});
   for (const pdpb::ScheduleCommand& command : answer.commands) {
@@ -94,7 +96,7 @@ int RunHeartbeat(const Context& context) {
                   std::to_string(command.store_id), KeyText(command.address)});
   }
   table.Print();
-  return kExitOk;
+  return kExitYes;
 }
 
 void AddHeartbeat(CLI::App* app, Context* context) {
@@ -118,17 +120,23 @@ int RunPing(const Context& context, std::uint32_t count, std::uint32_t interval_
   Connection connection(once);
   pdpb::TsoResponse answer;
   // Connects; the measurement begins after it.
-  if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return Fail(s);
+  if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return FailCall(context, s);
   std::vector<double> round_trips_us;
-  for (std::uint32_t i = 1; i <= count; ++i) {
+  CatchInterrupts();
+  for (std::uint32_t i = 1; i <= count && !(Interrupted() && i > 1); ++i) {
     const auto start = std::chrono::steady_clock::now();
-    if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return Fail(s);
+    if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) return FailCall(context, s);
     round_trips_us.push_back(MicrosecondsF(std::chrono::steady_clock::now() - start).count());
     if (!context.json) {
       std::printf("%" PRIu32 ": %.1f us\n", i, round_trips_us.back());
       (void)std::fflush(stdout);
     }
-    if (i < count) std::this_thread::sleep_for(std::chrono::milliseconds(interval_ms));
+    // In steps: the library's own sleep goes on after a signal.
+    const auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(interval_ms);
+    while (i < count && !Interrupted() && std::chrono::steady_clock::now() < next) {
+      std::this_thread::sleep_until(
+          std::min(next, std::chrono::steady_clock::now() + std::chrono::milliseconds(50)));
+    }
   }
   std::vector<double> sorted = round_trips_us;
   std::sort(sorted.begin(), sorted.end());
@@ -141,7 +149,7 @@ int RunPing(const Context& context, std::uint32_t count, std::uint32_t interval_
   } else {
     std::printf("min/median/max: %.1f/%.1f/%.1f us\n", sorted.front(), median_us, sorted.back());
   }
-  return kExitOk;
+  return kExitYes;
 }
 
 void AddPing(CLI::App* app, Context* context) {
@@ -150,8 +158,9 @@ void AddPing(CLI::App* app, Context* context) {
     std::uint32_t interval_ms = 200;
   };
   auto arguments = std::make_shared<Arguments>();
-  CLI::App* command =
-      app->add_subcommand("ping", "Measures round trips to the server, a timestamp each");
+  CLI::App* command = app->add_subcommand(
+      "ping",
+      "Measures round trips to the server, a timestamp each; Ctrl-C ends it with what it has");
   command->add_option("--count", arguments->count, "how many")
       ->check(CLI::Range(std::uint32_t{1}, std::uint32_t{1000000}))
       ->capture_default_str();

@@ -6,7 +6,7 @@ namespace kandb::ctl {
 
 int Fail(const Status& status) {
   std::fprintf(stderr, "kandb-ctl: %s\n", status.message().c_str());
-  return kExitFailed;
+  return kExitNo;
 }
 
 }  // namespace kandb::ctl

@@ -10,27 +10,32 @@
 
 #include "common/status.h"
 #include "rpc/rpc_client.h"
+#include "tools/common/exit_status.h"
 
 namespace kandb::ctl {
 
-inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;  // a call failed, or the data is damaged
-inline constexpr int kExitUsage = 2;
+using tools::kExitNo;
+using tools::kExitUnreachable;
+using tools::kExitUsage;
+using tools::kExitYes;
+inline constexpr int kExitOk = kExitYes;
+inline constexpr int kExitFailed = kExitNo;
 
 struct Context {
-  std::string server = "127.0.0.1:2379";
+  std::string server = "127.0.0.1:2379";  // HOST:PORT, checked
   kanrpc::RpcClientOptions client_options;
   bool json = false;  // print JSON instead of tables
 
   std::function<int()> run;  // returns the exit status
 };
 
-// Prints the failure on standard error and returns kExitFailed.
+// Prints the failure on standard error and returns kExitNo.
 int Fail(const Status& status);
 
 void AddClusterCommands(CLI::App* app, Context* context);  // tso alloc-id bootstrap heartbeat ping
 void AddRegionCommands(CLI::App* app, Context* context);   // region get list upsert remove
 void AddLoadCommand(CLI::App* app, Context* context);      // load
+void AddHealthCommands(CLI::App* app, Context* context);   // health metrics
 void AddStateCommands(CLI::App* app, Context* context);    // state summary, dump and verify
 void AddFileCommands(CLI::App* app, Context* context);     // wal table manifest
 void AddReportCommand(CLI::App* app, Context* context);    // report

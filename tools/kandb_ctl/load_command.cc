@@ -12,6 +12,7 @@
 
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/connection.h"
+#include "kandb_ctl/interrupt.h"
 #include "kandb_ctl/load_methods.h"
 #include "kandb_ctl/row_writer.h"
 #include "tools/common/latency_histogram.h"
@@ -24,6 +25,8 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kPauseAfterError{10};
+constexpr std::uint32_t kMaxRegions = 100'000;
+constexpr std::string_view kRemoveMethod = "remove-regions";  // measures nothing
 
 struct Arguments {
   std::string method;
@@ -73,8 +76,10 @@ Result RunConnection(const Context& context, const Arguments& arguments, std::ui
   // Connects; the measurement begins after it.
   pdpb::TsoResponse answer;
   if (Status s = connection.pd.Tso({1}, &answer); !s.ok()) fail(s);
-  for (std::uint64_t n = index; !progress->server_gone.load(std::memory_order_relaxed);
-       n += arguments.connection_count) {
+  const auto goes_on = [&] {
+    return !Interrupted() && !progress->server_gone.load(std::memory_order_relaxed);
+  };
+  for (std::uint64_t n = index; goes_on(); n += arguments.connection_count) {
     const SteadyClock::time_point start = SteadyClock::now();
     if (start >= deadline) break;
     const Status status = method.send(&connection.pd, n % arguments.region_count);
@@ -137,23 +142,45 @@ void PrintResult(const Context& context, const Arguments& arguments, double seco
   (void)std::fflush(stdout);
 }
 
+int RemoveRegions(const Context& context, const Arguments& arguments) {
+  Connection connection(context);
+  std::size_t removed = 0;
+  Status status = RemoveLoadRegions(&connection.pd, kMaxRegions, &removed);
+  if (!status.ok()) return FailCall(context, status);
+  PrintRow({{"method", arguments.method}, {"removed", removed}}, context.json);
+  return kExitYes;
+}
+
 int RunLoad(Context context, const Arguments& arguments) {
   // A call that is tried again counts as an error here, not as a slow success.
   context.client_options.attempts = 1;
+  if (arguments.method == kRemoveMethod) return RemoveRegions(context, arguments);
+  {
+    Connection connection(context);
+    pdpb::TsoResponse answer;
+    const Status status = connection.pd.Tso({1}, &answer);
+    const bool answered = tools::RemoteFailureOf(status) != tools::RemoteFailure::kNone;
+    if (!status.ok() && !answered) return FailCall(context, status);
+  }
+  CatchInterrupts();
   const SteadyClock::time_point start = SteadyClock::now();
   const Result result = RunConnections(context, arguments);
   const std::chrono::duration<double> elapsed = SteadyClock::now() - start;
   PrintResult(context, arguments, elapsed.count(), result);
-  int exit_status = kExitOk;
+  int exit_status = kExitYes;
   if (result.errors > 0) {
-    exit_status = Fail(Status::Corruption(
+    (void)Fail(Status::Corruption(
         std::to_string(result.errors) + " errors, the last one: " + result.last_error.message() +
         (result.server_gone ? "; the server does not answer, so the load ended early" : "")));
+    exit_status = result.server_gone ? kExitUnreachable : kExitNo;
   }
   if (arguments.method == kUpsertRegionMethod && !arguments.keep) {
     Connection connection(context);
-    if (Status s = RemoveLoadRegions(&connection.pd, arguments.region_count); !s.ok()) {
-      exit_status = Fail({s.code(), "the regions were not removed: " + s.message()});
+    std::size_t removed = 0;
+    if (Status s = RemoveLoadRegions(&connection.pd, arguments.region_count, &removed); !s.ok()) {
+      exit_status =
+          FailCall(context, {s.code(), "the regions were not removed (kandb-ctl load " +
+                                           std::string(kRemoveMethod) + "): " + s.message()});
     }
   }
   return exit_status;
@@ -164,9 +191,12 @@ int RunLoad(Context context, const Arguments& arguments) {
 void AddLoadCommand(CLI::App* app, Context* context) {
   auto arguments = std::make_shared<Arguments>();
   CLI::App* command = app->add_subcommand(
-      "load", "Sends requests as fast as the answers arrive and shows the rate and the latencies");
+      "load",
+      "Sends requests as fast as the answers arrive and shows the rate and the latencies, after "
+      "Ctrl-C too");
   std::vector<std::string> names;
   for (const LoadMethod& method : LoadMethods()) names.emplace_back(method.name);
+  names.emplace_back(kRemoveMethod);
   command->add_option("METHOD", arguments->method, "what to send")
       ->required()
       ->check(CLI::IsMember(names));
@@ -179,21 +209,26 @@ void AddLoadCommand(CLI::App* app, Context* context) {
   add_number("--connections", &arguments->connection_count, 1024,
              "connections, each with one request at a time");
   add_number("--seconds", &arguments->seconds, 86400, "how long");
-  add_number("--regions", &arguments->region_count, 100000,
+  add_number("--regions", &arguments->region_count, kMaxRegions,
              "number of regions or keys that the requests cycle through");
-  command->add_flag("--yes", arguments->agreed_to_write,
-                    "write to the server; without it alloc-id and upsert-region are refused");
+  command->add_flag(
+      "--yes", arguments->agreed_to_write,
+      "write to the server; without it alloc-id, upsert-region and remove-regions are refused");
   command->add_flag("--keep", arguments->keep, "leave the regions of upsert-region on the server");
   command->footer(
       "alloc-id uses identifiers up for good. upsert-region writes real records, of regions from\n"
       "id " +
       std::to_string(kFirstLoadId) +
       " on, which cover keys from \"kandb-ctl-load/\" on and no\n"
-      "others; they are removed at the end, unless the run is interrupted or --keep is given.\n"
+      "others; they are removed at the end, after Ctrl-C too, unless --keep is given. What a "
+      "killed run\n"
+      "leaves is removed by the method remove-regions.\n"
       "get-region looks up the same keys. heartbeat reports the same regions from a store of that\n"
       "id; the server remembers them until it is restarted.");
   command->callback([=] {
-    if (LoadMethodNamed(arguments->method).writes && !arguments->agreed_to_write) {
+    const bool writes =
+        arguments->method == kRemoveMethod || LoadMethodNamed(arguments->method).writes;
+    if (writes && !arguments->agreed_to_write) {
       throw CLI::ValidationError(arguments->method, "writes to the server; say --yes");
     }
     if (context->client_options.timeout_ms < 0) {

@@ -5,6 +5,9 @@
 #include <cinttypes>
 #include <cstdio>
 #include <utility>
+#include <vector>
+
+#include "kandb_ctl/connection.h"
 
 namespace kandb::ctl {
 
@@ -67,9 +70,16 @@ const LoadMethod& LoadMethodNamed(std::string_view name) {
   return *method;
 }
 
-Status RemoveLoadRegions(client::PdClient* pd, std::uint64_t count) {
+Status RemoveLoadRegions(client::PdClient* pd, std::uint64_t count, std::size_t* removed) {
+  std::vector<std::uint64_t> ids;
+  for (std::uint64_t n = 0; n < count; ++n) ids.push_back(kFirstLoadId + n);
   pdpb::UpsertRegionRequest request;
-  for (std::uint64_t n = 0; n < count; ++n) request.removed_region_ids.push_back(kFirstLoadId + n);
+  std::vector<std::uint64_t> missing;
+  if (Status s = FindRegionRecords(pd, ids, &request.removed_region_ids, &missing); !s.ok()) {
+    return s;
+  }
+  *removed = request.removed_region_ids.size();
+  if (*removed == 0) return {};
   pdpb::UpsertRegionResponse answer;
   return pd->UpsertRegion(request, &answer);
 }

@@ -28,7 +28,8 @@ inline constexpr std::string_view kUpsertRegionMethod = "upsert-region";
 std::span<const LoadMethod> LoadMethods();
 const LoadMethod& LoadMethodNamed(std::string_view name);  // one of LoadMethods()
 
-// Removes the records that the method upsert-region wrote for the first `count` regions.
-Status RemoveLoadRegions(client::PdClient* pd, std::uint64_t count);
+// Removes the records that the method upsert-region wrote for the first `count` regions. Sets
+// `*removed` to how many there were.
+Status RemoveLoadRegions(client::PdClient* pd, std::uint64_t count, std::size_t* removed);
 
 }  // namespace kandb::ctl

@@ -110,7 +110,8 @@ void CheckStdinOr(const CLI::Option& required, const CLI::App& command, bool fro
   if (!from_stdin && required.empty())
     throw CLI::RequiredError(required.get_name() + " or --stdin");
   for (const CLI::Option* option : command.get_options()) {
-    if (from_stdin && !option->empty() && option->get_name() != "--stdin") {
+    const std::string name = option->get_name();
+    if (from_stdin && !option->empty() && name != "--stdin" && name != "--force") {
       throw CLI::ExcludesError("--stdin", option->get_name());
     }
   }
