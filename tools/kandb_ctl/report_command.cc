@@ -15,6 +15,7 @@
 #include "kandb_ctl/report_page.h"
 #include "kandb_ctl/state_directory.h"
 #include "kandb_ctl/verify_directory.h"
+#include "tools/common/exit_status.h"
 
 namespace kandb::ctl {
 
@@ -38,12 +39,14 @@ Status WritePage(const std::string& path, const std::string& page) {
 }
 
 int Report(const Arguments& arguments, bool json) {
-  if (Status s = RefuseRunningServer(arguments.dir); !s.ok()) return Fail(s);
+  if (Status s = RefuseRunningServer(arguments.dir); !s.ok()) return FailToRead(s);
+  if (Status s = RequireState(arguments.dir); !s.ok()) return Fail(s);
   store::StoreCrypto crypto;
   if (Status s = ReadPassphraseFile(arguments.passphrase_file, &crypto); !s.ok()) return Fail(s);
   ClusterState cluster;
   if (Status s = LoadCluster(arguments.dir, crypto, &cluster); !s.ok()) return Fail(s);
-  const std::vector<Finding> findings = VerifyDirectory(arguments.dir, crypto, [](double) {});
+  const std::vector<Finding> findings =
+      VerifyDirectory(arguments.dir, crypto, [](double) {}).findings;
   const std::string page =
       ReportPage(arguments.dir, std::chrono::system_clock::now(), cluster, findings);
   if (Status s = WritePage(arguments.out, page); !s.ok()) return Fail(s);
@@ -52,7 +55,7 @@ int Report(const Arguments& arguments, bool json) {
   } else {
     std::printf("%s: %zu findings\n", arguments.out.c_str(), findings.size());
   }
-  return kExitOk;
+  return findings.empty() ? tools::kExitYes : tools::kExitNo;
 }
 
 }  // namespace

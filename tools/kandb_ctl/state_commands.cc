@@ -1,7 +1,7 @@
 // The commands for the state directory of a stopped server: summary, dump, verify.
 
-#include <unistd.h>
-
+#include <chrono>
+#include <cinttypes>
 #include <cstdio>
 #include <memory>
 
@@ -12,6 +12,8 @@
 #include "kandb_ctl/state_summary.h"
 #include "kandb_ctl/verify_directory.h"
 #include "lsm/recovery.h"
+#include "tools/common/exit_status.h"
+#include "tools/common/progress_bar.h"
 
 namespace kandb::ctl {
 
@@ -46,59 +48,48 @@ int DumpRecords(const std::string& dir, const store::StoreCrypto& crypto, bool j
   return exit_status;
 }
 
-// Rewrites its line whenever the bar grows.
-class ProgressBar {
- public:
-  explicit ProgressBar(std::FILE* terminal) : out(terminal) {}
-  ~ProgressBar() {
-    if (shown >= 0) std::fprintf(out, "\r\033[K");
-  }
-  ProgressBar(const ProgressBar&) = delete;
-  ProgressBar& operator=(const ProgressBar&) = delete;
-
-  void Show(double share) {
-    const int percent = static_cast<int>(share * 100);
-    if (percent == shown) return;
-    shown = percent;
-    const std::string bar(static_cast<std::size_t>(percent / 2), '#');
-    std::fprintf(out, "\r[%-50s] %3d %%", bar.c_str(), percent);
-    std::fflush(out);
-  }
-
- private:
-  std::FILE* const out;
-  int shown = -1;
-};
-
 int Verify(const std::string& dir, const store::StoreCrypto& crypto, bool json) {
-  std::vector<Finding> findings;
+  const auto start = std::chrono::steady_clock::now();
+  Verified verified;
   {
-    ProgressBar bar(stderr);
-    const bool watched = ::isatty(STDERR_FILENO) != 0;
-    findings = VerifyDirectory(dir, crypto, [&](double share) {
-      if (watched) bar.Show(share);
-    });
+    tools::ProgressBar bar;
+    verified = VerifyDirectory(dir, crypto, [&](double share) { bar.Show(share); });
   }
-  for (const auto& [where, text] : findings) {
+  const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+  for (const auto& [where, text] : verified.findings) {
     if (json) {
       PrintJson({{"where", where}, {"text", text}});
     } else {
       std::printf("%s: %s\n", where.c_str(), text.c_str());
     }
   }
-  return findings.empty() ? kExitOk : kExitFailed;
+  if (!verified.findings.empty()) return tools::kExitNo;
+  if (json) {
+    PrintJson({{"findings", 0},
+               {"files", verified.files},
+               {"records", verified.records},
+               {"bytes", verified.bytes},
+               {"seconds", seconds.count()}});
+  } else {
+    std::printf("nothing found: %" PRIu64 " files, %" PRIu64 " records, %" PRIu64
+                " bytes, %.1f s\n",
+                verified.files, verified.records, verified.bytes, seconds.count());
+  }
+  return tools::kExitYes;
 }
 
 constexpr const char* kVerifyHelp =
     R"(What is checked:
+  directory  that it has a state, with at least one WAL: every start of a server leaves one
   manifest   every record, and that numbers are in range and tables named once
   WALs       checksum, length and entries of every record
   tables     footer, order of the keys, that the filter admits each key, that the index points at
              every 16th record with its key, that the footer counts right; no unnamed tables
   records    that all decode under their keys; regions without gaps, overlaps and empty ranges;
-             peers on known stores, and one a store
-Each finding is a line "where: text"; where is a file with an offset, or a key. A sound directory
-prints nothing.)";
+             peers on known stores, and one a store; stores with an address of their own; no id in
+             use that the server would hand out again
+Each finding is a line "where: text"; where is a file with an offset, or a key. Without findings
+one line says how much was read.)";
 
 }  // namespace
 
@@ -120,7 +111,8 @@ void AddStateCommands(CLI::App* app, Context* context) {
     AddPassphraseOption(command, &arguments->passphrase_file);
     command->callback([arguments, context, action] {
       context->run = [arguments, context, action] {
-        if (Status s = RefuseRunningServer(arguments->dir); !s.ok()) return Fail(s);
+        if (Status s = RefuseRunningServer(arguments->dir); !s.ok()) return FailToRead(s);
+        if (Status s = RequireState(arguments->dir); !s.ok()) return Fail(s);
         store::StoreCrypto crypto;
         if (Status s = ReadPassphraseFile(arguments->passphrase_file, &crypto); !s.ok()) {
           return Fail(s);
