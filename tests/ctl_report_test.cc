@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "kandb_ctl/report_page.h"
+#include "kandb_ctl/report_regions.h"
 
 namespace kandb::ctl {
 namespace {
@@ -29,14 +30,14 @@ TEST(ReportPage, ContainsTheRegionsWithTheirGapsAndOverlaps) {
   cluster.stores = {{1, "</script>\xfe\"", 0}};
   cluster.regions = {{3, "t", "", {}, {}},
                      {4, "t", "m", {}, {}},
-                     {2, hostile, "m", {}, {{9, 77, pdpb::PeerRole::kLearner}}},
+                     {2, hostile, "m", {}, {{128, 77, pdpb::PeerRole::kLearner}}},
                      {UINT64_MAX, "", "c", {5, 6}, {{8, 1, pdpb::PeerRole::kVoter}}}};
   const std::string page = Page(cluster, {});
   EXPECT_EQ(DataOf(page), json::parse(R"({
       "bounds": ["", "</script>{{data}}<!--\"'&\\\\\\xff\\x0a", "c", "m", "t"],
       "pieces": [[0], [0, 1], [1], [], [3]], "max_regions_per_piece": 8,
       "regions": [["18446744073709551615", 0, 2, "5", "6", [["8", "1"]]],
-                  ["2", 1, 3, "0", "0", [["9", "77", "learner"]]],
+                  ["2", 1, 3, "0", "0", [["128", "77", "learner"]]],
                   ["4", 4, 3, "0", "0", []], ["3", 4, 5, "0", "0", []]],
       "stores": [["1", "</script>\\xfe\""]]})"));
   for (const char* text : {"4 regions, 1 gap, 1 overlap.", "unknown store", "Nothing found."}) {
@@ -54,8 +55,48 @@ TEST(ReportPage, EscapesHtml) {
 
 TEST(ReportPage, ListsABoundedNumberOfRegionsForOnePiece) {
   ClusterState cluster;
-  cluster.regions.resize(100);
+  for (int i = 0; i < 100; ++i) cluster.regions.push_back({});
   EXPECT_EQ(DataOf(Page(cluster, {}))["pieces"], json::parse("[[0, 1, 2, 3, 4, 5, 6, 7]]"));
+}
+
+// "a-c 2 1 0" is a bin from a to c of two regions with one gap, "7" the region 7.
+std::string Shown(const RegionList& list, const RegionLimits& limits) {
+  const ShownRegions shown = ChooseRegions(list, limits);
+  const std::size_t first_bin = shown.regions.size() - shown.bins.size();
+  std::string text;
+  for (std::size_t i = 0; i < shown.regions.size(); ++i) {
+    const pdpb::Region& region = shown.regions[i];
+    text += i == 0 ? "" : ", ";
+    if (i < first_bin) {
+      text += std::to_string(region.id);
+      continue;
+    }
+    const ShownRegions::Bin& bin = shown.bins[i - first_bin];
+    text += region.start_key + "-" + region.end_key;
+    for (const std::size_t count : {bin.region_count, bin.gap_count, bin.overlap_count}) {
+      text += " " + std::to_string(count);
+    }
+  }
+  return text;
+}
+
+// After 4 there is a gap; 6 overlaps 5 and 8 has a peer; 10 covers nothing.
+TEST(ReportRegions, ListsWhatIsRemarkableAndBinsTheRest) {
+  const RegionList list = {{9, "i", "", {}, {}},  {1, "", "b", {}, {}},   {2, "b", "c", {}, {}},
+                           {3, "c", "d", {}, {}}, {4, "d", "e", {}, {}},  {5, "f", "g", {}, {}},
+                           {6, "f", "h", {}, {}}, {7, "h", "h1", {}, {}}, {8, "h1", "i", {}, {{}}},
+                           {10, "x", "w", {}, {}}};
+  const struct {
+    RegionLimits limits;
+    const char* shown;
+  } cases[] = {
+      {{10, 0, 0, 0}, "9, 1, 2, 3, 4, 5, 6, 7, 8, 10"},
+      {{9, 9, 99, 4}, "4, 5, 6, 8, 10, -d 3 0 0, h-h1 1 0 0, i- 1 0 0"},
+      {{9, 2, 99, 1}, "4, 5, -d 3 0 0, f- 4 0 0"},
+      {{9, 9, 4, 1}, "4, 5, -d 3 0 0, f- 4 0 0"},
+      {{9, 0, 99, 1}, "- 9 1 1"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Shown(list, c.limits), c.shown);
 }
 
 }  // namespace

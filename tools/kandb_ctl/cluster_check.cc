@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -28,40 +27,35 @@ void CheckCount(std::size_t count, const meta::KeyRange& range, std::vector<Find
 }
 
 void CheckRanges(const ClusterState& cluster, std::vector<Finding>* findings) {
-  std::vector<const pdpb::Region*> order;
-  for (const pdpb::Region& region : cluster.regions) {
-    if (region.end_key.empty() || region.start_key < region.end_key) {
-      order.push_back(&region);
-    } else {
+  std::vector<RegionList::Range> order = cluster.regions.SortedRanges();
+  std::erase_if(order, [&](const RegionList::Range& region) {
+    if (region.empty()) {
       Add(findings, meta::RegionKey(region.id),
           "an empty range: it ends where it starts, or before");
     }
-  }
-  if (order.empty() && !cluster.bootstrapped) return;
-  std::sort(order.begin(), order.end(), [](const pdpb::Region* a, const pdpb::Region* b) {
-    return std::tie(a->start_key, a->id) < std::tie(b->start_key, b->id);
+    return region.empty();
   });
+  if (order.empty() && !cluster.bootstrapped) return;
 
-  const pdpb::Region* furthest = nullptr;  // of those passed, the one that reaches furthest
-  std::string_view reach;                  // its end
-  bool reaches_end = false;                // which is no bound
+  const RegionList::Range* furthest = nullptr;  // of those passed, the one that reaches furthest
+  std::string_view reach;                       // its end
+  bool reaches_end = false;                     // which is no bound
   const auto add_gap = [&](std::string_view end) {
     const std::string_view regions = meta::kRegionKeys.begin;
     Add(findings, furthest == nullptr ? std::string(regions) : meta::RegionKey(furthest->id),
         "no region from " + (reach.empty() ? "the first key" : KeyText(reach)) + " to " +
             (end.empty() ? "the last key" : KeyText(end)));
   };
-  for (const pdpb::Region* region : order) {
-    if (!reaches_end && region->start_key > reach) {
-      add_gap(region->start_key);
-    } else if (reaches_end || region->start_key < reach) {
-      Add(findings, meta::RegionKey(region->id),
-          "overlaps region " + std::to_string(furthest->id) + " from " +
-              KeyText(region->start_key));
+  for (const RegionList::Range& region : order) {
+    if (!reaches_end && region.start_key > reach) {
+      add_gap(region.start_key);
+    } else if (reaches_end || region.start_key < reach) {
+      Add(findings, meta::RegionKey(region.id),
+          "overlaps region " + std::to_string(furthest->id) + " from " + KeyText(region.start_key));
     }
-    if (reaches_end || (!region->end_key.empty() && region->end_key <= reach)) continue;
-    furthest = region;
-    reach = region->end_key;
+    if (reaches_end || !region.ReachesBeyond(reach)) continue;
+    furthest = &region;
+    reach = region.end_key;
     reaches_end = reach.empty();
   }
   if (!reaches_end) add_gap("");

@@ -43,10 +43,11 @@ int Report(const Arguments& arguments, bool json) {
   if (Status s = RequireState(arguments.dir); !s.ok()) return Fail(s);
   store::StoreCrypto crypto;
   if (Status s = ReadPassphraseFile(arguments.passphrase_file, &crypto); !s.ok()) return Fail(s);
-  ClusterState cluster;
-  if (Status s = LoadCluster(arguments.dir, crypto, &cluster); !s.ok()) return Fail(s);
+  // First, so that its copy of the records is gone before the next is read.
   const std::vector<Finding> findings =
       VerifyDirectory(arguments.dir, crypto, [](double) {}).findings;
+  ClusterState cluster;
+  if (Status s = LoadCluster(arguments.dir, crypto, &cluster); !s.ok()) return Fail(s);
   const std::string page =
       ReportPage(arguments.dir, std::chrono::system_clock::now(), cluster, findings);
   if (Status s = WritePage(arguments.out, page); !s.ok()) return Fail(s);

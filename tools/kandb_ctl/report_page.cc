@@ -4,6 +4,7 @@
 #include <ctime>
 #include <map>
 #include <set>
+#include <span>
 #include <string_view>
 #include <utility>
 
@@ -11,10 +12,15 @@
 #include "kandb_ctl/key_text.h"
 #include "kandb_ctl/report_files.h"
 #include "kandb_ctl/report_key_space.h"
+#include "kandb_ctl/report_regions.h"
 
 namespace kandb::ctl {
 
 namespace {
+
+constexpr std::size_t kMaxFindingsShown = 10'000;
+
+std::size_t ShownOf(std::size_t count) { return std::min(count, kMaxFindingsShown); }
 
 // For text and for values of attributes.
 std::string Html(std::string_view text) {
@@ -77,9 +83,27 @@ std::string SummarySection(const std::string& dir, std::chrono::system_clock::ti
          std::to_string(finding_count) + "</a></dd></div>\n</dl>\n</header>\n";
 }
 
-std::string CountsText(const KeySpace& space) {
-  return Counted(space.regions.size(), "region") + ", " + Counted(space.gap_count, "gap") + ", " +
-         Counted(space.overlap_count, "overlap");
+std::string CountsText(std::size_t region_count, const ShownRegions& shown, const KeySpace& space) {
+  std::size_t gap_count = space.gap_count;
+  std::size_t overlap_count = space.overlap_count;
+  for (const ShownRegions::Bin& bin : shown.bins) {
+    gap_count += bin.gap_count;
+    overlap_count += bin.overlap_count;
+  }
+  std::string text = Counted(region_count, "region") + ", " + Counted(gap_count, "gap") + ", " +
+                     Counted(overlap_count, "overlap");
+  if (shown.bins.empty()) return text;
+  return text + ". More than " + std::to_string(RegionLimits{}.all) + ", so neighbours are drawn " +
+         "and listed together, in " + Counted(shown.bins.size(), "bin") + "; on their own are " +
+         std::to_string(shown.regions.size() - shown.bins.size()) +
+         " regions: those at gaps and overlaps, with empty ranges, or with another number of " +
+         "replicas than most";
+}
+
+// `more_of` say where the rest is to be found.
+std::string NotShown(std::size_t count, const char* more_of) {
+  if (count <= kMaxFindingsShown) return "";
+  return "<p>And " + std::to_string(count - kMaxFindingsShown) + " more: " + more_of + "</p>\n";
 }
 
 std::string FindingsSection(const ClusterState& cluster, const std::vector<Finding>& findings) {
@@ -89,16 +113,21 @@ std::string FindingsSection(const ClusterState& cluster, const std::vector<Findi
     html +=
         "<div class=\"box\" tabindex=\"0\" role=\"region\" aria-label=\"Findings\"><table>\n"
         "<thead><tr><th>Where</th><th>What</th></tr></thead>\n<tbody>\n";
-    for (const Finding& finding : findings) {
+    for (const Finding& finding : std::span(findings).first(ShownOf(findings.size()))) {
       html += "<tr><td class=\"key\">" + Html(finding.where) + "</td><td>" + Html(finding.text) +
               "</td></tr>\n";
     }
-    html += "</tbody></table></div>\n";
+    html += "</tbody></table></div>\n" +
+            NotShown(findings.size(), "<code>kandb-ctl state verify</code> lists all.");
   }
   if (!cluster.warnings.empty()) {
     html += "<h3>Records that are left out of this page</h3>\n<ul class=\"box\">\n";
-    for (const std::string& warning : cluster.warnings) html += "<li>" + Html(warning) + "</li>\n";
-    html += "</ul>\n";
+    for (const std::string& warning :
+         std::span(cluster.warnings).first(ShownOf(cluster.warnings.size()))) {
+      html += "<li>" + Html(warning) + "</li>\n";
+    }
+    html += "</ul>\n" +
+            NotShown(cluster.warnings.size(), "<code>kandb-ctl state dump</code> lists all.");
   }
   return html + "</section>\n";
 }
@@ -169,11 +198,18 @@ std::string ReplicasSection(const ClusterState& cluster) {
 
 // For a script element: a browser looks for the end tag before it parses the data, so the data has
 // no "<".
-std::string PageData(const ClusterState& cluster, const KeySpace& space) {
+std::string PageData(const ClusterState& cluster, const ShownRegions& shown,
+                     const KeySpace& space) {
   Json bounds = Json::array();
   for (const std::string_view bound : space.bounds) bounds.push_back(KeyText(bound));
   Json regions = Json::array();
+  const pdpb::Region* first_bin = shown.regions.data() + (shown.regions.size() - shown.bins.size());
   for (const auto& [region, begin, end] : space.regions) {
+    if (region >= first_bin) {
+      const ShownRegions::Bin& bin = shown.bins[static_cast<std::size_t>(region - first_bin)];
+      regions.push_back({"", begin, end, bin.region_count, bin.gap_count, bin.overlap_count});
+      continue;
+    }
     Json peers = Json::array();
     for (const pdpb::Peer& peer : region->peers) {
       Json row = {std::to_string(peer.id), std::to_string(peer.store_id)};
@@ -225,14 +261,15 @@ std::string FillTemplate(std::string_view text,
 
 std::string ReportPage(const std::string& dir, std::chrono::system_clock::time_point made_at,
                        const ClusterState& cluster, const std::vector<Finding>& findings) {
-  const KeySpace space = CutKeySpace(cluster.regions);
+  const ShownRegions shown = ChooseRegions(cluster.regions);
+  const KeySpace space = CutKeySpace(shown.regions);
   const std::string directory = Html(dir);
   const std::string summary = SummarySection(dir, made_at, cluster, findings.size());
-  const std::string counts = CountsText(space);
+  const std::string counts = CountsText(cluster.regions.size(), shown, space);
   const std::string findings_section = FindingsSection(cluster, findings);
   const std::string stores = StoresSection(cluster);
   const std::string replicas = ReplicasSection(cluster);
-  const std::string data = PageData(cluster, space);
+  const std::string data = PageData(cluster, shown, space);
   return FillTemplate(page_html, {{"directory", directory},
                                   {"style.css", style_css},
                                   {"summary", summary},

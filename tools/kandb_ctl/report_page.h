@@ -17,7 +17,8 @@ namespace kandb::ctl {
 //   bounds    key texts in key order, the first one empty; piece i is bounds[i] to bounds[i + 1]
 //   pieces    for each piece the positions in `regions` of those that cover it
 //   regions   [id, first piece, piece after the last, conf_version, version, peers], by start key,
-//             with peers as [id, store id, role unless voter], the leader first
+//             with peers as [id, store id, role unless voter], the leader first; for a bin
+//             ["", first piece, piece after the last, regions, gaps, overlaps]
 //   stores    [id, address]
 //
 // Identifiers are texts: a script's numbers are exact to 53 bits only.

@@ -78,8 +78,8 @@ std::string AddToCluster(std::string_view key, std::string_view stored,
     cluster->stores.push_back(std::move(*store));
     return ForeignId(key, meta::StoreKey(cluster->stores.back().id), cluster->stores.back());
   } else if (auto* region = std::get_if<pdpb::Region>(&record.content)) {
-    cluster->regions.push_back(std::move(*region));
-    return ForeignId(key, meta::RegionKey(cluster->regions.back().id), cluster->regions.back());
+    cluster->regions.push_back(*region);
+    return ForeignId(key, meta::RegionKey(region->id), *region);
   } else {
     return "unknown key";
   }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/status.h"
+#include "kandb_ctl/region_list.h"
 #include "lsm/read_view.h"
 #include "lsm/sst_reader.h"
 #include "pdpb/messages.h"
@@ -23,7 +24,7 @@ struct ClusterState {
   bool bootstrapped = false;
   std::optional<std::uint64_t> id_mark;
   std::vector<pdpb::Store> stores;
-  std::vector<pdpb::Region> regions;
+  RegionList regions;
   std::vector<std::string> warnings;
 };
 

@@ -7,6 +7,9 @@ let drag = null;  // the columns that a pointer marks
 
 const clamp = (value, lowest, highest) => Math.max(lowest, Math.min(value, highest));
 const kindOf = piece => ['gap', 'region'][pieces[piece].length] || 'overlap';
+// A bin may have faults of its own.
+const kindsOf = piece => [kindOf(piece), ...pieces[piece].flatMap(position =>
+  [...(regions[position].gaps > 0 ? ['gap'] : []), ...(regions[position].overlaps > 0 ? ['overlap'] : [])])];
 
 // --- Columns: a column stands for one piece, or for several when there are too many to be seen ---
 
@@ -25,8 +28,8 @@ function piecesOf(column) {
 // The piece that a column is asked about: its worst one.
 function pieceFor(column) {
   const inColumn = piecesOf(column);
-  return inColumn.find(piece => kindOf(piece) === 'overlap') ??
-    inColumn.find(piece => kindOf(piece) === 'gap') ?? inColumn[0];
+  return inColumn.find(piece => kindsOf(piece).includes('overlap')) ??
+    inColumn.find(piece => kindsOf(piece).includes('gap')) ?? inColumn[0];
 }
 
 function draw() {
@@ -44,7 +47,7 @@ function draw() {
   const space = band.width / columnCount() >= 6 * scale ? Math.round(scale) : 0;
   for (let column = 0; column < columnCount(); ++column) {
     const inColumn = piecesOf(column);
-    const kinds = new Set(inColumn.map(kindOf));
+    const kinds = new Set(inColumn.flatMap(kindsOf));
     const single = view.count === columnCount();
     const regionColor = single && inColumn[0] % 2 === 1 ? 'region-next' : 'region';
     if (kinds.has('region')) fill(column, .3, .7, regionColor, space);
@@ -75,12 +78,18 @@ function showDetails() {
   const range = rangeText({begin: cursor, end: cursor + 1});
   const orMore = covering.length === data.max_regions_per_piece ? ' or more' : '';
   const title = covering.length === 0 ? `Gap: no region covers ${range}` :
-    covering.length === 1 ? `Region ${covering[0].id} ${rangeText(covering[0])}` :
+    covering.length === 1 ? `${covering[0].id === '' ? 'A' : 'Region'} ${nameOf(covering[0])} ${rangeText(covering[0])}` :
     `Overlap: ${covering.length}${orMore} regions cover ${range}`;
   const details = $('details');
   details.replaceChildren();
   add(details, 'div', title, 'key');
   for (const region of covering) {
+    if (region.id === '') {
+      const faults = faultsOf(region);
+      add(details, 'div', `A ${nameOf(region)}${faults ? `, with ${faults}` : ''}. ` +
+        'kandb-ctl state dump has each record.');
+      continue;
+    }
     const name = covering.length > 1 ? `Region ${region.id} ${rangeText(region)}, epoch` : 'Epoch';
     add(details, 'div', `${name}: conf ${region.confVersion}, version ${region.version}`);
     const list = add(details, 'ul');
@@ -171,7 +180,7 @@ $('zoom-out').onclick = () => zoom(4);
 $('earlier').onclick = () => setView(view.begin - pageOf(), view.count);
 $('later').onclick = () => setView(view.begin + pageOf(), view.count);
 $('whole').onclick = () => setView(0, pieces.length);
-const faults = pieces.map((_, piece) => piece).filter(piece => kindOf(piece) !== 'region');
+const faults = pieces.map((_, piece) => piece).filter(piece => kindsOf(piece).some(kind => kind !== 'region'));
 $('next-fault').disabled = faults.length === 0;
 $('next-fault').onclick = () => showAround(faults.find(piece => piece > cursor) ?? faults[0]);
 

@@ -3,9 +3,17 @@ const $ = id => document.getElementById(id);
 const data = JSON.parse($('data').textContent);
 const pieces = data.pieces;
 const addresses = new Map(data.stores);
-const regions = data.regions.map(([id, begin, end, confVersion, version, peers]) =>
-  ({id, begin, end, confVersion, version, peers: peers.map(([peerId, store, role]) =>
-    ({id: peerId, store, role}))}));
+// One without an id is a bin of several.
+const regions = data.regions.map(([id, begin, end, ...rest]) => {
+  if (id === '') return {id, begin, end, count: rest[0], gaps: rest[1], overlaps: rest[2], peers: []};
+  const [confVersion, version, peers] = rest;
+  return {id, begin, end, count: 1, gaps: 0, overlaps: 0, confVersion, version,
+          peers: peers.map(([peerId, store, role]) => ({id: peerId, store, role}))};
+});
+const counted = (count, noun) => `${count} ${noun}${count === 1 ? '' : 's'}`;
+const nameOf = region => region.id === '' ? `bin of ${counted(region.count, 'region')}` : region.id;
+const faultsOf = ({gaps, overlaps}) => [[gaps, 'gap'], [overlaps, 'overlap']]
+  .filter(([count]) => count > 0).map(([count, noun]) => counted(count, noun)).join(', ');
 
 function add(parent, tag, text = '', className = '') {
   const child = parent.appendChild(document.createElement(tag));
@@ -34,14 +42,18 @@ function showMoreRows() {
     const row = add($('region-rows'), 'tr');
     const idCell = add(row, 'td');
     if (region.begin < region.end) {
-      const link = add(idCell, 'button', region.id, 'link');
-      link.title = `Show region ${region.id} in the key space`;
+      const link = add(idCell, 'button', nameOf(region), 'link');
+      link.title = `Show ${nameOf(region)} in the key space`;
       link.onclick = () => showInBand(region.begin);
     } else {
       idCell.textContent = `${region.id} (covers nothing)`;
     }
     add(row, 'td', shortened(lowerText(region.begin)), 'key');
     add(row, 'td', shortened(upperText(region.end)), 'key');
+    if (region.id === '') {
+      add(row, 'td', faultsOf(region)).colSpan = 2;
+      continue;
+    }
     add(row, 'td', `conf ${region.confVersion}, version ${region.version}`);
     add(row, 'td', region.peers.map(peerText).join('; ') || 'none');
   }
