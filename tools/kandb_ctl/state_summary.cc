@@ -188,6 +188,9 @@ void PrintForPeople(const Json& summary) {
         {cell("name"), cell("bytes"), cell("records"), cell("entries"), cell("what") + error});
   }
   files.Print();
+  if (summary.contains("read_live_at")) {
+    std::printf("\nread live at %s\n", ValueText(summary["read_live_at"]).c_str());
+  }
   for (const char* part : {"manifest", "cluster", "next_start"}) {
     std::printf("\n%s\n", WithBlanks(part).c_str());
     for (const auto& [name, value] : summary[part].items()) {
