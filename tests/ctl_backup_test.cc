@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <filesystem>
 #include <functional>
+#include <thread>
 
 #include "common/posix_file.h"
 #include "kandb_ctl/state_capture.h"
@@ -10,9 +13,11 @@
 #include "kandb_ctl/verify_directory.h"
 #include "lsm/lsm_db.h"
 #include "lsm/recovery.h"
+#include "meta/keys.h"
 #include "support/engine.h"
 #include "support/eventually.h"
 #include "support/run_tool.h"
+#include "support/server_process.h"
 #include "support/temp_dir.h"
 
 namespace kandb::testing {
@@ -189,6 +194,124 @@ TEST(Live, TheCommandsReadARunningServer) {
         << result.err;
     EXPECT_EQ(result.out.find("missing"), result.out.npos);
   }
+}
+
+// --- Backup and restore ---
+
+std::string ServerDir(const TempDir& dir) { return dir.File("pd-data"); }
+
+TEST(Backup, HasEveryAcknowledgedRecordAndNoIdIsGivenTwice) {
+  constexpr std::uint64_t kSkip = 100000;
+  const TempDir dir;
+  const TempDir restored;
+  std::uint64_t acknowledged = 0;
+  std::atomic<std::uint64_t> highest_id = 0;
+  {
+    const ListeningServer server(dir.path());
+    std::atomic<std::uint64_t> written[4] = {};
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> writers;
+    for (std::uint64_t w = 0; w < std::size(written); ++w) {
+      writers.emplace_back([&, w] {
+        Caller pd(server.port());
+        for (std::uint64_t n = 1; !stop; ++n) {
+          pdpb::AllocIdResponse id;
+          pdpb::UpsertRegionResponse unused;
+          // 200 kB each, so that memtables fill up.
+          pdpb::Region region{w * 1000000 + n, std::string(200000, 'k'), "l", {}, {}};
+          if (!pd.AllocId({1}, &id).ok() || !pd.UpsertRegion({{region}, {}}, &unused).ok()) break;
+          written[w] = n;
+          if (id.first_id > highest_id) highest_id = id.first_id;
+        }
+      });
+    }
+    const auto count = [&] {
+      std::uint64_t sum = 0;
+      for (const auto& n : written) sum += n;
+      return sum;
+    };
+    EXPECT_TRUE(Eventually([&] { return count() > 450; }));  // more than a memtable takes
+    std::uint64_t before[4];
+    for (std::size_t w = 0; w < 4; ++w) before[w] = written[w];
+    const ToolResult backup =
+        RunTool({"--json", "backup", ServerDir(dir), "--out", dir.File("backup")});
+    EXPECT_EQ(backup.exit_status, 1) << "its regions overlap";
+    EXPECT_EQ(backup.out.find("\"verified\":true") == backup.out.npos, false) << backup.err;
+    stop = true;
+    for (std::thread& writer : writers) writer.join();
+    lsm::ReadView view;
+    EXPECT_TRUE(lsm::LoadReadOnly(dir.File("backup"), &view).ok());
+    for (std::uint64_t w = 0; w < 4; ++w) {
+      for (std::uint64_t n = 1; n <= before[w]; ++n, ++acknowledged) {
+        std::string value;
+        bool found = false;
+        EXPECT_TRUE(lsm::GetLive(view, meta::RegionKey(w * 1000000 + n), &value, &found).ok() &&
+                    found);
+      }
+    }
+    EXPECT_GT(acknowledged, 450);
+  }
+  const ToolResult restore = RunTool(
+      {"restore", dir.File("backup"), ServerDir(restored), "--skip-ids", std::to_string(kSkip)});
+  EXPECT_EQ(restore.exit_status, 0) << restore.err;
+  EXPECT_EQ(restore.err, "");
+  const ListeningServer server(restored.path());
+  pdpb::AllocIdResponse id;
+  EXPECT_TRUE(Caller(server.port()).AllocId({1}, &id).ok());
+  EXPECT_GT(id.first_id, highest_id);
+  EXPECT_NE(restore.out.find("ids go on from " + std::to_string(id.first_id) + "\n"),
+            restore.out.npos)
+      << restore.out;
+}
+
+std::uint64_t Links(const std::string& path) { return std::filesystem::hard_link_count(path); }
+
+TEST(Backup, IsIncrementalAndARestoreChecksIt) {
+  const TempDir dir;
+  const std::string state = dir.File("state");
+  std::filesystem::create_directory(state);
+  const auto change = [&] { CountingEngine(state).Change(); };
+  const auto back_up = [&](std::vector<std::string> options) {
+    options.insert(options.begin(), {"backup", state, "--out"});
+    const ToolResult result = RunTool(options);
+    EXPECT_EQ(result.exit_status, 1) << "unknown keys";
+  };
+  change();
+  const std::string table = "/sst-000003.sst";
+  back_up({dir.File("b1"), "--copy"});
+  EXPECT_EQ(Links(state + table), 1);
+  change();
+  back_up({dir.File("b2"), "--copy", "--since", dir.File("b1")});
+  EXPECT_EQ(Links(dir.File("b2") + table), 2);
+  back_up({dir.File("b3")});
+  EXPECT_EQ(Links(state + table), 2);
+  // What is damaged in the earlier backup is taken from the source.
+  WriteFile(dir.File("b1") + table, "?" + ReadFile(state + table).substr(1));
+  back_up({dir.File("b4"), "--copy", "--since", dir.File("b1")});
+  EXPECT_EQ(ReadFile(dir.File("b4") + table), ReadFile(state + table));
+
+  const std::pair<const char*, std::string> refused[] = {
+      {"b1", dir.File("b1") + table +
+                 " does not have the sum in SHA256SUMS: take another backup, " + dir.File("new") +
+                 " is not complete"},
+      {"b3", dir.File("new") + " is not empty: move its files aside"},
+      {"state", state + "/SHA256SUMS is missing: no complete backup"}};
+  for (const auto& [backup, message] : refused) {
+    const ToolResult result = RunTool({"restore", dir.File(backup), dir.File("new")});
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(result.err, "kandb-ctl: " + message + "\n");
+  }
+  // No server starts on the half of a backup.
+  std::unique_ptr<lsm::LsmDb> db;
+  EXPECT_EQ(lsm::LsmDb::Open(dir.File("new"), {4000, 2, false}, &db).message(),
+            "file number out of range in " + dir.File("new"));
+  std::filesystem::remove_all(dir.File("new"));
+  EXPECT_EQ(RunTool({"restore", dir.File("b4"), dir.File("new")}).exit_status, 0);
+  Model contents = ReadCopy(dir.File("new"));
+  contents.erase("pd/id_alloc");
+  EXPECT_EQ(contents, ReadCopy(state));
+  EXPECT_EQ(std::system(("cd " + dir.File("b4") + " && sha256sum --quiet -c SHA256SUMS").c_str()),
+            0);
 }
 
 }  // namespace

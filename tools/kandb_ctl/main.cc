@@ -32,6 +32,7 @@ int Run(int argc, char** argv) {
   AddRegionCommands(&app, &context);
   AddLoadCommand(&app, &context);
   AddStateCommands(&app, &context);
+  AddBackupCommands(&app, &context);
   AddFileCommands(&app, &context);
   AddReportCommand(&app, &context);
   try {
