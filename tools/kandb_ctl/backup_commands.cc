@@ -1,4 +1,4 @@
-// kandb-ctl backup, restore.
+// kandb-ctl backup, restore, salvage.
 
 #include <chrono>
 #include <cinttypes>
@@ -8,6 +8,7 @@
 #include "kandb_ctl/backup.h"
 #include "kandb_ctl/command.h"
 #include "kandb_ctl/options.h"
+#include "kandb_ctl/salvage.h"
 #include "kandb_ctl/state_directory.h"
 #include "pdpb/timestamp.h"
 #include "tools/common/exit_status.h"
@@ -101,6 +102,41 @@ int RunRestore(const Arguments& arguments, const store::StoreCrypto& crypto, boo
   return tools::kExitYes;
 }
 
+int RunSalvage(const Arguments& arguments, const store::StoreCrypto& crypto, bool json) {
+  if (Status s = RefuseRunningServer(arguments.from); !s.ok()) return FailToRead(s);
+  if (Status s = RequireState(arguments.from); !s.ok()) return Fail(s);
+  Salvaged salvaged;
+  if (Status s = Salvage(arguments.from, arguments.to, arguments.skip_ids, crypto, &salvaged);
+      !s.ok()) {
+    return FailToRead(s);
+  }
+  Json losses = Json::array();
+  for (const Loss& loss : salvaged.losses) {
+    losses.push_back({{"file", loss.file},
+                      {"begin", loss.begin},
+                      {"end", loss.end},
+                      {"after_key", KeyText(loss.after_key)},
+                      {"before_key", KeyText(loss.before_key)},
+                      {"text", loss.text}});
+    if (json) continue;
+    std::printf("%s", loss.file.c_str());
+    if (loss.end > 0) std::printf(" offset %" PRIu64 " to %" PRIu64, loss.begin, loss.end);
+    std::printf(": %s", loss.text.c_str());
+    if (!loss.after_key.empty() || !loss.before_key.empty()) {
+      std::printf(" (keys %s to %s)", KeyCell(loss.after_key).c_str(),
+                  KeyCell(loss.before_key).c_str());
+    }
+    std::printf("\n");
+  }
+  if (json) {
+    PrintJson({{"records", salvaged.records}, {"first_id", salvaged.first_id}, {"losses", losses}});
+  } else {
+    std::printf("%s: %" PRIu64 " records; ids go on from %" PRIu64 "\n", arguments.to.c_str(),
+                salvaged.records, salvaged.first_id);
+  }
+  return salvaged.losses.empty() ? tools::kExitYes : tools::kExitNo;
+}
+
 }  // namespace
 
 void AddBackupCommands(CLI::App* app, Context* context) {
@@ -146,6 +182,16 @@ void AddBackupCommands(CLI::App* app, Context* context) {
   AddIdOption(restore, "--skip-ids", &arguments->skip_ids,
               "ids to skip: those handed out since the backup; 1000000 without it")
       ->type_name("N");
+
+  arguments = std::make_shared<Arguments>();
+  CLI::App* salvage = add(
+      "salvage", "Makes a new state directory of what can be read of a damaged one, and skips ids.",
+      RunSalvage, arguments);
+  salvage->add_option("DIR", arguments->from, "the damaged state directory, which does not change")
+      ->required()
+      ->check(CLI::ExistingDirectory);
+  salvage->add_option("--out", arguments->to, "directory to make")->required();
+  AddIdOption(salvage, "--skip-ids", &arguments->skip_ids, "as for restore")->type_name("N");
 }
 
 }  // namespace kandb::ctl

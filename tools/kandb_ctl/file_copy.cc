@@ -67,7 +67,7 @@ Status CopyFile(const std::string& from, const std::string& to, const CountBytes
       return WriteFully(file.get(), piece);
     });
   }
-  if (error == 0 && ::fsync(file.get()) != 0) error = errno;
+  if (error == 0 && file_calls.fsync(file.get()) != 0) error = errno;
   if (error != 0) {
     return Status::Corruption("cannot copy " + from + " to " + to + ": " + ErrnoText(error));
   }
@@ -78,7 +78,7 @@ Status CopyFile(const std::string& from, const std::string& to, const CountBytes
 Status WriteNewFile(const std::string& path, std::string_view bytes, std::string* sum) {
   const UniqueFd file = Create(path);
   int error = file.valid() ? WriteFully(file.get(), bytes) : errno;
-  if (error == 0 && ::fsync(file.get()) != 0) error = errno;
+  if (error == 0 && file_calls.fsync(file.get()) != 0) error = errno;
   if (error != 0) return Status::Corruption("cannot write " + path + ": " + ErrnoText(error));
   Sha256 sha;
   sha.Add(bytes);
@@ -100,7 +100,7 @@ Status SumFile(const std::string& path, const CountBytes& count, std::string* su
 
 Status SyncDirectory(const std::string& dir) {
   const UniqueFd file(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (file.valid() && ::fsync(file.get()) == 0) return {};
+  if (file.valid() && file_calls.fsync(file.get()) == 0) return {};
   const int error = errno;
   return Status::Corruption("cannot sync " + dir + ": " + ErrnoText(error));
 }
