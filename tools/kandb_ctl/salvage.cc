@@ -86,6 +86,11 @@ bool RecordAt(std::string_view log, std::size_t begin, std::vector<lsm::EntryVie
          crypto::Crc32c(payload) == LoadU32(log.data() + begin);
 }
 
+// Whether the file ends before the record that begins here, as its length says.
+bool EndsWithin(std::string_view log, std::size_t begin) {
+  return log.size() - begin < 8 || LoadU32(log.data() + begin + 4) > log.size() - begin - 8;
+}
+
 class Salvager {
  public:
   Salvager(const std::string& dir, const store::StoreCrypto& store_crypto, Salvaged* result)
@@ -301,9 +306,9 @@ class Salvager {
       Lose({.file = name,
             .begin = at,
             .end = next,
-            .text = next < log.size()
-                        ? "a damaged record"
-                        : "a damaged record at the end: mostly an unacknowledged write"});
+            .text = EndsWithin(log, at) && next == log.size()
+                        ? "torn record at the end: an unacknowledged write"
+                        : "a damaged record"});
       at = next;
     }
   }
