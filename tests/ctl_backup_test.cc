@@ -336,7 +336,10 @@ Places MakeState(const std::string& dir) {
     const std::unique_ptr<lsm::LsmDb> db = Open(dir, {round < 2 ? 1u : 1u << 20, 8, false});
     Batch batch;
     for (std::uint64_t id = 10; id < 50; ++id) {
-      const auto kind = (id + static_cast<std::uint64_t>(round)) % 4;
+      // Some are only in the oldest table, where a damaged deletion may hit them.
+      const bool old = id / 10 == 3;
+      if (old && round > 0) continue;
+      const auto kind = old ? 1 : (id + static_cast<std::uint64_t>(round)) % 4;
       const pdpb::Region region = {
           id, "k" + std::to_string(id * 10 + kind), "l", {1, 2}, {{id, 1}}};
       if (kind == 0) batch.push_back({lsm::kDelete, meta::RegionKey(id), ""});
@@ -412,8 +415,9 @@ TEST(Salvage, BringsBackWhatIsNotDamaged) {
     const std::string bytes = ReadFile(file);
     const std::size_t size = bytes.size();
     expect(file, 0, size, "");
-    for (std::size_t at = 0; at<size; at += at + 60> size ? 1 : 5) {
-      for (const char bit : {'\x01', '\x80'}) {
+    const std::size_t footer = size - std::min(size, lsm::kFooterSize);
+    for (std::size_t at = 0; at < size; at += at < footer ? 3 : 1) {
+      for (const char bit : {'\x02', '\x80'}) {
         std::string changed = bytes;
         changed[at] = static_cast<char>(changed[at] ^ bit);
         expect(file, at, at + 1, changed);
