@@ -14,6 +14,10 @@ if(KANDB_TOOLS)
 endif()
 install(FILES packaging/kandb-meta.service DESTINATION /lib/systemd/system
   COMPONENT system EXCLUDE_FROM_ALL)
+if(KANDB_TOOLS)
+  install(FILES packaging/kandb-meta-backup.service packaging/kandb-meta-backup.timer
+    DESTINATION /lib/systemd/system COMPONENT system EXCLUDE_FROM_ALL)
+endif()
 install(FILES packaging/kandb-meta.default DESTINATION /etc/default RENAME kandb-meta
   COMPONENT system EXCLUDE_FROM_ALL)
 

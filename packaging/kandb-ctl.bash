@@ -11,7 +11,7 @@ _kandb_ctl() {
   # the value of one.
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
-      --json | --help | --version | --stdin | --yes | --keep | --force) skip= ;;
+      --json | --help | --version | --stdin | --yes | --keep | --force | --live | --copy | --no-verify) skip= ;;
       --*) skip=1 ;;
       = | :) skip=1 ;; # bash splits --name=value and host:port at these
       *)
@@ -27,17 +27,18 @@ _kandb_ctl() {
   done
 
   case $previous in
-    --out | --passphrase-file)
+    --out | --since | --passphrase-file)
       compopt -o filenames
       mapfile -t COMPREPLY < <(compgen -f -- "$current")
       return
       ;;
-    --json | --help | --version | --stdin | --yes | --keep | --force) ;;
+    --json | --help | --version | --stdin | --yes | --keep | --force | --live | --copy | --no-verify) ;;
     --*) return ;; # its value has no candidates
   esac
 
   case $command in
-    "") candidates="tso alloc-id bootstrap region heartbeat ping health metrics load state wal table manifest report" ;;
+    "") candidates="tso alloc-id bootstrap region heartbeat ping health metrics load state wal table manifest report
+      backup restore salvage" ;;
     tso | alloc-id) candidates="--count" ;;
     bootstrap) candidates="--store-id --store-address --region-id $range" ;;
     ping) candidates="--count --interval-ms" ;;
@@ -58,11 +59,14 @@ _kandb_ctl() {
       esac
       ;;
     state)
-      candidates="summary dump verify"
-      [[ ! $sub ]] || candidates="--passphrase-file"
+      candidates="summary dump verify regions stores"
+      [[ ! $sub ]] || candidates="--live --id --passphrase-file"
       ;;
     wal | table) candidates="--passphrase-file" ;;
-    report) candidates="--out --passphrase-file" ;;
+    report) candidates="--out --live --passphrase-file" ;;
+    backup) candidates="--out --since --copy --no-verify --passphrase-file" ;;
+    restore) candidates="--skip-ids --passphrase-file" ;;
+    salvage) candidates="--out --skip-ids --passphrase-file" ;;
   esac
   # Options are offered after a dash, and where nothing else is possible.
   if [[ $current == -* ]]; then
@@ -70,7 +74,7 @@ _kandb_ctl() {
     return
   fi
   case $command/$sub in
-    state/?* | report/*)
+    state/?* | report/* | backup/* | restore/* | salvage/*)
       compopt -o filenames
       mapfile -t COMPREPLY < <(compgen -d -- "$current")
       ;;

@@ -35,11 +35,13 @@ void Write(const std::string& dir, std::uint64_t buffer, const Batch& batch) {
   db->WaitForBackgroundIdle();
 }
 
-// What verify prints, without the path of the directory.
+// The findings of verify, without the path of the directory, and without the line that there are
+// none.
 std::string Verify(const std::string& dir) {
   const ToolResult result = RunTool({"state", "verify", dir});
-  EXPECT_EQ(result.exit_status, result.out.empty() ? 0 : 1);
-  return std::regex_replace(result.out, std::regex(dir + "/"), "") + result.err;
+  const bool sound = result.out.starts_with("nothing found: ");
+  EXPECT_EQ(result.exit_status, sound ? 0 : 1);
+  return sound ? "" : std::regex_replace(result.out, std::regex(dir + "/"), "") + result.err;
 }
 
 // --- Damaged files ---
@@ -182,6 +184,12 @@ TEST(StateVerify, NamesTheDamageAndChangesNothing) {
        },
        At("wal-000009.log", 0) +
            "wal read: Input/output error; 0 bytes from here on are not replayed\n"},
+      {Remove(kWal), ""},  // the other one is left
+      {[](auto& dir) {
+         std::filesystem::remove(dir + "/wal-000002.log");
+         std::filesystem::remove(dir + "/" + kWal);
+       },
+       "wal-*.log: none: every start of a server leaves one\n"},
       {Forbid(kWal), "wal-000004.log: wal open wal-000004.log: Permission denied\n" + not_checked},
       {Replace(kWal, wal + "1"),
        At(kWal, wal.size()) + "torn record at the end: an unacknowledged write\n"},
@@ -253,7 +261,7 @@ TEST(StateVerify, ComparesTheRecords) {
         {lsm::kPut, "pd/other", ""},
         {lsm::kPut, "pd/region/1", "x"},
         Put("pd/region/2", pdpb::Region{3, "", "", {}, {peer}}),
-        Put("pd/store/1", pdpb::Store{1, "", 0}),
+        Put("pd/store/1", pdpb::Store{1, "h:1", 0}),
         {lsm::kPut, "pd/store/2", "x"},
         Put("pd/store/3", pdpb::Store{4, "", 0})},
        "pd/id_alloc: 3 bytes, not 8: the next start hands out identifiers from 0 on\n"
@@ -272,7 +280,16 @@ TEST(StateVerify, ComparesTheRecords) {
       {Regions({{1, "", "k", {}, {}}, {2, "k", "", {}, {{6, 1, {}}, {7, 1, {}}, {8, 7, {}}}}}),
        "pd/region/1: no peers\npd/region/2: peer 7 shares store 1\n"
        "pd/region/2: peer 8 is on unknown store 7\n"},
-      {Stores(100001), "pd/store/: 100001 records, of which the server looks at 100000\n"},
+      {Stores(100001),
+       "pd/store/: 100001 records, of which the server looks at 100000\n"
+       "pd/id_alloc: no mark: ids from 1024 on are handed out, but 100001 is in use\n"},
+      {{Put("pd/region/1", pdpb::Region{1, "", "", {}, {{1023, 2, {}}, {1024, 1, {}}}}),
+        Put("pd/store/1", pdpb::Store{1, "h:1", 0}),
+        Put("pd/store/2", pdpb::Store{2, "", 0}),
+        Put("pd/store/3", pdpb::Store{3, "h:1", 0}),
+        {lsm::kPut, "pd/id_alloc", Hex("0004000000000000")}},
+       "pd/store/2: no address, but 1 replicas\npd/store/3: has the address h:1 of store 1\n"
+       "pd/id_alloc: ids from 1024 on are handed out, but 1024 is in use\n"},
   };
   for (const auto& [batch, findings] : cases) {
     const TempDir dir;
@@ -310,8 +327,35 @@ TEST(StateCommands, RefuseTheDirectoryOfARunningServer) {
     results.push_back(std::async(std::launch::async, [&] { return RunTool(command); }));
   }
   for (auto& result : results) {
-    EXPECT_EQ(result.get().err, "kandb-ctl: " + dir.path() + " is in use by another process\n");
+    const ToolResult refused = result.get();
+    EXPECT_EQ(refused.err, "kandb-ctl: " + dir.path() + " is in use by another process\n");
+    EXPECT_EQ(refused.exit_status, 3);
   }
+}
+
+TEST(StateCommands, RefuseADirectoryWithoutState) {
+  const TempDir dir;
+  WriteFile(dir.File("SHA256SUMS"), "");
+  for (const char* command : {"summary", "dump", "verify"}) {
+    const ToolResult result = RunTool({"state", command, dir.path()});
+    EXPECT_EQ(result.exit_status, 1);
+    EXPECT_EQ(result.err,
+              "kandb-ctl: " + dir.path() + " has no state: no MANIFEST, no WAL, no table\n");
+  }
+}
+
+TEST(StateCommands, CountTheSameFindings) {
+  const TempDir dir;
+  Write(dir.path(), 1 << 20, {Put("pd/region/1", pdpb::Region{1, "b", "", {}, {}})});
+  const ToolResult summary = RunTool({"--json", "state", "summary", dir.path()});
+  const ToolResult report = RunTool({"report", dir.path(), "--out", dir.File("page")});
+  EXPECT_EQ(Verify(dir.path()),
+            "pd/region/: no region from the first key to b\npd/region/1: no peers\n");
+  EXPECT_TRUE(summary.out.ends_with("\"findings\":2}\n")) << summary.out;
+  EXPECT_EQ(report.out, dir.File("page") + ": 2 findings\n");
+  EXPECT_EQ(report.exit_status, 1);
+  Write(dir.path(), 1 << 20, {{lsm::kDelete, "pd/region/1", ""}});
+  EXPECT_EQ(RunTool({"report", dir.path(), "--out", dir.File("page")}).exit_status, 0);
 }
 
 // --- Single files ---

@@ -10,7 +10,6 @@ namespace kandb::meta {
 
 namespace {
 
-constexpr std::uint64_t kFirstId = 1024;
 // How far the mark is ahead of the identifiers, so that most calls need no write.
 constexpr std::uint64_t kIdMargin = 1000;
 constexpr std::size_t kMarkSize = 8;  // bytes

@@ -28,6 +28,9 @@ struct KeyRange {
 inline constexpr KeyRange kStoreKeys = {"pd/store/", "pd/store0", 100000};
 inline constexpr KeyRange kRegionKeys = {"pd/region/", "pd/region0", 1000000};
 
+// What numbering starts with when there is no mark.
+inline constexpr std::uint64_t kFirstId = 1024;
+
 std::string StoreKey(std::uint64_t store_id);
 std::string RegionKey(std::uint64_t region_id);
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 
@@ -78,13 +79,58 @@ void CheckPeers(const ClusterState& cluster, std::vector<Finding>* findings) {
   }
 }
 
+void CheckStores(const ClusterState& cluster, std::vector<Finding>* findings) {
+  std::unordered_map<std::uint64_t, std::uint64_t> replicas;
+  for (const pdpb::Region& region : cluster.regions) {
+    for (const pdpb::Peer& peer : region.peers) ++replicas[peer.store_id];
+  }
+  std::unordered_map<std::string_view, std::uint64_t> owners;
+  for (const pdpb::Store& store : cluster.stores) {
+    if (store.address.empty()) {
+      if (const auto found = replicas.find(store.id); found != replicas.end()) {
+        Add(findings, meta::StoreKey(store.id),
+            "no address, but " + std::to_string(found->second) + " replicas");
+      }
+    } else if (const auto [other, added] = owners.emplace(store.address, store.id); !added) {
+      Add(findings, meta::StoreKey(store.id),
+          "has the address " + KeyText(store.address) + " of store " +
+              std::to_string(other->second));
+    }
+  }
+}
+
+// Restored records that are newer than the mark, say: the server would hand out their ids again.
+void CheckIds(const ClusterState& cluster, std::vector<Finding>* findings) {
+  const std::uint64_t highest = HighestId(cluster);
+  if (highest < NextId(cluster)) return;
+  Add(findings, std::string(meta::kIdAllocKey),
+      (cluster.id_mark ? "ids from " : "no mark: ids from ") + std::to_string(NextId(cluster)) +
+          " on are handed out, but " + std::to_string(highest) + " is in use");
+}
+
 }  // namespace
+
+std::uint64_t HighestId(const ClusterState& cluster) {
+  std::uint64_t highest = 0;
+  for (const pdpb::Store& store : cluster.stores) highest = std::max(highest, store.id);
+  for (const pdpb::Region& region : cluster.regions) {
+    highest = std::max(highest, region.id);
+    for (const pdpb::Peer& peer : region.peers) highest = std::max(highest, peer.id);
+  }
+  return highest;
+}
+
+std::uint64_t NextId(const ClusterState& cluster) {
+  return cluster.id_mark.value_or(meta::kFirstId);
+}
 
 void CheckCluster(const ClusterState& cluster, std::vector<Finding>* findings) {
   CheckCount(cluster.stores.size(), meta::kStoreKeys, findings);
   CheckCount(cluster.regions.size(), meta::kRegionKeys, findings);
   CheckRanges(cluster, findings);
   CheckPeers(cluster, findings);
+  CheckStores(cluster, findings);
+  CheckIds(cluster, findings);
 }
 
 }  // namespace kandb::ctl

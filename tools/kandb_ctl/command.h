@@ -18,8 +18,6 @@ using tools::kExitNo;
 using tools::kExitUnreachable;
 using tools::kExitUsage;
 using tools::kExitYes;
-inline constexpr int kExitOk = kExitYes;
-inline constexpr int kExitFailed = kExitNo;
 
 struct Context {
   std::string server = "127.0.0.1:2379";  // HOST:PORT, checked
@@ -37,6 +35,7 @@ void AddRegionCommands(CLI::App* app, Context* context);   // region get list up
 void AddLoadCommand(CLI::App* app, Context* context);      // load
 void AddHealthCommands(CLI::App* app, Context* context);   // health metrics
 void AddStateCommands(CLI::App* app, Context* context);    // state summary, dump and verify
+void AddBackupCommands(CLI::App* app, Context* context);   // backup restore salvage
 void AddFileCommands(CLI::App* app, Context* context);     // wal table manifest
 void AddReportCommand(CLI::App* app, Context* context);    // report
 

@@ -55,7 +55,7 @@ class EntryRows {
   const std::string& path;
   const store::StoreCrypto& crypto;
   const RowWriter writer;
-  int exit_status = kExitOk;
+  int exit_status = kExitYes;
 };
 
 int PrintLog(const FileArguments& arguments, bool json) {
@@ -112,7 +112,7 @@ int PrintManifest(const FileArguments& arguments, bool json) {
   if (damage_offset) {
     return FailAt(arguments.path, *damage_offset, "no record; the rest is not read");
   }
-  return kExitOk;
+  return kExitYes;
 }
 
 }  // namespace

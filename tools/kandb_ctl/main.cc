@@ -42,6 +42,7 @@ int Run(int argc, char** argv) {
   AddLoadCommand(&app, &context);
   AddHealthCommands(&app, &context);
   AddStateCommands(&app, &context);
+  AddBackupCommands(&app, &context);
   AddFileCommands(&app, &context);
   AddReportCommand(&app, &context);
   try {

@@ -106,6 +106,11 @@ void AddPassphraseOption(CLI::App* command, std::string* path) {
                       "file with the passphrase that opens sealed values");
 }
 
+void AddLiveOption(CLI::App* command, bool* live) {
+  command->add_flag("--live", *live,
+                    "read the directory of a running server, as it is at one moment");
+}
+
 void CheckStdinOr(const CLI::Option& required, const CLI::App& command, bool from_stdin) {
   if (!from_stdin && required.empty())
     throw CLI::RequiredError(required.get_name() + " or --stdin");

@@ -27,6 +27,9 @@ void AddRegionOptions(CLI::App* command, pdpb::Region* region);
 // The file with the passphrase of sealed values.
 void AddPassphraseOption(CLI::App* command, std::string* path);
 
+// Whether the directory may be that of a running server.
+void AddLiveOption(CLI::App* command, bool* live);
+
 // For a command that either reads everything from standard input or needs `required`. Throws when
 // neither is given, or --stdin together with another option. Called once the options have been
 // parsed.

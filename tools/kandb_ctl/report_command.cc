@@ -1,4 +1,4 @@
-// kandb-ctl report: a stopped server's state directory as a page to look at.
+// kandb-ctl report: a state directory as a page to look at.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -13,8 +13,10 @@
 #include "kandb_ctl/json_message.h"
 #include "kandb_ctl/options.h"
 #include "kandb_ctl/report_page.h"
+#include "kandb_ctl/state_capture.h"
 #include "kandb_ctl/state_directory.h"
 #include "kandb_ctl/verify_directory.h"
+#include "tools/common/exit_status.h"
 
 namespace kandb::ctl {
 
@@ -24,6 +26,7 @@ struct Arguments {
   std::string dir;
   std::string out;
   std::string passphrase_file;
+  bool live = false;
 };
 
 // Whole or not at all: a page that was there before stays until the new one is complete.
@@ -38,22 +41,27 @@ Status WritePage(const std::string& path, const std::string& page) {
 }
 
 int Report(const Arguments& arguments, bool json) {
-  if (Status s = RefuseRunningServer(arguments.dir); !s.ok()) return Fail(s);
+  if (Status s = RequireState(arguments.dir); !s.ok()) return Fail(s);
+  ReadableDirectory dir;
+  if (Status s = dir.Open(arguments.dir, arguments.live); !s.ok()) return FailToRead(s);
   store::StoreCrypto crypto;
   if (Status s = ReadPassphraseFile(arguments.passphrase_file, &crypto); !s.ok()) return Fail(s);
   // First, so that its copy of the records is gone before the next is read.
-  const std::vector<Finding> findings = VerifyDirectory(arguments.dir, crypto, [](double) {});
+  const std::vector<Finding> findings = VerifyDirectory(dir.path(), crypto, [](double) {}).findings;
   ClusterState cluster;
-  if (Status s = LoadCluster(arguments.dir, crypto, &cluster); !s.ok()) return Fail(s);
+  if (Status s = LoadCluster(dir.path(), crypto, &cluster); !s.ok()) return Fail(s);
   const std::string page =
       ReportPage(arguments.dir, std::chrono::system_clock::now(), cluster, findings);
   if (Status s = WritePage(arguments.out, page); !s.ok()) return Fail(s);
   if (json) {
-    PrintJson({{"out", arguments.out}, {"findings", findings.size()}});
+    Json result = {{"out", arguments.out}, {"findings", findings.size()}};
+    if (arguments.live) result["read_live_at"] = dir.live_at();
+    PrintJson(result);
   } else {
     std::printf("%s: %zu findings\n", arguments.out.c_str(), findings.size());
+    if (arguments.live) std::printf("read live at %s\n", dir.live_at().c_str());
   }
-  return kExitOk;
+  return findings.empty() ? tools::kExitYes : tools::kExitNo;
 }
 
 }  // namespace
@@ -61,10 +69,10 @@ int Report(const Arguments& arguments, bool json) {
 void AddReportCommand(CLI::App* app, Context* context) {
   const auto arguments = std::make_shared<Arguments>();
   CLI::App* report = app->add_subcommand(
-      "report",
-      "Writes a page about a stopped server's state directory: one file for any browser.");
+      "report", "Writes a page about a state directory: one file for any browser.");
   report->add_option("DIR", arguments->dir, "state directory")->required();
   report->add_option("--out", arguments->out, "HTML file to write")->required();
+  AddLiveOption(report, &arguments->live);
   AddPassphraseOption(report, &arguments->passphrase_file);
   report->callback([arguments, context] {
     context->run = [arguments, context] { return Report(*arguments, context->json); };

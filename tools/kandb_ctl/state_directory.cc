@@ -1,16 +1,21 @@
 #include "kandb_ctl/state_directory.h"
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
 #include <utility>
 
 #include "common/endian.h"
+#include "kandb_ctl/command.h"
 #include "kandb_ctl/key_text.h"
 #include "lsm/directory_lock.h"
+#include "lsm/file_names.h"
+#include "lsm/manifest.h"
 #include "lsm/read_view.h"
 #include "lsm/recovery.h"
 #include "meta/keys.h"
+#include "tools/common/exit_status.h"
 
 namespace kandb::ctl {
 
@@ -107,6 +112,22 @@ std::string NameOf(const std::string& path) { return path.substr(path.rfind('/')
 Status RefuseRunningServer(const std::string& dir) {
   lsm::DirectoryLock lock;
   return lsm::LockDirectory(dir, &lock);
+}
+
+Status RequireState(const std::string& dir) {
+  lsm::FileNumbers numbers;
+  if (Status s = lsm::ListFileNumbers(dir, &numbers); !s.ok()) return s;
+  std::error_code ignored;
+  if (!numbers.logs.empty() || !numbers.tables.empty() ||
+      std::filesystem::exists(lsm::ManifestFileName(dir), ignored)) {
+    return {};
+  }
+  return Status::NotFound(dir + " has no state: no MANIFEST, no WAL, no table");
+}
+
+int FailToRead(const Status& status) {
+  (void)Fail(status);
+  return tools::kExitUnreachable;
 }
 
 Status ReadPassphraseFile(const std::string& path, store::StoreCrypto* crypto) {

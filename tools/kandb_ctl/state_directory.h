@@ -32,6 +32,13 @@ struct ClusterState {
 // deletes files at any time.
 Status RefuseRunningServer(const std::string& dir);
 
+// NotFound when nothing in the directory is part of a state: no manifest, WAL or table. A server
+// takes such a directory for a new one.
+Status RequireState(const std::string& dir);
+
+// Prints why something could not be read and returns the exit status for it.
+int FailToRead(const Status& status);
+
 // Reads the records that the server would have after its next start. Fails where the server would
 // fail to open the directory.
 Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto, ClusterState* cluster);

@@ -8,6 +8,7 @@
 #include <optional>
 
 #include "kandb_ctl/state_directory.h"
+#include "kandb_ctl/verify_directory.h"
 #include "lsm/file_names.h"
 #include "lsm/manifest.h"
 #include "lsm/recovery.h"
@@ -172,7 +173,8 @@ Json SummarizeDirectory(const std::string& dir, const store::StoreCrypto& crypto
           {"manifest",
            {{"exists", exists}, {"next_file", manifest.next_file}, {"tables", manifest.sst_files}}},
           {"cluster", std::move(cluster)},
-          {"next_start", std::move(start)}};
+          {"next_start", std::move(start)},
+          {"findings", VerifyDirectory(dir, crypto, [](double) {}).findings.size()}};
 }
 
 void PrintForPeople(const Json& summary) {
@@ -186,12 +188,17 @@ void PrintForPeople(const Json& summary) {
         {cell("name"), cell("bytes"), cell("records"), cell("entries"), cell("what") + error});
   }
   files.Print();
+  if (summary.contains("read_live_at")) {
+    std::printf("\nread live at %s\n", ValueText(summary["read_live_at"]).c_str());
+  }
   for (const char* part : {"manifest", "cluster", "next_start"}) {
     std::printf("\n%s\n", WithBlanks(part).c_str());
     for (const auto& [name, value] : summary[part].items()) {
       std::printf("  %-29s  %s\n", WithBlanks(name).c_str(), ValueText(value).c_str());
     }
   }
+  std::printf("\nfindings                         %s%s\n", ValueText(summary["findings"]).c_str(),
+              summary["findings"] == 0 ? "" : ": kandb-ctl state verify names them");
 }
 
 }  // namespace kandb::ctl

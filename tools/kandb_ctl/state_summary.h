@@ -15,6 +15,8 @@ namespace kandb::ctl {
 //               null when the next start fails
 //   next_start  {fails: null or why, replays_wals, replays_records, replays_bytes,
 //               memtable_bytes, first_write_switches_memtable, compacts_tables, deletes: names}
+//   findings    how many `state verify` has, which include the warnings
+//   read_live_at  set by the caller, in UTC, for the directory of a running server
 Json SummarizeDirectory(const std::string& dir, const store::StoreCrypto& crypto);
 
 void PrintForPeople(const Json& summary);

@@ -51,7 +51,7 @@ class Verification {
                const std::function<void(double)>& progress)
       : directory(dir), crypto(store_crypto), report_share(progress) {}
 
-  std::vector<Finding> Run() {
+  Verified Run() {
     if (Status s = lsm::ListFileNumbers(directory, &files); !s.ok()) {
       opens = false;
       Add(directory, s.message());
@@ -64,6 +64,8 @@ class Verification {
     for (const std::uint64_t number : live_tables) {
       total_bytes += SizeOf(lsm::TableFileName(directory, number));
     }
+    verified.bytes = total_bytes + SizeOf(lsm::ManifestFileName(directory));
+    verified.files += files.logs.size() + live_tables.size();
     total_bytes *= 2;  // read once as files and once as records
     for (const std::uint64_t number : live_tables) {
       CheckTable(lsm::TableFileName(directory, number));
@@ -71,12 +73,12 @@ class Verification {
     for (const std::uint64_t number : files.logs) CheckLog(lsm::LogFileName(directory, number));
     CheckRecords();
     report_share(1);
-    return std::move(findings);
+    return std::move(verified);
   }
 
  private:
   void Add(std::string where, std::string text) {
-    findings.push_back({std::move(where), std::move(text)});
+    verified.findings.push_back({std::move(where), std::move(text)});
   }
   void Add(const std::string& path, const Tally& tally, const std::string& text) {
     if (tally.count == 0) return;
@@ -104,7 +106,7 @@ class Verification {
   const std::shared_ptr<lsm::MemTable> memtable = std::make_shared<lsm::MemTable>();
   std::vector<std::shared_ptr<const lsm::SstReader>> tables;
   bool opens = true;  // the next start does not fail
-  std::vector<Finding> findings;
+  Verified verified;
 };
 
 void Verification::Advance(std::uint64_t bytes) {
@@ -139,6 +141,7 @@ void Verification::CheckManifest() {
     if (!files.tables.empty()) Add(NameOf(path), "missing: the next start deletes every table");
     return;
   }
+  verified.files = 1;
   if (damage_offset) Add(Place(path, *damage_offset), "no record; the rest is not read");
   if (!says_next_file) Add(NameOf(path), "no next_file");
   if (next_file > lsm::kMaxFileNumber)
@@ -146,6 +149,7 @@ void Verification::CheckManifest() {
 }
 
 void Verification::CheckNumbers() {
+  if (files.logs.empty()) Add("wal-*.log", "none: every start of a server leaves one");
   for (const std::uint64_t number : files.tables) {
     const std::string path = lsm::TableFileName(directory, number);
     const auto live = std::count(live_tables.begin(), live_tables.end(), number);
@@ -247,24 +251,25 @@ void Verification::CheckEntries(const std::string& path, const lsm::SstReader& t
 
 void Verification::CheckRecords() {
   if (!opens) return Add("records", "not checked, the next start fails");
-  ClusterState cluster;
+  ClusterState& cluster = verified.cluster;
   const lsm::ReadView view{.memtables = {memtable}, .tables = tables};
   const auto take = [&](std::string_view key, std::string_view stored) {
     const std::string warning = AddToCluster(key, stored, crypto, &cluster);
     if (!warning.empty()) Add(KeyText(key), warning);
+    ++verified.records;
     Advance(key.size() + stored.size());
     return true;
   };
   if (Status s = ForEachRecord(view, take); !s.ok()) {
     return Add("records", "not checked: " + s.message());
   }
-  CheckCluster(cluster, &findings);
+  CheckCluster(cluster, &verified.findings);
 }
 
 }  // namespace
 
-std::vector<Finding> VerifyDirectory(const std::string& dir, const store::StoreCrypto& crypto,
-                                     const std::function<void(double)>& progress) {
+Verified VerifyDirectory(const std::string& dir, const store::StoreCrypto& crypto,
+                         const std::function<void(double)>& progress) {
   return Verification(dir, crypto, progress).Run();
 }
 
