@@ -11,6 +11,8 @@ check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
 fuzz_packages=(clang libclang-rt-14-dev llvm)
 # For cpack; see docs/operations.md.
 package_packages=(dpkg-dev file)
+# For scripts/check-packaging and tests/tls_test.sh; prometheus, which has promtool, is large.
+packaging_packages=(prometheus python3 shellcheck stunnel4 systemd)
 
 install_missing() {
   local package missing=()
