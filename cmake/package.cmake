@@ -19,7 +19,7 @@ install(FILES README.md CHANGELOG.md docs/operations.md docs/protocol.md docs/fi
   DESTINATION ${doc_dir})
 configure_file(packaging/changelog.in packaging/changelog @ONLY)
 install_compressed(${PROJECT_BINARY_DIR}/packaging/changelog ${doc_dir} changelog)
-install(DIRECTORY packaging/examples DESTINATION ${doc_dir})
+install(DIRECTORY packaging/examples DESTINATION ${doc_dir} USE_SOURCE_PERMISSIONS)
 if(KANDB_TOOLS)
   foreach(tool kandb-ctl kandb-sim)
     install_compressed(${PROJECT_SOURCE_DIR}/packaging/${tool}.1 ${CMAKE_INSTALL_MANDIR}/man1 ${tool}.1)
