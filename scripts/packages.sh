@@ -5,12 +5,14 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 build_packages=(g++ cmake ninja-build)
 tool_packages=(libcli11-dev nlohmann-json3-dev libssl-dev)
 test_packages=(libgtest-dev libbenchmark-dev libssl-dev libleveldb-dev librocksdb-dev
-  libisal-dev)
+  libisal-dev openssl stunnel4)
 check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
 # llvm: its symbolizer, which names the lines of a crash.
 fuzz_packages=(clang libclang-rt-14-dev llvm)
 # For cpack; see docs/operations.md.
 package_packages=(dpkg-dev file)
+# For scripts/check-packaging; prometheus, which has promtool, is large.
+packaging_packages=(prometheus python3 shellcheck systemd)
 
 install_missing() {
   local package missing=()

@@ -16,7 +16,7 @@ cmake --build "$work/user"
 if [ -x "$work/installed/bin/kandb-sim" ]; then
   options() { grep -oE -- '--[a-z]+(-[a-z]+)*' | sort -u; }
   "$work/installed/bin/kandb-sim" --help | options >"$work/options"
-  sed 's/\\-/-/g' "$work/installed/share/man/man1/kandb-sim.1" | options | diff "$work/options" -
+  zcat "$work/installed/share/man/man1/kandb-sim.1.gz" | sed 's/\\-/-/g' | options | diff "$work/options" -
   options <"$work/installed/share/bash-completion/completions/kandb-sim" | diff "$work/options" -
 fi
 
