@@ -22,8 +22,8 @@
 #define ACQUIRE(...) KANDB_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define ACQUIRE_SHARED(...) KANDB_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
 #define RELEASE(...) KANDB_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define NO_THREAD_SAFETY_ANALYSIS KANDB_THREAD_ANNOTATION(no_thread_safety_analysis)
 #define RELEASE_GENERIC(...) KANDB_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
+#define NO_THREAD_SAFETY_ANALYSIS KANDB_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace kandb {
 
@@ -63,8 +63,8 @@ class CondVar {
   std::condition_variable condition;
 };
 
-// A writer that waits goes first: readers that come later wait for it, as they would for ever come
-// in time. So a writer waits for no more than the reads in progress. Not recursive.
+// A writer waits only for the reads in progress: readers that come later wait behind it. Otherwise
+// overlapping reads could keep it waiting forever. Not recursive.
 class CAPABILITY("shared_mutex") SharedMutex {
  public:
   void Lock() ACQUIRE() {
@@ -75,7 +75,10 @@ class CAPABILITY("shared_mutex") SharedMutex {
   }
   void Unlock() RELEASE() { mutex.unlock(); }
   void LockShared() ACQUIRE_SHARED() {
-    if (writer_waits.load(std::memory_order_relaxed)) std::lock_guard<std::mutex> turn(gate);
+    if (writer_waits.load(std::memory_order_relaxed)) {
+      gate.lock();
+      gate.unlock();
+    }
     mutex.lock_shared();
   }
   void UnlockShared() RELEASE_GENERIC() { mutex.unlock_shared(); }
