@@ -234,7 +234,7 @@ std::string Changes(std::uint64_t i, std::uint64_t count) {
   return Encode(request);
 }
 
-// Until there are enough tables, and the memtable is as full as its log shall be.
+// Until there are enough tables, and the memtable is as full as its log is to be.
 void FillTables(const Server& server, const Options& options) {
   RawConnection connection(server.port());
   const auto log_mib = [&] {
