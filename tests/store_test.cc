@@ -74,7 +74,8 @@ TEST_P(MetaStoreTest, KeepsPairsAcrossReopening) {
   EXPECT_TRUE(store->Scan("", "", 10, &pairs).ok());
   EXPECT_EQ(pairs, (std::vector<KeyValue>{{"before", ""}, {"b", ""}, {"c", "new"}}));
   int visits = 0;
-  EXPECT_TRUE(store->CaptureView().ForEach("", "", 10, [&](auto, auto) { return ++visits < 1; }).ok());
+  EXPECT_TRUE(
+      store->CaptureView().ForEach("", "", 10, [&](auto, auto) { return ++visits < 1; }).ok());
   EXPECT_EQ(visits, 1);
 }
 
