@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <functional>
 #include <thread>
+#include <utility>
 
 #include "common/posix_file.h"
 #include "kandb_ctl/salvage.h"
@@ -74,13 +75,12 @@ class CountingEngine {
   const std::unique_ptr<lsm::LsmDb> db;
 };
 
-// Calls `action` within the n-th call of this thread that opens or reads a file.
+// Once armed, calls an action within the n-th call of this thread that opens or reads a file.
+// Installed before an engine starts and removed after it has ended.
 class AtCall {
  public:
-  AtCall(int n, std::function<void()> act) : real(file_calls) {
-    countdown = n;
+  AtCall() : real(file_calls) {
     current = this;
-    action = std::move(act);
     file_calls.open = [](const char* path, int flags, mode_t mode) {
       Count();
       return current->real.open(path, flags, mode);
@@ -90,8 +90,16 @@ class AtCall {
       return current->real.pread(fd, buffer, size, offset);
     };
   }
-  ~AtCall() { file_calls = real; }
-  bool reached() const { return countdown <= 0; }
+  ~AtCall() {
+    (void)Disarm();
+    file_calls = real;
+  }
+  void Arm(int n, std::function<void()> act) {
+    action = std::move(act);
+    countdown = n;
+  }
+  // Whether the call was reached.
+  static bool Disarm() { return std::exchange(countdown, 0) == 0; }
 
  private:
   static void Count() {
@@ -120,17 +128,16 @@ TEST(StateCapture, IsOfOneMomentWhateverHappensMeanwhile) {
     for (bool reached = true; reached; ++n) {
       SCOPED_TRACE(n);
       const TempDir dir;
+      AtCall at_call;
       CountingEngine engine(dir.path());
       for (int i = 0; i < 2; ++i) engine.Change();
       const std::uint64_t before = engine.written;
       ctl::ReadableDirectory copy;
-      {
-        const AtCall at_call(n, [&] {
-          for (int i = 0; i < changes; ++i) engine.Change();
-        });
-        EXPECT_EQ(copy.Open(dir.path(), true).ToString(), "OK");
-        reached = at_call.reached();
-      }
+      at_call.Arm(n, [&] {
+        for (int i = 0; i < changes; ++i) engine.Change();
+      });
+      EXPECT_EQ(copy.Open(dir.path(), true).ToString(), "OK");
+      reached = at_call.Disarm();
       engine.Change();
       EXPECT_GE(CountingEngine::NewestOf(ReadCopy(copy.path())), before);
       // A copy does not change, and is checked like a directory of a stopped server.
@@ -148,6 +155,7 @@ TEST(StateCapture, IsOfOneMomentWhileAFlushDeletesItsWals) {
     const TempDir dir;
     const TempDir wals;
     const std::string names[] = {"/wal-000001.log", "/wal-000002.log", "/wal-000003.log"};
+    AtCall at_call;
     for (int start = 1; start <= 2; ++start) CountingEngine(dir.path()).Write(7);
     CountingEngine engine(dir.path());
     for (const auto& name : names)
@@ -156,12 +164,12 @@ TEST(StateCapture, IsOfOneMomentWhileAFlushDeletesItsWals) {
     EXPECT_TRUE(Eventually([&] { return !std::filesystem::exists(dir.path() + names[2]); }));
     for (const auto& name : names)
       std::filesystem::create_hard_link(wals.path() + name, dir.path() + name);
-    const AtCall at_call(n, [&] {
+    at_call.Arm(n, [&] {
       for (const auto& name : names) std::filesystem::remove(dir.path() + name);
     });
     ctl::ReadableDirectory copy;
     EXPECT_EQ(copy.Open(dir.path(), true).ToString(), "OK");
-    reached = at_call.reached();
+    reached = at_call.Disarm();
     EXPECT_EQ(CountingEngine::NewestOf(ReadCopy(copy.path())), engine.written);
   }
   EXPECT_GT(n, 8);
@@ -178,7 +186,8 @@ TEST(StateCapture, CutsARecordThatIsBeingWritten) {
     ctl::ReadableDirectory copy;
     int reads = 0;
     for (int n = 1; n < 20; ++n) {
-      const AtCall at_call(n, [&] { WriteFile(wal, sound + sound.substr(0, grows ? 10 : 9)); });
+      AtCall at_call;
+      at_call.Arm(n, [&] { WriteFile(wal, sound + sound.substr(0, grows ? 10 : 9)); });
       ctl::StateCapture capture;
       EXPECT_TRUE(TakeCapture(dir.path(), &capture).ok());
       reads += ReadFile(capture.logs.back().path()) == sound ? 1 : 0;
@@ -381,6 +390,10 @@ Places MakeState(const std::string& dir) {
   return places;
 }
 
+#ifndef KANDB_SALVAGE_STRIDE
+#define KANDB_SALVAGE_STRIDE 3
+#endif
+
 TEST(Salvage, BringsBackWhatIsNotDamaged) {
   const TempDir sound;
   const Places places = MakeState(sound.path());
@@ -416,7 +429,7 @@ TEST(Salvage, BringsBackWhatIsNotDamaged) {
     const std::size_t size = bytes.size();
     expect(file, 0, size, "");
     const std::size_t footer = size - std::min(size, lsm::kFooterSize);
-    for (std::size_t at = 0; at < size; at += at < footer ? 3 : 1) {
+    for (std::size_t at = 0; at < size; at += at < footer ? KANDB_SALVAGE_STRIDE : 1) {
       for (const char bit : {'\x02', '\x80'}) {
         std::string changed = bytes;
         changed[at] = static_cast<char>(changed[at] ^ bit);
