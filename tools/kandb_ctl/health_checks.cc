@@ -46,11 +46,11 @@ class PortProbes {
   void Run();
 
  private:
-  // Adds a check of how long the call takes; false when it failed.
+  // Adds a check of how long the call takes, and returns its result.
   template <class Call>
   Status Time(const char* name, Call call) {
     const auto start = std::chrono::steady_clock::now();
-    const Status status = call();
+    Status status = call();
     const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
     HealthCheck check{name, "seconds", elapsed.count(), true, false, ""};
     check.text = Number(elapsed.count() * 1000, "%.1f ms");

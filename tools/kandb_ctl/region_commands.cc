@@ -238,7 +238,7 @@ Status FindSlip(const pdpb::UpsertRegionRequest& request, client::PdClient* pd, 
   std::string key;
   for (std::size_t step = 0; step <= changed.size(); ++step) {
     pdpb::GetRegionResponse answer;
-    const Status status = pd->GetRegion({key}, &answer);
+    Status status = pd->GetRegion({key}, &answer);
     if (tools::RemoteFailureOf(status) != tools::RemoteFailure::kNone) return {};  // no such region
     if (!status.ok()) return status;
     if (!changed.contains(answer.region.id)) {

@@ -65,11 +65,12 @@ Status ReadText(const std::string& path, std::optional<std::string>* text) {
   text->reset();
   UniqueFd file;
   if (Status s = OpenFile(path, &file); !s.ok() || !file.valid()) return s;
-  text->emplace(std::size_t{1} << 20, '\0');
-  const ssize_t count = PreadFully(file.get(), (*text)->data(), (*text)->size(), 0);
+  std::string bytes(std::size_t{1} << 20, '\0');
+  const ssize_t count = PreadFully(file.get(), bytes.data(), bytes.size(), 0);
   if (count < 0) return Failure(path, errno);
-  if (static_cast<std::size_t>(count) == (*text)->size()) return Failure(path, EFBIG);
-  (*text)->resize(static_cast<std::size_t>(count));
+  if (static_cast<std::size_t>(count) == bytes.size()) return Failure(path, EFBIG);
+  bytes.resize(static_cast<std::size_t>(count));
+  *text = std::move(bytes);
   return {};
 }
 
