@@ -20,7 +20,14 @@ namespace {
 bool Less(std::string_view a, std::string_view b) {
   constexpr std::size_t kWord = sizeof(std::uint64_t);
   const std::size_t shared = std::min(a.size(), b.size());
-  if (shared < kWord) return a < b;
+  if (shared < kWord) {
+    for (std::size_t at = 0; at < shared; ++at) {
+      if (a[at] != b[at]) {
+        return static_cast<unsigned char>(a[at]) < static_cast<unsigned char>(b[at]);
+      }
+    }
+    return a.size() < b.size();
+  }
   // The last word may overlap the one before it, whose bytes were equal.
   for (std::size_t at = 0;; at = std::min(at + kWord, shared - kWord)) {
     const std::uint64_t a_word = LoadBigEndian<std::uint64_t>(a.data() + at);
