@@ -2,7 +2,6 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <ctime>
 #include <memory>
 #include <thread>
 
@@ -14,6 +13,7 @@
 #include "kandb_ctl/row_writer.h"
 #include "pdpb/timestamp.h"
 #include "tools/common/text_table.h"
+#include "tools/common/utc_text.h"
 
 namespace kandb::ctl {
 
@@ -21,25 +21,12 @@ namespace {
 
 // --- tso ---
 
-std::string UtcDate(std::uint64_t unix_ms) {
-  const auto seconds = static_cast<std::time_t>(unix_ms / 1000);
-  std::tm date{};
-  char day_and_time[64] = "";
-  // Empty for a year beyond the calendar of the system.
-  if (::gmtime_r(&seconds, &date) != nullptr) {
-    (void)std::strftime(day_and_time, sizeof(day_and_time), "%Y-%m-%dT%H:%M:%S", &date);
-  }
-  char fraction[8];
-  (void)std::snprintf(fraction, sizeof(fraction), ".%03uZ", static_cast<unsigned>(unix_ms % 1000));
-  return std::string(day_and_time) + fraction;
-}
-
 int RunTso(const Context& context, std::uint32_t count) {
   Connection connection(context);
   pdpb::TsoResponse answer;
   if (Status s = connection.pd.Tso({count}, &answer); !s.ok()) return FailCall(context, s);
   Json row = ToJson(answer);
-  row["physical"] = UtcDate(pdpb::PhysicalMs(answer.timestamp));
+  row["physical"] = tools::UtcText(pdpb::PhysicalMs(answer.timestamp));
   row["logical"] = pdpb::Logical(answer.timestamp);
   PrintRow(row, context.json);
   return kExitYes;
