@@ -36,11 +36,19 @@ class HeartbeatSchedulerTest : public ::testing::Test {
     }
   }
 
+  // As it arrives: the lists of the request are views into its encoding.
+  std::string Send(const pdpb::RegionHeartbeatRequest& sent,
+                   std::vector<pdpb::ScheduleCommand>* commands) {
+    const std::string payload = Encode(sent);
+    pdpb::RegionHeartbeatRequestView request;
+    EXPECT_TRUE(Decode(payload, &request));
+    return scheduler->Schedule(request, commands).ToString();
+  }
+
   Commands Heartbeat(std::uint64_t store_id, std::vector<RegionHeartbeatEntry> regions,
                      std::vector<std::uint64_t> region_ids = {}) {
     std::vector<pdpb::ScheduleCommand> commands;
-    EXPECT_TRUE(
-        scheduler->Schedule({store_id, std::move(regions), std::move(region_ids)}, &commands).ok());
+    EXPECT_EQ(Send({store_id, std::move(regions), std::move(region_ids)}, &commands), "OK");
     Commands texts;
     for (const pdpb::ScheduleCommand& command : commands) texts.push_back(Text(command));
     return texts;
@@ -129,7 +137,7 @@ TEST_F(HeartbeatSchedulerTest, RefusesCommandsThatDoNotFitAFrameButCountsTheRepo
     std::vector<RegionHeartbeatEntry> entries;
     for (std::size_t i = 0; i < entry_count; ++i) entries.push_back({i, {2}, {}, {}});
     std::vector<pdpb::ScheduleCommand> commands;
-    return scheduler->Schedule({2, entries, {}}, &commands).ToString();
+    return Send({2, std::move(entries), {}}, &commands);
   };
   EXPECT_EQ(beat(63), "OK");
   SetTarget(3);

@@ -168,7 +168,7 @@ TEST_F(PdServiceTest, TakesWhatCannotBeReadForAbsentOrNamesIt) {
   const std::string failure = "Corruption: sst pread: Input/output error";
   EXPECT_EQ(Route("k"), failure);
   pdpb::RegionHeartbeatResponse answer;
-  EXPECT_EQ(service->RegionHeartbeat({1, {}, {8}}, &answer).ToString(), failure);
+  EXPECT_EQ(service->RegionHeartbeat({1, {}, {}}, &answer).ToString(), failure);
   EXPECT_FALSE(Bootstrap({1, "a", 0}, {2, "", "", {}, {}}));  // taken for a new cluster
   service.emplace(metadata.store.get(), 0);
   EXPECT_EQ(AllocId(1), 5097u);  // the mark that AllocId wrote is in memory, above the table

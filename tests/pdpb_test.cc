@@ -147,6 +147,21 @@ TEST(Decode, FollowsTheRules) {
   EXPECT_EQ(twice.region.end_key, "b");
 }
 
+// Lists that are read in place: of fields in any order, an unknown one and the last among them.
+TEST(Decode, ReadsIdsWhereTheyAreEncoded) {
+  const std::string bytes =
+      Hex("0200 08000000 0300000000000000 0400 08000000 0500000000000000 6300 01000000 02"
+          "0200 08000000 0400000000000000 0100 08000000 0900000000000000"
+          "0200 08000000 ffffffffffffffff");
+  RegionHeartbeatEntryView entry;
+  ASSERT_TRUE(Decode(bytes, &entry));
+  const auto ids = [](const IntegersView& view) { return std::vector(view.begin(), view.end()); };
+  EXPECT_EQ(ids(entry.member_store_ids), (std::vector<std::uint64_t>{3, 4, ~std::uint64_t{0}}));
+  EXPECT_EQ(ids(entry.caught_up_learner_store_ids), std::vector<std::uint64_t>());
+  EXPECT_EQ(ids(entry.candidate_store_ids), std::vector<std::uint64_t>{5});
+  EXPECT_FALSE(Decode(Hex("0200 04000000 03000000"), &entry));
+}
+
 // Six bytes in a message are an empty region, many times that in memory: some thousands are fine, a
 // million are not.
 TEST(Decode, RefusesElementsThatTakeMuchMoreMemoryThanTheirEncoding) {

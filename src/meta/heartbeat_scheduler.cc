@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -12,7 +13,8 @@ namespace kandb::meta {
 
 namespace {
 
-using pdpb::RegionHeartbeatEntry;
+using pdpb::RegionHeartbeatEntryView;
+using pdpb::RegionHeartbeatRequestView;
 using pdpb::ScheduleKind;
 using pdpb::Store;
 
@@ -39,8 +41,8 @@ class CommandList {
 // list to list, so that short ones cost no allocation.
 class IdSet {
  public:
-  void Assign(const std::vector<std::uint64_t>& list) {
-    ids = list;
+  void Assign(const pdpb::IntegersView& list) {
+    ids.assign(list.begin(), list.end());
     std::sort(ids.begin(), ids.end());
   }
   bool Contains(std::uint64_t id) const { return std::binary_search(ids.begin(), ids.end(), id); }
@@ -74,7 +76,7 @@ Status ReadStores(const store::MetaView& metadata, std::uint32_t target_replicas
 
 // --- Policy: promote learners ---
 
-void PromoteLearners(const RegionHeartbeatEntry& entry, CommandList* commands) {
+void PromoteLearners(const RegionHeartbeatEntryView& entry, CommandList* commands) {
   for (const std::uint64_t store_id : entry.caught_up_learner_store_ids) {
     commands->Add(ScheduleKind::kPromoteLearner, entry.region_id, store_id);
   }
@@ -83,8 +85,8 @@ void PromoteLearners(const RegionHeartbeatEntry& entry, CommandList* commands) {
 // --- Policy: keep replica count ---
 
 // On the first store that has no replica yet and can be reached.
-void AddPeer(const RegionHeartbeatEntry& entry, const std::vector<Store>& stores, IdSet* members,
-             CommandList* commands) {
+void AddPeer(const RegionHeartbeatEntryView& entry, const std::vector<Store>& stores,
+             IdSet* members, CommandList* commands) {
   members->Assign(entry.member_store_ids);
   const auto chosen = std::find_if(stores.begin(), stores.end(), [&](const Store& store) {
     return !members->Contains(store.id);
@@ -95,10 +97,10 @@ void AddPeer(const RegionHeartbeatEntry& entry, const std::vector<Store>& stores
 
 // Of the first candidate among the members, else the first member; never that of the reporting
 // store.
-void RemovePeer(const RegionHeartbeatEntry& entry, std::uint64_t reporter, IdSet* candidates,
+void RemovePeer(const RegionHeartbeatEntryView& entry, std::uint64_t reporter, IdSet* candidates,
                 CommandList* commands) {
   candidates->Assign(entry.candidate_store_ids);
-  const std::vector<std::uint64_t>& members = entry.member_store_ids;
+  const pdpb::IntegersView& members = entry.member_store_ids;
   auto chosen = std::find_if(members.begin(), members.end(), [&](std::uint64_t id) {
     return id != reporter && candidates->Contains(id);
   });
@@ -111,7 +113,7 @@ void RemovePeer(const RegionHeartbeatEntry& entry, std::uint64_t reporter, IdSet
 }
 
 // `ids` is working memory.
-void KeepReplicaCount(const RegionHeartbeatEntry& entry, std::uint64_t reporter,
+void KeepReplicaCount(const RegionHeartbeatEntryView& entry, std::uint64_t reporter,
                       std::uint32_t target_replicas, const std::vector<Store>& stores, IdSet* ids,
                       CommandList* commands) {
   if (target_replicas == 0) return;
@@ -134,7 +136,7 @@ bool IsStaleReplica(const store::MetaView& metadata, std::uint64_t region_id,
                       [&](const pdpb::Peer& peer) { return peer.store_id == store_id; });
 }
 
-void DestroyStaleReplicas(const pdpb::RegionHeartbeatRequest& request,
+void DestroyStaleReplicas(const RegionHeartbeatRequestView& request,
                           const store::MetaView& metadata, CommandList* commands) {
   for (const std::uint64_t region_id : request.region_ids) {
     if (commands->too_large()) return;
@@ -147,37 +149,37 @@ void DestroyStaleReplicas(const pdpb::RegionHeartbeatRequest& request,
 
 // Moves leadership to the candidate whose store leads fewest regions, if these are at least two
 // fewer than the reporting store leads.
-void BalanceLeaders(const pdpb::RegionHeartbeatRequest& request, std::size_t store_count,
+void BalanceLeaders(const RegionHeartbeatRequestView& request, std::size_t store_count,
                     const HeartbeatMarks& marks, CommandList* commands) {
   const std::uint64_t own = marks.RegionCount(request.store_id);
   if (store_count < 2 || own < 2) return;
   IdSet candidates;
-  for (const RegionHeartbeatEntry& entry : request.regions) {
+  for (const RegionHeartbeatEntryView& entry : request.regions) {
     candidates.Assign(entry.candidate_store_ids);
     std::uint64_t least = own - 1;  // to be chosen, a store must lead fewer
-    const std::uint64_t* chosen = nullptr;
-    for (const std::uint64_t& member : entry.member_store_ids) {
+    std::optional<std::uint64_t> chosen;
+    for (const std::uint64_t member : entry.member_store_ids) {
       if (member == request.store_id || !candidates.Contains(member)) continue;
       const std::uint64_t count = marks.RegionCount(member);
       if (count >= least) continue;
       least = count;
-      chosen = &member;
+      chosen = member;
     }
-    if (chosen == nullptr) continue;
+    if (!chosen) continue;
     commands->Add(ScheduleKind::kTransferLeader, entry.region_id, *chosen);
   }
 }
 
 }  // namespace
 
-Status HeartbeatScheduler::Schedule(const pdpb::RegionHeartbeatRequest& request,
+Status HeartbeatScheduler::Schedule(const RegionHeartbeatRequestView& request,
                                     std::vector<pdpb::ScheduleCommand>* commands) {
   const store::MetaView view = metadata->CaptureView();
   StoreSummary stores;
   if (Status s = ReadStores(view, target_replicas, &stores); !s.ok()) return s;
   CommandList list;
   IdSet ids;
-  for (const RegionHeartbeatEntry& entry : request.regions) {
+  for (const RegionHeartbeatEntryView& entry : request.regions) {
     if (list.too_large()) break;
     PromoteLearners(entry, &list);
     KeepReplicaCount(entry, request.store_id, target_replicas, stores.candidates, &ids, &list);
@@ -185,7 +187,7 @@ Status HeartbeatScheduler::Schedule(const pdpb::RegionHeartbeatRequest& request,
   DestroyStaleReplicas(request, view, &list);
   {
     MutexLock lock(&heartbeat_mutex);
-    for (const RegionHeartbeatEntry& entry : request.regions) {
+    for (const RegionHeartbeatEntryView& entry : request.regions) {
       heartbeat_marks.Mark(entry.region_id, request.store_id);
     }
     BalanceLeaders(request, stores.count, heartbeat_marks, &list);

@@ -31,7 +31,7 @@ class HeartbeatScheduler {
   // replica counts region by region, then stale replicas, then leaders. `*commands` is written only
   // on success. Fails as reading the stores' records does, or with Corruption "kanrpc: payload too
   // large" when the commands do not fit a frame; the regions are marked then all the same.
-  Status Schedule(const pdpb::RegionHeartbeatRequest& request,
+  Status Schedule(const pdpb::RegionHeartbeatRequestView& request,
                   std::vector<pdpb::ScheduleCommand>* commands) EXCLUDES(heartbeat_mutex);
 
  private:

@@ -40,7 +40,7 @@ Status PdService::UpsertRegion(const pdpb::UpsertRegionRequest& request,
   return region_router.Upsert(request);
 }
 
-Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequest& request,
+Status PdService::RegionHeartbeat(const pdpb::RegionHeartbeatRequestView& request,
                                   pdpb::RegionHeartbeatResponse* response) {
   return heartbeat_scheduler.Schedule(request, &response->commands);
 }

@@ -32,7 +32,7 @@ class PdService {
   Status GetRegion(const pdpb::GetRegionRequest& request, pdpb::GetRegionResponse* response);
   Status UpsertRegion(const pdpb::UpsertRegionRequest& request,
                       pdpb::UpsertRegionResponse* response);
-  Status RegionHeartbeat(const pdpb::RegionHeartbeatRequest& request,
+  Status RegionHeartbeat(const pdpb::RegionHeartbeatRequestView& request,
                          pdpb::RegionHeartbeatResponse* response);
 
   // Registers the six methods, "Pd.Tso" to "Pd.RegionHeartbeat". The server must be stopped before

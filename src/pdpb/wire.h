@@ -22,6 +22,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 #include <string>
 #include <string_view>
@@ -202,6 +203,50 @@ class DecodeBudget {
   std::size_t left;  // bytes
 };
 
+// The values of a repeated integer field, read where they are encoded: fields of one tag, perhaps
+// with others between them. The member that replaces a vector where a message is only read.
+class IntegersView {
+ public:
+  class Iterator {
+   public:
+    using value_type = std::uint64_t;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const std::uint64_t*;
+    using reference = std::uint64_t;
+    using iterator_category = std::input_iterator_tag;
+
+    Iterator(const char* first_field, std::size_t field_count)
+        : field(first_field), left(field_count) {}
+    std::uint64_t operator*() const { return LoadU64(field + kFieldHeaderSize); }
+    Iterator& operator++() {
+      if (--left == 0) return *this;  // there may be no field after the last
+      const std::uint16_t tag = LoadU16(field);
+      do field += kFieldHeaderSize + LoadU32(field + 2);
+      while (LoadU16(field) != tag);
+      return *this;
+    }
+    bool operator==(const Iterator& other) const { return left == other.left; }
+
+   private:
+    const char* field;  // of the current value: its header
+    std::size_t left;   // values from the current one on
+  };
+
+  Iterator begin() const { return {first, count}; }
+  Iterator end() const { return {first, 0}; }
+  std::size_t size() const { return count; }
+
+  // `value` is that of the next field with this tag, in the same buffer.
+  void Add(std::string_view value) {
+    if (count == 0) first = value.data() - kFieldHeaderSize;
+    ++count;
+  }
+
+ private:
+  const char* first = nullptr;  // header of the first field
+  std::size_t count = 0;
+};
+
 template <Message M>
 bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget);
 
@@ -228,6 +273,12 @@ bool DecodeValue(std::string_view value, T* member, DecodeBudget* budget) {
 template <class T>
 bool DecodeValue(std::string_view value, std::vector<T>* members, DecodeBudget* budget) {
   return DecodeValue(value, &members->emplace_back(), budget);
+}
+
+inline bool DecodeValue(std::string_view value, IntegersView* members, DecodeBudget*) {
+  if (value.size() != sizeof(std::uint64_t)) return false;
+  members->Add(value);
+  return true;
 }
 
 // Takes the next field off `*bytes`; false when it is torn. Always inline: out of line, the two
@@ -295,7 +346,8 @@ bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget) {
 // Decodes into a freshly constructed message; fields that do not occur keep their defaults, unknown
 // ones are skipped. False when `bytes` are not a whole number of fields, a known field does not fit
 // its member, or the elements exceed the budget above; the message is then partly filled. Throws
-// std::bad_alloc. Members of type std::string_view point into `bytes`.
+// std::bad_alloc. Members of type std::string_view or IntegersView point into
+// `bytes`.
 template <Message M>
 bool Decode(std::string_view bytes, M* message) {
   DecodeBudget budget(bytes.size());
