@@ -1,8 +1,10 @@
 #include "lsm/merging_iterator.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
+#include "common/check.h"
 #include "common/endian.h"
 
 namespace kandb::lsm {
@@ -74,53 +76,71 @@ void MergingIterator::HoldTournament() {
     // The keys between them have it too.
     prefix.resize(std::min(CommonPrefixLength(prefix, first), CommonPrefixLength(prefix, last)));
   }
-  losers.assign(count, {});
-  std::vector<Node> winners(2 * count);
-  for (std::size_t i = 0; i < count; ++i) winners[count + i] = NodeOf(i);
-  for (std::size_t at = count - 1; at > 0; --at) {
-    Node first = winners[2 * at];
-    Node second = winners[2 * at + 1];
-    const bool tie = first.head == second.head;
-    if (tie ? WinsTie(second.contestant, first.contestant) : second.head < first.head) {
-      std::swap(first, second);
-    }
-    winners[at] = first;
-    losers[at] = second;
+  // With as many leaves as a power of two every path to the root is equally long: a loop of varying
+  // length is mispredicted.
+  const std::size_t leaf_count = std::bit_ceil(count);
+  KANDB_CHECK(leaf_count <= kIndexMask, leaf_count);
+  losers.assign(leaf_count, kNobody);
+  std::vector<Node> winners(2 * leaf_count, kNobody);
+  for (std::size_t i = 0; i < count; ++i) {
+    winners[leaf_count + i] = NodeOf(contestants[i].batch.front().key, prefix.size(), i);
+    FindNext(&contestants[i], prefix.size(), i);
   }
-  winner = count == 1 ? 0 : winners[1].contestant;
+  for (std::size_t at = leaf_count - 1; at > 0; --at) {
+    winners[at] = winners[2 * at];
+    losers[at] = winners[2 * at + 1];
+    Play(&winners[at], &losers[at]);
+  }
+  winner = winners[1] & kIndexMask;
 }
 
-[[gnu::always_inline]] inline void MergingIterator::PlayAgain(std::size_t contestant) {
-  Node winning = NodeOf(contestant);
-  for (std::size_t at = (contestants.size() + contestant) / 2; at > 0; at /= 2) {
-    const Node loser = losers[at];
-    bool loses = loser.head < winning.head;
-    if (loser.head == winning.head) [[unlikely]] {
-      loses = WinsTie(loser.contestant, winning.contestant);
-    }
-    // An exchange without a branch, which would be mispredicted half of the time.
-    const std::uint64_t mask = std::uint64_t{0} - std::uint64_t{loses};
-    const Node change = {(loser.head ^ winning.head) & mask,
-                         (loser.contestant ^ winning.contestant) & mask};
-    losers[at] = {loser.head ^ change.head, loser.contestant ^ change.contestant};
-    winning = {winning.head ^ change.head, winning.contestant ^ change.contestant};
-  }
-  winner = winning.contestant;
+[[gnu::always_inline]] inline std::size_t MergingIterator::PlayAgain(std::size_t contestant,
+                                                                     Node node,
+                                                                     std::span<Node> tree) {
+  for (std::size_t at = (tree.size() + contestant) / 2; at > 0; at /= 2) Play(&node, &tree[at]);
+  return node & kIndexMask;
 }
 
-// Whether `a` comes before `b` when their heads are equal.
-[[gnu::noinline]] bool MergingIterator::WinsTie(std::size_t a, std::size_t b) {
+[[gnu::always_inline]] inline void MergingIterator::Play(Node* winning, Node* losing) {
+  Node first = *winning;
+  Node second = *losing;
+  if ((first | kIndexMask) == (second | kIndexMask)) [[unlikely]] {
+    if (WinsTie(second, first)) std::swap(first, second);
+    *winning = first;
+    *losing = second;
+    return;
+  }
+  // Without a branch, which would be mispredicted half of the time.
+  *winning = second < first ? second : first;
+  *losing = second < first ? first : second;
+}
+
+// Whether `a` comes before `b` when their keys have the same bits there.
+[[gnu::noinline]] bool MergingIterator::WinsTie(Node a, Node b) {
+  if (a == kNobody || b == kNobody) return b == kNobody;
   ++ties;
-  const int order = contestants[a].batch.front().key.compare(contestants[b].batch.front().key);
+  const std::size_t of_a = a & kIndexMask;
+  const std::size_t of_b = b & kIndexMask;
+  const int order =
+      contestants[of_a].batch.front().key.compare(contestants[of_b].batch.front().key);
   if (order != 0) return order < 0;
   // Who has the smallest key has met all that have the same or lost to one that has: so each but
   // the newest is found hidden before it wins.
-  contestants[std::max(a, b)].hidden = true;
-  return a < b;
+  contestants[std::max(of_a, of_b)].hidden = true;
+  return of_a < of_b;
 }
 
-inline MergingIterator::Node MergingIterator::NodeOf(std::size_t contestant) const {
-  return {Head(contestants[contestant].batch.front().key, prefix.size()), contestant};
+inline MergingIterator::Node MergingIterator::NodeOf(std::string_view key, std::size_t skip,
+                                                     std::size_t contestant) {
+  return (Head(key, skip) & ~kIndexMask) | contestant;
+}
+
+// Before the contestant needs it: to get there from the winner's index takes three loads, and the
+// matches would wait for them.
+[[gnu::always_inline]] inline void MergingIterator::FindNext(Contestant* contestant,
+                                                             std::size_t skip, std::size_t index) {
+  if (contestant->batch.size() < 2) return;
+  contestant->next = NodeOf(contestant->batch[1].key, skip, index);
 }
 
 // --- What it is for ---
@@ -151,7 +171,9 @@ bool MergingIterator::Refill() {
   if (!has_more) contestants.erase(contestants.begin() + static_cast<std::ptrdiff_t>(winner));
   if (has_more && ties < kMaxTies && last.batch.front().key.starts_with(prefix) &&
       last.batch.back().key.starts_with(prefix)) {
-    PlayAgain(winner);
+    FindNext(&last, prefix.size(), winner);
+    const Node first = NodeOf(last.batch.front().key, prefix.size(), winner);
+    winner = PlayAgain(winner, first, losers);
   } else {
     HoldTournament();
   }
@@ -160,9 +182,10 @@ bool MergingIterator::Refill() {
 
 // Whether the whole batch of the winner comes before all other contestants.
 bool MergingIterator::WinnerIsAlone() const {
-  const std::uint64_t last = Head(contestants[winner].batch.back().key, prefix.size());
-  for (std::size_t at = (contestants.size() + winner) / 2; at > 0; at /= 2) {
-    if (losers[at].head <= last) return false;
+  const Node last =
+      NodeOf(contestants[winner].batch.back().key, prefix.size(), winner) | kIndexMask;
+  for (std::size_t at = (losers.size() + winner) / 2; at > 0; at /= 2) {
+    if (losers[at] <= last && losers[at] != kNobody) return false;
   }
   return true;
 }
@@ -170,13 +193,25 @@ bool MergingIterator::WinnerIsAlone() const {
 // Up to the end of a batch: the entries of the one after it may take its place.
 void MergingIterator::Merge() {
   merged.clear();
+  // In registers: any store could change members, as far as the compiler knows.
+  Contestant* const list = contestants.data();
+  const std::span<Node> tree = losers;
+  const std::size_t skip = prefix.size();
+  std::size_t leading = winner;
   for (;;) {
-    Contestant& leader = contestants[winner];
-    if (!std::exchange(leader.hidden, false)) merged.push_back(leader.batch.front());
+    Contestant& leader = list[leading];
+    if (leader.hidden) [[unlikely]] {
+      leader.hidden = false;
+    } else {
+      merged.push_back(leader.batch.front());
+    }
     leader.batch = leader.batch.subspan(1);
     if (leader.batch.empty()) break;
-    PlayAgain(winner);
+    const std::size_t new_leading = PlayAgain(leading, leader.next, tree);
+    FindNext(&leader, skip, leading);
+    leading = new_leading;
   }
+  winner = leading;
   run = merged;
 }
 

@@ -4,7 +4,7 @@
 // The sources play a tournament (Knuth, "The Art of Computer Programming", volume 3, 5.4.1: a tree
 // of losers). Each inner node keeps the loser of its match, so after the winner has moved on, it
 // only meets the losers on its way to the root: one comparison a level. The keys of a scan begin
-// alike, and behind their common prefix eight bytes mostly decide. They are kept in the nodes as
+// alike, and after their common prefix six bytes mostly decide. They are kept in the nodes as
 // numbers, so that a match reads no key.
 #pragma once
 
@@ -45,25 +45,32 @@ class MergingIterator {
   const EntryView& entry() const { return run.front(); }
 
  private:
+  // What a match compares, in one number: 48 bits of the contestant's first key, above its index.
+  using Node = std::uint64_t;
+  static constexpr Node kIndexMask = 0xffff;
+  static constexpr Node kNobody = ~Node{0};  // loses every match
+
   // A source that has entries left.
   struct Contestant {
     EntrySource* source;
     std::span<const EntryView> batch = {};  // the rest of the source's, up to the end of the merge
-    bool at_end = false;                    // that end is in the batch
+    Node next = kNobody;                    // of the second entry of the batch, if there is one
+    bool at_end = false;                    // the end of the merge is in the batch
     bool hidden = false;                    // a newer entry has the key of the first one
-  };
-  struct Node {
-    std::uint64_t head;      // of the contestant's first key
-    std::size_t contestant;  // its index
   };
 
   // Takes over the batch of the source; false when it has no entry before the end.
   bool TakeBatch(Contestant* contestant);
   void HoldTournament();
-  // Plays the matches from a contestant's leaf to the root.
-  void PlayAgain(std::size_t contestant);
-  bool WinsTie(std::size_t a, std::size_t b);
-  Node NodeOf(std::size_t contestant) const;
+  // Plays the matches of a contestant from its leaf to the root, given the node of its first
+  // entry; gives the winner's index.
+  std::size_t PlayAgain(std::size_t contestant, Node node, std::span<Node> tree);
+  // Puts the node first that comes first in the merge.
+  void Play(Node* winning, Node* losing);
+  bool WinsTie(Node a, Node b);
+  // `skip`: the length of the prefix.
+  static Node NodeOf(std::string_view key, std::size_t skip, std::size_t contestant);
+  static void FindNext(Contestant* contestant, std::size_t skip, std::size_t index);
 
   void NextRun();
   // Replaces the used-up batch of the winner; false when there are no more entries.
@@ -76,9 +83,9 @@ class MergingIterator {
 
   std::vector<Contestant> contestants;  // newest first
   std::string prefix;                   // of all keys in their batches
-  std::vector<Node> losers;             // node i is above the nodes 2i and 2i+1; 0 is unused
-  std::size_t winner = 0;
-  std::size_t ties = 0;  // matches that heads did not decide, since the prefix was chosen
+  std::vector<Node> losers;  // node i is above the nodes 2i and 2i+1; 0 is unused; a power of two
+  std::size_t winner = 0;    // a contestant's index
+  std::size_t ties = 0;      // matches that nodes did not decide, since the prefix was chosen
 
   // What is returned next: a batch, or entries that were merged up to the end of one.
   std::span<const EntryView> run;
