@@ -32,7 +32,7 @@ simulate() {
     port=$((20000 + RANDOM % 12000))
     ! serve "$1" "$port" || break
   done
-  "$sim" --server "127.0.0.1:$port" --reconnect-ms 20000 --rounds 100 --interval-ms 50 --lookups 300 --measure-ms 1 \
+  "$sim" --server "127.0.0.1:$port" --reconnect-ms 20000 --rounds 100 --interval-ms 50 --lookups 100 --measure-ms 1 \
     >"$disk/report" 2>"$disk/progress" &
   simulator=$!
   exec {progress}<"$disk/progress"

@@ -38,7 +38,8 @@ class Session {
   // While no answer comes the call is tried again, for the reconnect time from its start on. Every
   // method allows that: numbers that were handed out by a lost answer stay unused, and a record is
   // written twice. Records of a change may be overtaken by newer ones, but not here: no region is
-  // in two requests of a step, and a step ends before the next begins.
+  // in two requests of a step, a step ends before the next begins, and a server that was killed
+  // carries out nothing later.
   template <class Request, class Response>
   Status Call(Status (client::PdClient::*method)(const Request&, Response*),
               const std::type_identity_t<Request>& request, Response* answer) {
