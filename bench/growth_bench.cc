@@ -23,10 +23,10 @@ struct Options {
   std::vector<std::uint64_t> regions = {1000, 10000, 100000, 1000000};
   std::vector<std::uint64_t> stores = {3, 10, 100, 1000};
   std::vector<int> connections = {1, 10, 100, 1000, 10000};
-  int active = 1000;                   // connections that send, at most
-  std::uint64_t log_regions = 250000;  // whose records take 60 MB of log
-  std::uint64_t changes_mb = 1000;     // as they are stored
-  double changes_seconds = 60;         // at most
+  std::vector<std::uint64_t> log_regions = {100000, 250000};
+  int active = 1000;                // connections that send, at most
+  std::uint64_t changes_mb = 1000;  // as they are stored
+  double changes_seconds = 60;      // at most
   std::string only;
 };
 
@@ -146,26 +146,28 @@ void GrowConnections(const Options& options) {
 void Start(const Options& options) {
   std::printf(
       "\nStart, from the fork to the first line printed, median of three.\n\n"
-      "| state | log MB | tables | ms |\n|---|---:|---:|---:|\n");
-  const auto print = [](const char* state, Server* server) {
+      "| regions | state | log MB | tables | ms |\n|---:|---|---:|---:|---:|\n");
+  const auto print = [](std::uint64_t regions, const char* state, Server* server) {
     const double log_mb = static_cast<double>(LogBytes(*server)) / 1e6;
     const std::size_t tables = server->CountFiles("sst-", ".sst");
-    std::printf("| %s | %.1f | %zu | %.0f |\n", state, log_mb, tables,
-                MedianRestart(server) * 1000);
+    std::printf("| %llu | %s | %.1f | %zu | %.0f |\n", static_cast<unsigned long long>(regions),
+                state, log_mb, tables, MedianRestart(server) * 1000);
     (void)std::fflush(stdout);
   };
   Server empty;
-  print("empty", &empty);
-  for (const FillOrder order : {FillOrder::kKeys, FillOrder::kRandom}) {
-    Server logged;
-    logged.Fill({options.log_regions, 3}, order);
-    print(order == FillOrder::kKeys ? "all in the log, key order" : "all in the log, random order",
-          &logged);
+  print(0, "empty", &empty);
+  for (const std::uint64_t regions : options.log_regions) {
+    for (const FillOrder order : {FillOrder::kKeys, FillOrder::kRandom}) {
+      Server logged;
+      logged.Fill({regions, 3}, order);
+      const bool keys = order == FillOrder::kKeys;
+      print(regions, keys ? "all in the log, key order" : "all in the log, random order", &logged);
+    }
   }
   Server flushed;
   flushed.Fill({options.regions.back(), 3}, FillOrder::kRandom);
   flushed.FlushMemTable();
-  print("all in tables", &flushed);
+  print(options.regions.back(), "all in tables", &flushed);
 }
 
 // A line of /proc/<pid>/io.

@@ -17,6 +17,6 @@ _kandb_sim() {
   esac
   mapfile -t COMPREPLY < <(compgen -W "--help --spawn --server --stores --regions --target-replicas --rounds
     --quiet-rounds --interval-ms --splits --merges --failures --down-rounds --catch-up-rounds --transfers --lookups
-    --walk --measure-ms --connections --threads --seed" -- "$current")
+    --walk --measure-ms --reconnect-ms --connections --threads --seed" -- "$current")
 }
 complete -F _kandb_sim kandb-sim

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <new>
 #include <sstream>
 
 #include "meta/pd_service.h"
@@ -41,7 +43,8 @@ TEST(Sim, RepeatsARunWithItsSeed) {
   EXPECT_EQ(kinds, 5);
 }
 
-// Runs the simulator against a server that calls `spoil` after each call of one method.
+// Runs the simulator against a server that calls `spoil` after each call of one method. Lost calls
+// are tried again; without a `finding` the run ends well.
 template <class Req, class Resp>
 void ExpectFinding(const char* finding, const char* name,
                    Status (PdService::*method)(const Req&, Resp*),
@@ -58,9 +61,10 @@ void ExpectFinding(const char* finding, const char* name,
     return status;
   });
   ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
-  const auto run = testing::RunTool({"--server=127.0.0.1:" + std::to_string(server.port()),
-                                     "--quiet-rounds=5", "--interval-ms=0"});
-  EXPECT_EQ(run.exit_status, 1);
+  const auto run =
+      testing::RunTool({"--server=127.0.0.1:" + std::to_string(server.port()), "--quiet-rounds=5",
+                        "--interval-ms=0", "--measure-ms=1", "--reconnect-ms=20000"});
+  EXPECT_EQ(run.exit_status, finding[0] == 0 ? 0 : 1) << name;
   EXPECT_NE(run.err.find(finding), std::string::npos) << run.err;
 }
 
@@ -69,6 +73,12 @@ TEST(Sim, FindsTheFaultOfAServer) {
                 [](auto*, auto* answer) { answer->first_id = 7; });
   ExpectFinding("not above the last", "Pd.Tso", &PdService::Tso,
                 [](auto*, auto* answer) { answer->timestamp = 7; });
+  // After a check of as many calls the clock is an hour back.
+  ExpectFinding("is not above those of the round before", "Pd.Tso", &PdService::Tso,
+                [](auto*, auto* answer) {
+                  static std::atomic<int> calls = 0;
+                  if (++calls > 20) answer->timestamp -= std::uint64_t{3600000} << 18;
+                });
   ExpectFinding("the server says region", "Pd.GetRegion", &PdService::GetRegion,
                 [](auto*, auto* answer) { ++answer->region.id; });
   ExpectFinding("regions are complete after 5 quiet rounds", "Pd.RegionHeartbeat",
@@ -89,6 +99,21 @@ TEST(Sim, FindsTheFaultOfAServer) {
                   pdpb::BootstrapResponse done;
                   (void)service->Bootstrap({}, &done);
                 });
+}
+
+// The call is carried out, and the connection then ends.
+void LoseSomeAnswers(PdService*, auto*) {
+  static std::atomic<int> calls = 0;
+  if (calls++ % 50 == 0) throw std::bad_alloc();
+}
+
+TEST(Sim, GoesOnWhenAnswersAreLost) {
+  ExpectFinding("", "Pd.Tso", &PdService::Tso, LoseSomeAnswers);
+  ExpectFinding("", "Pd.AllocId", &PdService::AllocId, LoseSomeAnswers);
+  ExpectFinding("", "Pd.Bootstrap", &PdService::Bootstrap, LoseSomeAnswers);
+  ExpectFinding("", "Pd.GetRegion", &PdService::GetRegion, LoseSomeAnswers);
+  ExpectFinding("", "Pd.UpsertRegion", &PdService::UpsertRegion, LoseSomeAnswers);
+  ExpectFinding("", "Pd.RegionHeartbeat", &PdService::RegionHeartbeat, LoseSomeAnswers);
 }
 
 }  // namespace

@@ -17,4 +17,13 @@ RemoteFailure RemoteFailureOf(const Status& status) {
   return RemoteFailure::kOther;
 }
 
+bool IsUnanswered(const Status& status) {
+  if (RemoteFailureOf(status) != RemoteFailure::kNone) return false;
+  for (const std::string_view text : {"cannot connect to ", "kanrpc: connection closed",
+                                      "kanrpc io: ", "kanrpc poll: ", "kanrpc: io timeout"}) {
+    if (status.message().find(text) != std::string::npos) return true;
+  }
+  return false;
+}
+
 }  // namespace kandb::tools

@@ -17,4 +17,9 @@ enum class RemoteFailure {
 // before the text.
 RemoteFailure RemoteFailureOf(const Status& status);
 
+// Whether the call failed because there was no connection, or because it ended or stood still
+// before the answer: the server may or may not have carried it out. Not when there was an answer,
+// even one that could not be read.
+bool IsUnanswered(const Status& status);
+
 }  // namespace kandb::tools

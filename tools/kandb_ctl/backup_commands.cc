@@ -48,9 +48,11 @@ int RunBackup(const Arguments& arguments, const store::StoreCrypto& crypto, bool
   if (json) {
     PrintJson(contents);
   } else {
-    std::printf("%s: the state at %s, %zu tables, %zu WALs, next id %s\n", arguments.to.c_str(),
+    const Json& mark = contents["id_mark"];
+    std::printf("%s: the state at %s, %zu tables, %zu WALs, %s\n", arguments.to.c_str(),
                 contents["made_at"].get<std::string>().c_str(), contents["tables"].size(),
-                contents["wals"].size(), contents["id_mark"].dump().c_str());
+                contents["wals"].size(),
+                mark.is_null() ? "no id mark" : ("next id " + mark.dump()).c_str());
     for (const Json& wal : contents["wals"]) {
       if (wal["left_out"] == 0) continue;
       std::printf("%s: %s bytes of an unfinished record left out\n",

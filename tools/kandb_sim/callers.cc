@@ -16,8 +16,8 @@ Callers::Connection::Connection(const std::string& server)
     : rpc(server, {.timeout_ms = kTimeoutMs, .attempts = 1}), pd(&rpc) {}
 
 Callers::Callers(const std::string& server, std::size_t connection_count, std::size_t threads,
-                 Tick tick)
-    : on_tick(std::move(tick)), latencies(threads) {
+                 std::chrono::milliseconds reconnect_time, Tick tick)
+    : on_tick(std::move(tick)), reconnect(reconnect_time), latencies(threads) {
   for (std::size_t i = 0; i < connection_count; ++i) {
     connections.push_back(std::make_unique<Connection>(server));
   }
@@ -51,7 +51,7 @@ Status Callers::RunThread(Latencies* measured, std::atomic<std::size_t>* next) {
   for (;;) {
     const std::size_t index = next->fetch_add(1, std::memory_order_relaxed);
     if (index >= connections.size()) return {};
-    Session session(&connections[index]->pd, measured);
+    Session session(&connections[index]->pd, measured, reconnect);
     for (const Task& task : connections[index]->tasks) {
       if (Status s = task(&session); !s.ok()) {
         next->store(connections.size(), std::memory_order_relaxed);  // nothing left for others
@@ -59,6 +59,7 @@ Status Callers::RunThread(Latencies* measured, std::atomic<std::size_t>* next) {
       }
       done_count.fetch_add(1, std::memory_order_relaxed);
     }
+    interrupted_count.fetch_add(session.interrupted_calls(), std::memory_order_relaxed);
   }
 }
 

@@ -58,6 +58,8 @@ void AddOptions(CLI::App* app, Options* options) {
   add("--lookups", &options->lookups_per_round, 0, 100000, "lookups checked after each step");
   add("--walk", &options->walk_limit, 1, 100000, "most regions that the walk looks up");
   add("--measure-ms", &options->measure_ms, 0, 600000, "milliseconds for each measurement");
+  add("--reconnect-ms", &options->reconnect_ms, 0, 600000,
+      "milliseconds for which a call that is not answered is tried again");
   add("--connections", &options->connection_count, 1, 1000,
       "connections, at most one for each store");
   add("--threads", &options->thread_count, 1, 64, "threads that drive the connections");

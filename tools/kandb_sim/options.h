@@ -30,6 +30,7 @@ struct Options {
   std::uint32_t lookups_per_round = 20;
   std::uint32_t walk_limit = 10000;  // most regions that the walk looks up
   std::uint32_t measure_ms = 500;    // for each kind of heartbeat whose cost is measured
+  std::uint32_t reconnect_ms = 0;    // from its start a call without an answer is tried again
   std::uint32_t connection_count = 64;
   std::uint32_t thread_count = 4;
   std::uint64_t seed = 1;

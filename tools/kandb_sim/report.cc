@@ -106,6 +106,9 @@ void PrintReport(const Options& options, const Results& results) {
       {"leaders of a store", "min", "median", "max"},
       {LeadersRow("before", results.leaders_before), LeadersRow("after", results.leaders_after)});
   PrintLatencies(results);
+  if (options.reconnect_ms > 0) {
+    PrintTable({"calls tried again"}, {{Text(results.interrupted_calls)}});
+  }
   PrintCosts(results);
   PrintTable(
       {"checked: lookups", "walked", "during changes", "found nothing", "ids", "timestamps"},

@@ -42,6 +42,8 @@ struct Results {
   std::array<std::uint64_t, 6> commands_given{};
   std::array<std::uint64_t, 6> commands_done{};
 
+  std::uint64_t interrupted_calls = 0;  // answered after more than one try
+
   // Checks.
   std::uint64_t lookups = 0;  // at rest, those of the walk included
   std::uint64_t lookups_during_changes = 0;

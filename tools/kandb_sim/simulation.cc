@@ -28,6 +28,7 @@ Simulation::Simulation(const Options& run_options, const std::string& server,
       spawned(own_server),
       random(options.seed),
       callers(server, std::min(options.connection_count, options.store_count), options.thread_count,
+              std::chrono::milliseconds(options.reconnect_ms),
               [this](std::size_t done, std::size_t all) { ShowProgress(done, all); }) {}
 
 Status Simulation::Run() {
@@ -47,6 +48,7 @@ Status Simulation::Run() {
   phase_name = "walking the key space";
   if (Status s = Walk(); !s.ok()) return s;
   seen.latencies = callers.TotalLatencies();
+  seen.interrupted_calls = callers.interrupted_calls();
   phase_name = "measuring";
   return MeasureCosts();
 }
@@ -82,7 +84,8 @@ Status Simulation::SetUp() {
   callers.Add(0, [&](Session* session) -> Status {
     pdpb::BootstrapResponse answer;
     if (Status s = session->Call(&PdClient::Bootstrap, request, &answer); !s.ok()) return s;
-    return answer.already_bootstrapped ? in_use : Status();
+    // A try without an answer may have made the cluster. The lookups tell whether it is another.
+    return answer.already_bootstrapped && !session->was_interrupted() ? in_use : Status();
   });
   if (Status s = callers.RunAll(); !s.ok()) return s;
   std::vector<std::size_t> others;

@@ -69,6 +69,7 @@ class Simulation {
   std::vector<std::uint64_t> ids;  // from the server, not used yet
   tools::DisjointRanges all_ids;
   std::uint64_t timestamps_end = 0;  // above all timestamps of earlier rounds
+  std::uint64_t walked_after = 0;    // interrupted calls
   const char* phase_name = "";
   SteadyClock::time_point next_progress;
   Results seen;
