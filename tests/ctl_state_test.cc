@@ -314,6 +314,29 @@ TEST(StateDump, OpensSealedValuesAndFailsForOthers) {
 )");
 }
 
+TEST(StateRegions, ListsThoseThatAreAskedFor) {
+  const pdpb::Peer voter = {9, 1, {}};
+  const pdpb::Peer learner = {8, 2, pdpb::PeerRole::kLearner};
+  const TempDir dir;
+  Write(dir.path(), 1 << 20,
+        Regions({{1, "", "b", {}, {voter}},
+                 {2, "b", "\xff", {}, {voter, learner}},
+                 {3, "\xff", "", {}, {}}}));
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{}, "1,2,3,"},
+      {{"--key", ""}, "1,"},
+      {{"--key", "b"}, "2,"},
+      {{"--key", "hex:ff"}, "3,"},
+      {{"--voters", "0"}, "3,"},
+      {{"--voters", "0", "1", "--learners", "0"}, "1,3,"}};
+  for (const auto& [options, ids] : cases) {
+    std::vector<std::string> command = {"--json", "state", "regions", dir.path()};
+    command.insert(command.end(), options.begin(), options.end());
+    const std::string out = RunTool(command).out;
+    EXPECT_EQ(std::regex_replace(out, std::regex("\\{\"id\":([0-9]+,).*\n"), "$1"), ids) << out;
+  }
+}
+
 TEST(StateCommands, RefuseTheDirectoryOfARunningServer) {
   const TempDir dir;
   std::unique_ptr<lsm::LsmDb> db;
