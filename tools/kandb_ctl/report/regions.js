@@ -5,11 +5,16 @@ let ordered = regions;
 let matching = regions;
 let rowsShown = 0;
 
-function addCell(row, label, text = '', className = '') {
-  const cell = add(row, 'td', '', className);
+function addCell(row, label, text = '') {
+  const cell = add(row, 'td', text);
   cell.dataset.label = label;
-  addText(cell, text);
   return cell;
+}
+
+function addKeyCell(row, label, text) {
+  const cell = addCell(row, label);
+  cell.className = 'key';
+  addText(cell, text);
 }
 
 function showMoreRows() {
@@ -22,8 +27,8 @@ function showMoreRows() {
     } else {
       addCell(row, 'Region', `${region.id} (covers nothing)`);
     }
-    addCell(row, 'Start', lowerText(region.begin), 'key');
-    addCell(row, 'End', upperText(region.end), 'key');
+    addKeyCell(row, 'Start', lowerText(region.begin));
+    addKeyCell(row, 'End', upperText(region.end));
     if (region.id === '') {
       addCell(row, 'Faults', faultsOf(region)).colSpan = 2;
       continue;
