@@ -61,6 +61,7 @@ _kandb_ctl() {
     state)
       candidates="summary dump verify regions stores"
       [[ ! $sub ]] || candidates="--live --id --passphrase-file"
+      [[ $sub != regions ]] || candidates+=" --key --voters --learners"
       ;;
     wal | table) candidates="--passphrase-file" ;;
     report) candidates="--out --live --passphrase-file" ;;

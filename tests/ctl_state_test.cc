@@ -314,6 +314,29 @@ TEST(StateDump, OpensSealedValuesAndFailsForOthers) {
 )");
 }
 
+TEST(StateRegions, ListsThoseThatAreAskedFor) {
+  const pdpb::Peer voter = {9, 1, {}};
+  const pdpb::Peer learner = {8, 2, pdpb::PeerRole::kLearner};
+  const TempDir dir;
+  Write(dir.path(), 1 << 20,
+        Regions({{1, "", "b", {}, {voter}},
+                 {2, "b", "\xff", {}, {voter, learner}},
+                 {3, "\xff", "", {}, {}}}));
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{}, "1,2,3,"},
+      {{"--key", ""}, "1,"},
+      {{"--key", "b"}, "2,"},
+      {{"--key", "hex:ff"}, "3,"},
+      {{"--voters", "0"}, "3,"},
+      {{"--voters", "0", "1", "--learners", "0"}, "1,3,"}};
+  for (const auto& [options, ids] : cases) {
+    std::vector<std::string> command = {"--json", "state", "regions", dir.path()};
+    command.insert(command.end(), options.begin(), options.end());
+    const std::string out = RunTool(command).out;
+    EXPECT_EQ(std::regex_replace(out, std::regex("\\{\"id\":([0-9]+,).*\n"), "$1"), ids) << out;
+  }
+}
+
 TEST(StateCommands, RefuseTheDirectoryOfARunningServer) {
   const TempDir dir;
   std::unique_ptr<lsm::LsmDb> db;
@@ -347,11 +370,17 @@ TEST(StateCommands, RefuseADirectoryWithoutState) {
 TEST(StateCommands, CountTheSameFindings) {
   const TempDir dir;
   Write(dir.path(), 1 << 20, {Put("pd/region/1", pdpb::Region{1, "b", "", {}, {}})});
+  WriteFile(dir.File("wal-000009.log"), "");
   const ToolResult summary = RunTool({"--json", "state", "summary", dir.path()});
   const ToolResult report = RunTool({"report", dir.path(), "--out", dir.File("page")});
   EXPECT_EQ(Verify(dir.path()),
             "pd/region/: no region from the first key to b\npd/region/1: no peers\n");
   EXPECT_TRUE(summary.out.ends_with("\"findings\":2}\n")) << summary.out;
+  EXPECT_NE(summary.out.find(R"("next_file":10,"deletes":[])"), summary.out.npos) << summary.out;
+  const std::string page = ReadFile(dir.File("page"));
+  for (const char* text : {">Next file number</dt><dd>10</dd>", ">wal-000009.log</td>"}) {
+    EXPECT_NE(page.find(text), page.npos) << text;
+  }
   EXPECT_EQ(report.out, dir.File("page") + ": 2 findings\n");
   EXPECT_EQ(report.exit_status, 1);
   Write(dir.path(), 1 << 20, {{lsm::kDelete, "pd/region/1", ""}});

@@ -1,4 +1,4 @@
-// Runs the tool under test (KANDB_TOOL_BINARY) as a child process, to its end.
+// Runs the tool under test (KANDB_TOOL_BINARY), or another program, as a child process, to its end.
 #pragma once
 
 #include <fcntl.h>
@@ -22,8 +22,8 @@ struct ToolResult {
 };
 
 // The streams are files, so that none can fill up while another is waited for.
-inline ToolResult RunTool(const std::vector<std::string>& arguments,
-                          const std::string& input = "") {
+inline ToolResult RunTool(const std::vector<std::string>& arguments, const std::string& input = "",
+                          const std::string& program = KANDB_TOOL_BINARY) {
   const TempDir dir;
   const std::string streams[] = {dir.File("in"), dir.File("out"), dir.File("err")};
   WriteFile(streams[0], input);
@@ -36,7 +36,7 @@ inline ToolResult RunTool(const std::vector<std::string>& arguments,
       ::dup2(::open(streams[fd].c_str(), flags | O_CLOEXEC, 0600), fd);
     }
   };
-  tools::ChildProcess tool(KANDB_TOOL_BINARY, arguments, {.in_child = in_child});
+  tools::ChildProcess tool(program, arguments, {.in_child = in_child});
   std::string unused;  // standard error is a file
   const int exit_status = tool.WaitForExit(&unused);
   return {exit_status, ReadFile(streams[1]), ReadFile(streams[2])};

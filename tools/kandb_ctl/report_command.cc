@@ -1,12 +1,15 @@
 // kandb-ctl report: a state directory as a page to look at.
 
 #include <fcntl.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 
 #include "common/posix_file.h"
 #include "kandb_ctl/command.h"
@@ -15,6 +18,7 @@
 #include "kandb_ctl/report_page.h"
 #include "kandb_ctl/state_capture.h"
 #include "kandb_ctl/state_directory.h"
+#include "kandb_ctl/state_summary.h"
 #include "kandb_ctl/verify_directory.h"
 #include "tools/common/exit_status.h"
 
@@ -40,6 +44,27 @@ Status WritePage(const std::string& path, const std::string& page) {
   return Status::Corruption("cannot write " + path + ": " + ErrnoText(error));
 }
 
+// The page may be read on another machine, and long after.
+ReportSource SourceOf(const Arguments& arguments, const std::string& live_at) {
+  std::error_code error;
+  std::string dir = std::filesystem::absolute(arguments.dir, error);
+  if (error) dir = arguments.dir;
+  ReportSource source{.dir = dir,
+                      .live_at = live_at,
+                      .arguments = {dir},
+                      .host = "an unknown host",
+                      .version = KANDB_VERSION,
+                      .made_at = std::chrono::system_clock::now()};
+  if (arguments.live) source.arguments.emplace_back("--live");
+  if (!arguments.passphrase_file.empty()) {
+    source.arguments.insert(source.arguments.end(),
+                            {"--passphrase-file", arguments.passphrase_file});
+  }
+  utsname names{};
+  if (::uname(&names) == 0) source.host = static_cast<const char*>(names.nodename);
+  return source;
+}
+
 int Report(const Arguments& arguments, bool json) {
   if (Status s = RequireState(arguments.dir); !s.ok()) return Fail(s);
   ReadableDirectory dir;
@@ -48,10 +73,14 @@ int Report(const Arguments& arguments, bool json) {
   if (Status s = ReadPassphraseFile(arguments.passphrase_file, &crypto); !s.ok()) return Fail(s);
   // First, so that its copy of the records is gone before the next is read.
   const std::vector<Finding> findings = VerifyDirectory(dir.path(), crypto, [](double) {}).findings;
+  Json files;
   ClusterState cluster;
-  if (Status s = LoadCluster(dir.path(), crypto, &cluster); !s.ok()) return Fail(s);
-  const std::string page =
-      ReportPage(arguments.dir, std::chrono::system_clock::now(), cluster, findings);
+  {
+    lsm::ReadView view;
+    if (Status s = SummarizeFiles(dir.path(), &files, &view); !s.ok()) return Fail(s);
+    if (Status s = LoadCluster(view, crypto, &cluster); !s.ok()) return Fail(s);
+  }
+  const std::string page = ReportPage(SourceOf(arguments, dir.live_at()), files, cluster, findings);
   if (Status s = WritePage(arguments.out, page); !s.ok()) return Fail(s);
   if (json) {
     Json result = {{"out", arguments.out}, {"findings", findings.size()}};

@@ -1,15 +1,17 @@
-// The files of the report page, from tools/kandb_ctl/report; the build makes their definitions.
+// The files of the state directory on the report page, and what the next start makes of them.
 #pragma once
 
-#include <string_view>
+#include <string>
+
+#include "kandb_ctl/json_message.h"
+#include "kandb_ctl/report_page.h"
+#include "kandb_ctl/state_directory.h"
 
 namespace kandb::ctl {
 
-// The page, with a {{name}} for each part that is filled in.
-extern const std::string_view page_html;
-
-extern const std::string_view style_css;
-extern const std::string_view regions_js;  // reads the page's data, fills the table of regions
-extern const std::string_view band_js;     // draws the band from what regions_js has read
+// `files` as for ReportPage.
+std::string NextStartSection(const ReportSource& source, const Json& files,
+                             const ClusterState& cluster);
+std::string FilesSection(const Json& files);
 
 }  // namespace kandb::ctl

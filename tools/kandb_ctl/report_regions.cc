@@ -1,10 +1,10 @@
 #include "kandb_ctl/report_regions.h"
 
 #include <algorithm>
-#include <map>
 #include <optional>
 #include <string>
-#include <utility>
+
+#include "kandb_ctl/replica_count.h"
 
 namespace kandb::ctl {
 
@@ -12,13 +12,16 @@ namespace {
 
 // What is remarkable about a region, as bits.
 enum Mark : std::uint8_t {
+  kUnremarkable = 0,
   kGapBefore = 1,
   kOverlaps = 2,
   kEmptyRange = 4,
   kBesideFault = 8,
-  kUnusualReplicas = 16,
-  kListed = 32,
+  kFewVoters = 16,
+  kUnusualReplicas = 32,
+  kListed = 64,
 };
+constexpr unsigned kFault = kGapBefore | kOverlaps | kEmptyRange | kBesideFault;
 
 class Chooser {
  public:
@@ -27,9 +30,12 @@ class Chooser {
 
   ShownRegions Choose() {
     MarkFaults();
-    MarkUnusual();
-    List(kGapBefore | kOverlaps | kEmptyRange | kBesideFault);
-    List(kUnusualReplicas);
+    MarkReplicas();
+    // Faults leave half of the room to regions at risk, and take what these leave.
+    List(kFault, 2);
+    List(kFewVoters, 1);
+    List(kFault, 1);
+    List(kUnusualReplicas, 1);
     ShownRegions shown;
     shown.regions = ListedRegions();
     AddBins(&shown);
@@ -38,8 +44,8 @@ class Chooser {
 
  private:
   void MarkFaults();
-  void MarkUnusual();
-  void List(unsigned which);
+  void MarkReplicas();
+  void List(unsigned which, std::size_t share);  // within limits divided by `share`
   std::vector<pdpb::Region> ListedRegions() const;
   void AddBins(ShownRegions* shown) const;
 
@@ -77,31 +83,24 @@ void Chooser::MarkFaults() {
   if (furthest && !reaches_end) marks[*furthest] |= kBesideFault;
 }
 
-void Chooser::MarkUnusual() {
-  using Replicas = std::pair<std::size_t, std::size_t>;  // voters, learners
-  const auto replicas_of = [](const pdpb::Region& region) {
-    const auto is_learner = [](const auto& peer) { return peer.role == pdpb::PeerRole::kLearner; };
-    const auto learners = static_cast<std::size_t>(
-        std::count_if(region.peers.begin(), region.peers.end(), is_learner));
-    return Replicas{region.peers.size() - learners, learners};
-  };
-  std::map<Replicas, std::size_t> counts;
-  for (const pdpb::Region& region : list) ++counts[replicas_of(region)];
-  const auto fewer = [](const auto& a, const auto& b) { return a.second < b.second; };
-  const Replicas usual = std::max_element(counts.begin(), counts.end(), fewer)->first;
-  std::vector<bool> unusual;
-  unusual.reserve(list.size());
-  for (const pdpb::Region& region : list) unusual.push_back(replicas_of(region) != usual);
-  for (std::size_t i = 0; i < order.size(); ++i) {
-    if (unusual[order[i].position]) marks[i] |= kUnusualReplicas;
+void Chooser::MarkReplicas() {
+  const ReplicaCounts counts = CountByReplicas(list);
+  const ReplicaCount usual = UsualReplicas(counts)->first;
+  std::vector<Mark> replica_marks;  // in the order of the list
+  replica_marks.reserve(list.size());
+  for (const pdpb::Region& region : list) {
+    const ReplicaCount replicas = CountReplicas(region);
+    const Mark unless_few = replicas == usual ? kUnremarkable : kUnusualReplicas;
+    replica_marks.push_back(replicas.voters < usual.voters ? kFewVoters : unless_few);
   }
+  for (std::size_t i = 0; i < order.size(); ++i) marks[i] |= replica_marks[order[i].position];
 }
 
-void Chooser::List(unsigned which) {
-  for (std::size_t i = 0; i < order.size() && listed_count < limits.alone; ++i) {
+void Chooser::List(unsigned which, std::size_t share) {
+  for (std::size_t i = 0; i < order.size() && listed_count < limits.alone / share; ++i) {
     if ((marks[i] & which) == 0 || (marks[i] & kListed) != 0) continue;
     const std::size_t bytes = order[i].start_key.size() + order[i].end_key.size();
-    if (listed_bytes + bytes > limits.key_bytes) return;
+    if (listed_bytes + bytes > limits.key_bytes / share) return;
     marks[i] |= kListed;
     listed_bytes += bytes;
     ++listed_count;

@@ -32,8 +32,9 @@ struct ShownRegions {
   std::vector<Bin> bins;
 };
 
-// Listed are regions at gaps and overlaps and those with empty ranges, then those with another
-// number of voters or learners than most.
+// Listed are regions at gaps and overlaps and those with empty ranges, up to half of the limits,
+// then those with fewer voters than most, then the others of both kinds, then those with another
+// number of replicas than most.
 ShownRegions ChooseRegions(const RegionList& list, const RegionLimits& limits = {});
 
 }  // namespace kandb::ctl

@@ -90,6 +90,11 @@ Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto,
                    ClusterState* cluster) {
   lsm::ReadView view;
   if (Status s = lsm::LoadReadOnly(dir, &view); !s.ok()) return s;
+  return LoadCluster(view, crypto, cluster);
+}
+
+Status LoadCluster(const lsm::ReadView& view, const store::StoreCrypto& crypto,
+                   ClusterState* cluster) {
   ClusterState loaded;
   const auto take = [&](std::string_view key, std::string_view stored) {
     const std::string warning = AddToCluster(key, stored, crypto, &loaded);

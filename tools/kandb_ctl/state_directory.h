@@ -42,6 +42,8 @@ int FailToRead(const Status& status);
 // Reads the records that the server would have after its next start. Fails where the server would
 // fail to open the directory.
 Status LoadCluster(const std::string& dir, const store::StoreCrypto& crypto, ClusterState* cluster);
+Status LoadCluster(const lsm::ReadView& view, const store::StoreCrypto& crypto,
+                   ClusterState* cluster);
 
 // Hands every live pair to `visit`, in the order of the keys. Fails only as reading a table does.
 Status ForEachRecord(const lsm::ReadView& view, const lsm::PairVisitor& visit);

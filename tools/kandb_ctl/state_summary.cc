@@ -112,8 +112,19 @@ Status CountCluster(const lsm::ReadView& view, const store::StoreCrypto& crypto,
   return {};
 }
 
+// Above the number of every file, the orphans included.
+std::uint64_t NextFile(const std::string& dir, const lsm::ManifestState& manifest) {
+  lsm::FileNumbers numbers;
+  (void)lsm::ListFileNumbers(dir, &numbers);  // "fails" names the failure
+  std::uint64_t next_file = manifest.next_file;
+  for (const auto* list : {&numbers.logs, &numbers.tables}) {
+    if (!list->empty()) next_file = std::max(next_file, list->back() + 1);
+  }
+  return next_file;
+}
+
 // The effect of a start on the files, from their descriptions.
-Json DescribeStart(const Json& files, const lsm::ManifestState& manifest) {
+Json DescribeStart(const std::string& dir, const Json& files, const lsm::ManifestState& manifest) {
   std::uint64_t logs = 0;
   std::uint64_t records = 0;
   std::uint64_t bytes = 0;
@@ -132,6 +143,7 @@ Json DescribeStart(const Json& files, const lsm::ManifestState& manifest) {
           {"memtable_bytes", nullptr},
           {"first_write_switches_memtable", nullptr},
           {"compacts_tables", manifest.sst_files.size() > store::kMaxTableFiles},
+          {"next_file", NextFile(dir, manifest)},
           {"deletes", std::move(deletes)}};
 }
 
@@ -152,28 +164,39 @@ std::string ValueText(const Json& value) {
 
 }  // namespace
 
-Json SummarizeDirectory(const std::string& dir, const store::StoreCrypto& crypto) {
+Status SummarizeFiles(const std::string& dir, Json* summary, lsm::ReadView* view) {
   lsm::ManifestState manifest{.next_file = 1, .sst_files = {}};
   bool exists = false;
   Status status = lsm::ReadManifest(dir, &manifest, &exists);
   Json files = DescribeFiles(dir, manifest);
-  Json start = DescribeStart(files, manifest);
-
-  Json cluster;
-  lsm::ReadView view;
-  if (status.ok()) status = lsm::LoadReadOnly(dir, &view);
+  Json start = DescribeStart(dir, files, manifest);
+  if (status.ok()) status = lsm::LoadReadOnly(dir, view);
   if (status.ok()) {
-    const std::uint64_t memtable_bytes = view.memtables.front()->ApproximateBytes();
+    const std::uint64_t memtable_bytes = view->memtables.front()->ApproximateBytes();
     start["memtable_bytes"] = memtable_bytes;
     start["first_write_switches_memtable"] = memtable_bytes >= store::kWriteBufferSize;
-    status = CountCluster(view, crypto, &cluster);
+  } else {
+    start["fails"] = status.message();
   }
-  if (!status.ok()) start["fails"] = status.message();
-  return {{"files", std::move(files)},
-          {"manifest",
-           {{"exists", exists}, {"next_file", manifest.next_file}, {"tables", manifest.sst_files}}},
+  *summary = {
+      {"files", std::move(files)},
+      {"manifest",
+       {{"exists", exists}, {"next_file", manifest.next_file}, {"tables", manifest.sst_files}}},
+      {"next_start", std::move(start)}};
+  return status;
+}
+
+Json SummarizeDirectory(const std::string& dir, const store::StoreCrypto& crypto) {
+  Json parts;
+  Json cluster;
+  lsm::ReadView view;
+  Status status = SummarizeFiles(dir, &parts, &view);
+  if (status.ok()) status = CountCluster(view, crypto, &cluster);
+  if (!status.ok()) parts["next_start"]["fails"] = status.message();
+  return {{"files", std::move(parts["files"])},
+          {"manifest", std::move(parts["manifest"])},
           {"cluster", std::move(cluster)},
-          {"next_start", std::move(start)},
+          {"next_start", std::move(parts["next_start"])},
           {"findings", VerifyDirectory(dir, crypto, [](double) {}).findings.size()}};
 }
 

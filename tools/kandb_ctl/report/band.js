@@ -86,8 +86,8 @@ function showDetails() {
   for (const region of covering) {
     if (region.id === '') {
       const faults = faultsOf(region);
-      add(details, 'div', `A ${nameOf(region)}${faults ? `, with ${faults}` : ''}. ` +
-        'kandb-ctl state dump has each record.');
+      add(details, 'div', `A ${nameOf(region)}${faults ? `, with ${faults}` : ''}. This lists all regions: `);
+      add(details, 'code', commandText());
       continue;
     }
     const name = covering.length > 1 ? `Region ${region.id} ${rangeText(region)}, epoch` : 'Epoch';
