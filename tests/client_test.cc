@@ -6,13 +6,11 @@
 #include <poll.h>
 
 #include <chrono>
-#include <future>
 #include <map>
 #include <mutex>
 #include <thread>
 
 #include "client/pd_client.h"
-#include "common/endian.h"
 #include "rpc/rpc_server.h"
 #include "rpc/socket_io.h"
 #include "support/raw_connection.h"
@@ -23,17 +21,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// A socket on a free port of loopback, which `*address` then names.
-UniqueFd BindLoopback(sockaddr_in* address) {
-  UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  *address = testing::Loopback(0);
-  socklen_t size = sizeof(*address);
-  auto* raw_address = reinterpret_cast<sockaddr*>(address);
-  EXPECT_EQ(::bind(socket.get(), raw_address, size), 0);
-  EXPECT_EQ(::getsockname(socket.get(), raw_address, &size), 0);
-  return socket;
-}
-
 // Listens with a full queue: a further connection is not refused, it waits.
 struct FullListener {
   FullListener() {
@@ -43,7 +30,7 @@ struct FullListener {
     EXPECT_EQ(::poll(&arrived, 1, -1), 1);
   }
   sockaddr_in address;
-  UniqueFd listener = BindLoopback(&address);
+  UniqueFd listener = testing::BindLoopback(&address);
   std::optional<testing::RawConnection> filler;
 };
 
@@ -55,7 +42,7 @@ class ScriptedPeer {
  public:
   explicit ScriptedPeer(std::string peer_script) : script(std::move(peer_script)) {
     sockaddr_in address;
-    listener = BindLoopback(&address);
+    listener = testing::BindLoopback(&address);
     EXPECT_EQ(::listen(listener.get(), 8), 0);
     target = "localhost:" + std::to_string(ntohs(address.sin_port));
     thread = std::thread([this] {
@@ -126,50 +113,38 @@ TEST(RpcClient, TriesAgainOnANewConnection) {
   }
 }
 
-TEST(RpcClient, NamesTheServerItCannotReach) {
+TEST(RpcClient, NamesTheServerItCannotReachInTime) {
   RpcServer gone;
   ASSERT_TRUE(gone.Start(0, "127.0.0.1").ok());
   const std::string port = std::to_string(gone.port());
   gone.Stop();
-  for (const std::string& target : {"127.0.0.1:" + port, std::string("nowhere"),
-                                    std::string("no.such.host.invalid:1"), "::1:" + port}) {
+  const FullListener full;
+  const auto start = steady_clock::now();
+  for (const std::string& target :
+       {"127.0.0.1:" + port, std::string("nowhere"), std::string("no.such.host.invalid:1"),
+        "::1:" + port, "127.0.0.1:" + std::to_string(ntohs(full.address.sin_port))}) {
     RpcClient client(target, {.timeout_ms = 100, .attempts = 2});
     std::string answer;
     EXPECT_EQ(client.Call("m", "", &answer).ToString(), "Corruption: cannot connect to " + target);
   }
-}
-
-TEST(RpcClient, WaitsForAConnectionNoLongerThanItsTimeOut) {
-  FullListener full;
-  const std::string target = "127.0.0.1:" + std::to_string(ntohs(full.address.sin_port));
-  auto called = std::async(std::launch::async, [&] {
-    std::string answer;
-    return RpcClient(target, {.timeout_ms = 200, .attempts = 1}).Call("m", "", &answer).ToString();
-  });
   // The system itself would give up after two minutes.
-  EXPECT_EQ(called.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-  full.listener.Reset();
-  EXPECT_EQ(called.get(), "Corruption: cannot connect to " + target);
+  EXPECT_LT(steady_clock::now() - start, std::chrono::minutes(2));
 }
 
 TEST(ConnectToFirst, TriesEveryAddressInTurn) {
   const FullListener full;
   sockaddr_in refusing;
-  const UniqueFd bound = BindLoopback(&refusing);
+  const UniqueFd bound = testing::BindLoopback(&refusing);
   RpcServer server;
   ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
   sockaddr_in targets[] = {full.address, refusing, testing::Loopback(server.port())};
-  addrinfo* next = nullptr;
-  addrinfo list[3];
-  for (int i = 2; i >= 0; --i) {
-    list[i] = {.ai_flags = 0,
-               .ai_family = AF_INET,
-               .ai_socktype = SOCK_STREAM,
-               .ai_protocol = 0,
-               .ai_addrlen = sizeof(targets[i]),
-               .ai_addr = reinterpret_cast<sockaddr*>(&targets[i]),
-               .ai_canonname = nullptr,
-               .ai_next = std::exchange(next, &list[i])};
+  addrinfo list[3] = {};
+  for (int i = 0; i < 3; ++i) {
+    list[i].ai_family = AF_INET;
+    list[i].ai_socktype = SOCK_STREAM;
+    list[i].ai_addrlen = sizeof(targets[i]);
+    list[i].ai_addr = reinterpret_cast<sockaddr*>(&targets[i]);
+    list[i].ai_next = i < 2 ? &list[i + 1] : nullptr;
   }
   const UniqueFd connected = ConnectToFirst(list, 200);
   ASSERT_TRUE(connected.valid());

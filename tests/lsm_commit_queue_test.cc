@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <map>
 #include <new>
 #include <thread>
@@ -15,12 +14,6 @@ namespace {
 
 using testing::Eventually;
 using Records = std::vector<std::string>;
-
-Records RecordsOf(std::span<const WriterSlot* const> group) {
-  Records records;
-  for (const WriterSlot* slot : group) records.push_back(slot->record);
-  return records;
-}
 
 class CommitQueueTest : public ::testing::Test {
  protected:
@@ -57,7 +50,8 @@ class CommitQueueTest : public ::testing::Test {
     });
   }
   Status Commit(std::span<const WriterSlot* const> group) {
-    groups.push_back(RecordsOf(group));
+    groups.emplace_back();
+    for (const WriterSlot* slot : group) groups.back().push_back(slot->record);
     ++commits;
     EXPECT_TRUE(Eventually([this] { return !held; }));
     if (groups.back()[0] == "fails") return Status::Corruption("disk");

@@ -9,13 +9,14 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <new>
 #include <random>
 
 #include "lsm/recovery.h"
 #include "support/engine.h"
+#include "support/environment.h"
 #include "support/fault.h"
 #include "support/temp_dir.h"
 
@@ -25,9 +26,7 @@ namespace {
 using namespace testing;
 
 // The sweep tries every call whose number is one more than a multiple of this.
-#ifndef KANDB_CRASH_STRIDE
-#define KANDB_CRASH_STRIDE 1
-#endif
+constexpr int kStride = KANDB_SANITIZED ? 8 : 1;
 
 // The effect of the crash besides the end of the process. Half of a write call may have happened;
 // after a power cut each file may end anywhere after its synced bytes. Names are durable at once:
@@ -184,19 +183,14 @@ class Crash : public ::testing::Test {
   LsmDb::Options options;
   Progress* const progress = new (::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
                                          MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress;
-  int crashes = 0;
+  std::uint64_t crashes = 0;
 };
-
-unsigned FromEnvironment(const char* name, unsigned otherwise) {
-  const char* text = std::getenv(name);
-  return text == nullptr ? otherwise : static_cast<unsigned>(std::strtoul(text, nullptr, 10));
-}
 
 TEST_F(Crash, AtEveryFileCallLosesNothingAcknowledged) {
   for (const bool sync : {true, false}) {
     for (const Loss loss : {kNothing, kHalfOfAWrite, kAllUnsynced, kSomeUnsynced}) {
       if (!sync && loss >= kAllUnsynced) break;
-      for (int n = 1; !HasFailure(); n += KANDB_CRASH_STRIDE) {
+      for (int n = 1; !HasFailure(); n += kStride) {
         SCOPED_TRACE(::testing::Message()
                      << "call " << n << ", sync " << sync << ", loss " << loss);
         Begin(1, 48, {.write_buffer_size = 500, .max_table_files = 2, .sync = sync});
@@ -206,16 +200,16 @@ TEST_F(Crash, AtEveryFileCallLosesNothingAcknowledged) {
       }
     }
   }
-  EXPECT_GT(crashes * KANDB_CRASH_STRIDE, 6 * 350);
-  std::printf("%d crashes\n", crashes);
+  EXPECT_GT(crashes * kStride, 6 * 350);
+  std::cout << crashes << " crashes\n";
 }
 
 // Random workloads and options, flushes beside writes, and several crashes in a row, also during
 // the recovery from the one before. KANDB_CRASH_ROUNDS says how many workloads.
 TEST_F(Crash, AtRandomCallsAgainAndAgainLosesNothingAcknowledged) {
-  const unsigned rounds = FromEnvironment("KANDB_CRASH_ROUNDS", 30 / KANDB_CRASH_STRIDE);
-  const unsigned seed = FromEnvironment("KANDB_CRASH_SEED", std::random_device()());
-  for (unsigned round = 0; round < rounds && !HasFailure(); ++round) {
+  const std::uint64_t rounds = FromEnvironment("KANDB_CRASH_ROUNDS", 30 / kStride);
+  const std::uint64_t seed = FromEnvironment("KANDB_CRASH_SEED", std::random_device()());
+  for (std::uint64_t round = 0; round < rounds && !HasFailure(); ++round) {
     SCOPED_TRACE(::testing::Message() << "KANDB_CRASH_SEED=" << seed + round);
     std::minstd_rand random(seed + round);
     const bool sync = random() % 2 == 0;
@@ -243,7 +237,7 @@ TEST_F(Crash, AtRandomCallsAgainAndAgainLosesNothingAcknowledged) {
     ExpectRecovers();
   }
   EXPECT_GT(crashes, rounds);
-  std::printf("%u workloads, %d crashes, first seed %u\n", rounds, crashes, seed);
+  std::cout << rounds << " workloads, " << crashes << " crashes, first seed " << seed << "\n";
 }
 
 }  // namespace

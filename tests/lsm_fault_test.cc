@@ -26,37 +26,8 @@ constexpr LsmDb::Options kLarge = {
     .write_buffer_size = 1 << 20, .max_table_files = 8, .sync = true};
 constexpr LsmDb::Options kTiny = {.write_buffer_size = 200, .max_table_files = 1, .sync = true};
 
-// It would come after a torn record.
-TEST(Faults, NothingIsWrittenToALogThatCannotBeCutBack) {
-  const struct {
-    Fault fault;
-    const char* error;
-  } cases[] = {
-      {{.kind = kWrite}, "Corruption: wal write: Input/output error"},
-      {{.kind = kWrite, .count = 2, .error = ENOSPC, .half = true},
-       "Corruption: wal write: No space left on device"},
-      {{.kind = kFdatasync}, "Corruption: wal fdatasync: Input/output error"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.error);
-    TempDir dir;
-    FaultInjector fault;
-    auto db = Open(dir.path(), kLarge);
-    ASSERT_TRUE(db->Write({{kPut, "a", "1"}}).ok());
-    fault.Arm(c.fault);
-    fault.Arm({.kind = kFtruncate});
-    EXPECT_EQ(db->Write({{kPut, "a", "2"}}).ToString(), c.error);
-    EXPECT_EQ(db->Write({{kPut, "b", "3"}}).ToString(), c.error);
-    EXPECT_EQ(ReadAll(*db), (Model{{"a", "1"}}));
-    db.reset();
-    // What was written whole, but neither synced nor cut back, comes back.
-    db = Open(dir.path(), kLarge);
-    EXPECT_EQ(ReadAll(*db), (Model{{"a", c.fault.kind == kFdatasync ? "2" : "1"}}));
-    EXPECT_TRUE(db->Write({{kPut, "c", "4"}}).ok());
-  }
-}
-
-// The next group begins where the failed ones did, or the WAL would have a hole before it.
+// The next group begins where the failed ones did, or the WAL would have a hole before it. The
+// sweep below fills memtables too fast to see that.
 TEST(Faults, FailedGroupsLeaveNoTraceInTheLog) {
   TempDir dir;
   FaultInjector fault;
@@ -72,22 +43,16 @@ TEST(Faults, FailedGroupsLeaveNoTraceInTheLog) {
 // Syncs take long enough for groups to form.
 class SlowSyncs : public FaultInjector {
  public:
-  int syncs() const { return sync_count; }
+  std::atomic<int> syncs = 0;
 
  private:
-  void After(const FileCall& call) override {
-    if (call.kind == kFdatasync) Pause();
-  }
   int Before(const FileCall& call) override {
-    const int error = FaultInjector::Before(call);
-    if (call.kind == kFdatasync && error != 0) Pause();
-    return error;
+    if (call.kind == kFdatasync) {
+      ++syncs;
+      ::usleep(500);
+    }
+    return FaultInjector::Before(call);
   }
-  void Pause() {
-    ++sync_count;
-    ::usleep(500);
-  }
-  std::atomic<int> sync_count = 0;
 };
 
 // Writers of the same keys, in groups that succeed or fail together: each is told so, and the one
@@ -111,7 +76,7 @@ TEST(Faults, EveryWriterOfAGroupGetsItsResult) {
       });
     }
     for (std::thread& writer : writers) writer.join();
-    EXPECT_LT(fault.syncs(), (fails ? 2 : 1) * kWriters * kRounds);
+    EXPECT_LT(fault.syncs, (fails ? 2 : 1) * kWriters * kRounds);
     if (fails) {
       EXPECT_EQ(ReadAll(*db), before);
     }
@@ -208,22 +173,6 @@ TEST(Faults, OnlyALockThatIsHeldKeepsAnEngineOut) {
   }
 }
 
-// The writes after it share the WAL of the full memtable.
-TEST(Faults, AFailedSwitchReportsWhatIsWritten) {
-  TempDir dir;
-  FaultInjector fault;
-  auto db = Open(dir.path(), {.write_buffer_size = 60, .max_table_files = 8, .sync = false});
-  fault.Arm({.kind = kOpen, .error = EMFILE, .only_path = "/wal-"});
-  EXPECT_EQ(db->Write({{kPut, "a", std::string(60, 'x')}}).ToString(),
-            "Corruption: wal open " + dir.File("wal-000002.log") + ": Too many open files");
-  EXPECT_EQ(ReadAll(*db).size(), 1u);
-  EXPECT_TRUE(db->Write({{kPut, "b", std::string(60, 'y')}}).ok());
-  db->WaitForBackgroundIdle();
-  EXPECT_EQ(ReadAll(*db).size(), 2u);
-  db.reset();
-  EXPECT_EQ(ReadAll(*Open(dir.path(), kLarge)).size(), 2u);
-}
-
 struct SweptCall {
   Fault fault;
   const char* write_error;  // how the texts of failed writes and reads begin
@@ -245,6 +194,7 @@ class FaultyWorkload {
   bool Run() {
     while (rounds < 20) (void)Round();
     if (!injector.fired()) return false;
+    EXPECT_TRUE(was_told || !swept.written_all_the_same) << "a switch of WALs that failed";
     injector.Disarm();
     if (swept.cut_fails) Reopen();  // a WAL that could not be cut takes no more records
     while (rounds < 24) EXPECT_TRUE(Round()) << "the fault is over";
@@ -287,7 +237,7 @@ class FaultyWorkload {
     return status.ok();
   }
 
-  bool ReadBack() const {
+  bool ReadBack() {
     Model all;
     Status status = Read(*db, &all);
     if (status.ok()) {
@@ -306,7 +256,8 @@ class FaultyWorkload {
     EXPECT_EQ(found, expected);
   }
 
-  void ExpectCaused(const Status& status, const char* begin) const {
+  void ExpectCaused(const Status& status, const char* begin) {
+    was_told = true;
     const std::string text = status.ToString();
     EXPECT_TRUE(text.starts_with(begin) && text.ends_with(cause)) << text;
   }
@@ -317,8 +268,9 @@ class FaultyWorkload {
   FaultInjector injector;
   std::unique_ptr<LsmDb> db = Open(dir.path(), kTiny);
   int rounds = 0;
-  Model expected;  // what was acknowledged
-  Model torn;      // and the first batch that failed
+  bool was_told = false;  // a writer or a reader, of a failure
+  Model expected;         // what was acknowledged
+  Model torn;             // and the first batch that failed
 };
 
 // The n-th call of a kind fails, for every n: writers and readers are told, reads go on, background
@@ -341,7 +293,7 @@ TEST(Faults, NothingAcknowledgedIsLostWhicheverCallFails) {
   int tried = 0;
   for (const SweptCall& call : calls) {
     for (const int count : {1, 12, Fault::kForever}) {
-      for (int n = 1; !HasFailure(); n += count == 1 ? 1 : 5) {
+      for (int n = 1; !HasFailure(); n += count == 1 && !KANDB_SANITIZED ? 1 : 5) {
         SCOPED_TRACE(::testing::Message() << "call " << &call - calls << ", from the " << n
                                           << "th on, " << count << " times");
         Fault fault = call.fault;
@@ -353,7 +305,7 @@ TEST(Faults, NothingAcknowledgedIsLostWhicheverCallFails) {
       }
     }
   }
-  EXPECT_GT(tried, 500);
+  EXPECT_GT(tried, KANDB_SANITIZED ? 200 : 500);
   std::printf("%d faults\n", tried);
 }
 

@@ -4,9 +4,10 @@
 #include <gtest/gtest.h>
 
 #include "common/endian.h"
-#include "lsm/lsm_db.h"
 #include "meta/pd_service.h"
 #include "pdpb/timestamp.h"
+#include "support/answer.h"
+#include "support/engine.h"
 #include "support/metadata.h"
 
 namespace kandb::meta {
@@ -90,16 +91,12 @@ TEST(ClusterBootstrap, RecordsTheClusterOnceAndThenStores) {
 class PdServiceTest : public ::testing::Test {
  protected:
   std::uint64_t AllocId(std::uint32_t count) {
-    pdpb::AllocIdResponse response;
-    EXPECT_TRUE(service->AllocId({count}, &response).ok());
-    return response.first_id;
+    return testing::Answer(*service, &PdService::AllocId, {count}).first_id;
   }
 
   // Whether the cluster existed.
-  bool Bootstrap(const Store& first_store, const Region& region, std::vector<Region> extra = {}) {
-    pdpb::BootstrapResponse response;
-    EXPECT_TRUE(service->Bootstrap({first_store, region, std::move(extra)}, &response).ok());
-    return response.already_bootstrapped;
+  bool Bootstrap(const pdpb::BootstrapRequest& request) {
+    return testing::Answer(*service, &PdService::Bootstrap, request).already_bootstrapped;
   }
 
   // The id of the region that covers the key, or the failure.
@@ -114,13 +111,10 @@ class PdServiceTest : public ::testing::Test {
 };
 
 TEST_F(PdServiceTest, ReadsACountOfZeroAsOne) {
-  pdpb::TsoResponse timestamps;
-  EXPECT_TRUE(service->Tso({0}, &timestamps).ok());
+  const auto timestamps = testing::Answer(*service, &PdService::Tso, {0});
   EXPECT_EQ(timestamps.count, 1u);
   EXPECT_GT(timestamps.timestamp, 0u);
-  pdpb::AllocIdResponse ids;
-  EXPECT_TRUE(service->AllocId({0}, &ids).ok());
-  EXPECT_EQ(ids.count, 1u);
+  EXPECT_EQ(testing::Answer(*service, &PdService::AllocId, {0}).count, 1u);
   EXPECT_EQ(AllocId(2), 1025u);
 }
 
@@ -139,8 +133,8 @@ TEST_F(PdServiceTest, AnswersNothingThatCouldNotBeWritten) {
   EXPECT_EQ(Route("k"), "NotFound: cluster not bootstrapped");
   // A bootstrap is one write; once the cluster exists, its failure is not told.
   metadata.fault.Arm({.kind = testing::kWrite, .first = 2});
-  EXPECT_FALSE(Bootstrap({1, "a", 0}, {2, "", "", {}, {{3, 1, {}}}}, {{4, "x", "y", {}, {}}}));
-  EXPECT_TRUE(Bootstrap({1, "b", 0}, {}));
+  EXPECT_FALSE(Bootstrap({{1, "a", 0}, {2, "", "", {}, {{3, 1, {}}}}, {{4, "x", "y", {}, {}}}}));
+  EXPECT_TRUE(Bootstrap({{1, "b", 0}, {}, {}}));
   EXPECT_EQ(Route("k"), "2");
   EXPECT_EQ(route.leader_store.address, "a");
 }
@@ -149,17 +143,10 @@ TEST_F(PdServiceTest, TakesWhatCannotBeReadForAbsentOrNamesIt) {
   // The records in a table, so that reading them reads a file.
   service.reset();
   metadata.store.reset();
-  std::unique_ptr<lsm::LsmDb> engine;
-  const lsm::LsmDb::Options flush_at_once = {
-      .write_buffer_size = 1, .max_table_files = 8, .sync = false};
-  ASSERT_TRUE(lsm::LsmDb::Open(metadata.dir.path(), flush_at_once, &engine).ok());
-  ASSERT_TRUE(engine
-                  ->Write({{lsm::kPut, "pd/bootstrapped", "1"},
+  testing::WriteDirectory(metadata.dir.path(), 1,
+                          {{lsm::kPut, "pd/bootstrapped", "1"},
                            {lsm::kPut, "pd/id_alloc", std::string("\0\x10\0\0\0\0\0\0", 8)},
-                           {lsm::kPut, "pd/region/8", Encode(Region{8, "", "", {}, {}})}})
-                  .ok());
-  engine->WaitForBackgroundIdle();
-  engine.reset();
+                           {lsm::kPut, "pd/region/8", Encode(Region{8, "", "", {}, {}})}});
   metadata.Open();
   service.emplace(metadata.store.get(), 0);
 
@@ -169,7 +156,7 @@ TEST_F(PdServiceTest, TakesWhatCannotBeReadForAbsentOrNamesIt) {
   EXPECT_EQ(Route("k"), failure);
   pdpb::RegionHeartbeatResponse answer;
   EXPECT_EQ(service->RegionHeartbeat({1, {}, {}}, &answer).ToString(), failure);
-  EXPECT_FALSE(Bootstrap({1, "a", 0}, {2, "", "", {}, {}}));  // taken for a new cluster
+  EXPECT_FALSE(Bootstrap({{1, "a", 0}, {2, "", "", {}, {}}, {}}));  // taken for a new cluster
   service.emplace(metadata.store.get(), 0);
   EXPECT_EQ(AllocId(1), 5097u);  // the mark that AllocId wrote is in memory, above the table
   metadata.fault.Disarm();

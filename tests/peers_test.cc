@@ -8,6 +8,7 @@
 #include <iostream>
 #include <random>
 
+#include "support/answer.h"
 #include "support/eventually.h"
 #include "support/proc.h"
 #include "support/raw_connection.h"
@@ -21,6 +22,7 @@ using namespace pdpb;  // NOLINT(google-build-using-namespace): every message is
 using kanrpc::BuildFrame;
 using kanrpc::Frame;
 using kanrpc::kRequest;
+using testing::Answer;
 using testing::Caller;
 using testing::Eventually;
 using testing::OpenFiles;
@@ -38,19 +40,13 @@ struct Server {
   // the stored mark, timestamps, and an answer to a heartbeat.
   void ExpectServes() {
     Caller caller(port);
-    AllocIdResponse ids;
-    ASSERT_TRUE(caller.AllocId({2000}, &ids).ok());
-    const std::string key = "k" + std::to_string(ids.first_id);
-    const Region region = {ids.first_id, key, key + '\0', {}, {{1, 1, {}}}};
-    UpsertRegionResponse written;
-    ASSERT_TRUE(caller.UpsertRegion({{region}, {}}, &written).ok());
-    GetRegionResponse routed;
-    ASSERT_TRUE(caller.GetRegion({key}, &routed).ok());
-    EXPECT_EQ(routed.region, region);
-    TsoResponse timestamp;
-    ASSERT_TRUE(caller.Tso({1}, &timestamp).ok());
-    RegionHeartbeatResponse answer;
-    EXPECT_TRUE(caller.RegionHeartbeat({1, {{ids.first_id, {1}, {}, {}}}, {}}, &answer).ok());
+    const std::uint64_t id = Answer(caller, &Caller::AllocId, {2000}).first_id;
+    const std::string key = "k" + std::to_string(id);
+    const Region region = {id, key, key + '\0', {}, {{1, 1, {}}}};
+    Answer(caller, &Caller::UpsertRegion, {{region}, {}});
+    EXPECT_EQ(Answer(caller, &Caller::GetRegion, {key}).region, region);
+    Answer(caller, &Caller::Tso, {1});
+    Answer(caller, &Caller::RegionHeartbeat, {1, {{id, {1}, {}, {}}}, {}});
   }
 
   // All connections are closed, and their threads and descriptors are free.
@@ -132,11 +128,10 @@ TEST(Peers, ConnectionsPastTheDescriptorLimitAreClosed) {
   Server server(Limit(RLIMIT_NOFILE, 256));
   Caller inside(server.port);
   const Region large = {1, "k", "k" + std::string(16 * kMiB, 'x'), {}, {}};
-  UpsertRegionResponse done;
-  ASSERT_TRUE(inside.UpsertRegion({{large}, {}}, &done).ok());
+  Answer(inside, &Caller::UpsertRegion, {{large}, {}});
   Connections idle = FillUp(server.port, 150, 200);
   // Files can still be opened: a full memtable is flushed to a table, and its WAL deleted.
-  for (int i = 0; i < 3; ++i) EXPECT_TRUE(inside.UpsertRegion({{large}, {}}, &done).ok());
+  for (int i = 0; i < 3; ++i) Answer(inside, &Caller::UpsertRegion, {{large}, {}});
   EXPECT_TRUE(Eventually(
       [&] { return !std::filesystem::exists(server.dir.File("pd-data/wal-000001.log")); }));
   ExpectAllAnswer(idle);
@@ -179,8 +174,7 @@ TEST(Peers, OutOfMemoryEndsTheRequestAlone) {
 TEST(Peers, ThoseThatNeverReadHurtNobody) {
   Server server;
   const Region large = {1, "m", "m" + std::string(8 * kMiB, 'x'), {}, {}};
-  UpsertRegionResponse done;
-  ASSERT_TRUE(Caller(server.port).UpsertRegion({{large}, {}}, &done).ok());
+  Answer(Caller(server.port), &Caller::UpsertRegion, {{large}, {}});
   const std::string request =
       BuildFrame(kRequest, 7, "Pd.GetRegion", Encode(GetRegionRequest{"m1"}));
   Connections never_read;

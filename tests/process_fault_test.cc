@@ -13,7 +13,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
-#include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <mutex>
@@ -21,6 +20,8 @@
 #include <thread>
 #include <utility>
 
+#include "support/answer.h"
+#include "support/environment.h"
 #include "support/eventually.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
@@ -30,6 +31,7 @@ namespace kandb {
 namespace {
 
 using namespace pdpb;  // NOLINT(google-build-using-namespace): every message is used here
+using testing::Answer;
 using testing::Caller;
 using testing::Eventually;
 using testing::ListeningServer;
@@ -66,38 +68,72 @@ class HandedOut {
   tools::DisjointRanges ranges;
 };
 
-constexpr std::uint64_t kClients = 8;
-constexpr std::uint64_t kGroups = 6;     // of each client, which keeps rewriting them
-constexpr std::uint64_t kGroupSize = 3;  // regions, written by one request
+// The server's region at the start key of `region`; an empty one when there is none.
+Region Find(Caller* caller, const Region& region) {
+  GetRegionResponse found;
+  const Status status = caller->GetRegion({region.start_key}, &found);
+  EXPECT_TRUE(status.ok() || status.message().starts_with("remote: NotFound: "))
+      << status.message();
+  return found.region;
+}
 
-// The versions of a group that a client knows; 0 is none.
-struct Versions {
+// Some regions, which one client keeps rewriting, all of them by one request. Versions begin at 1.
+struct Group {
+  static constexpr std::uint64_t kSize = 3;
+
+  // A region in a version: all of the record follows from these numbers.
+  Region Get(std::uint64_t part, std::uint64_t version) const {
+    const std::uint64_t id = first_id + part;
+    Region region = RegionAtKey(id, "k" + std::to_string(id), version * 7919 % 3000);
+    region.epoch = {id, version};
+    region.peers = {{version, id, PeerRole::kVoter}};
+    return region;
+  }
+
+  // The last region exists in odd versions only: even ones remove it.
+  static bool Exists(std::uint64_t part, std::uint64_t version) {
+    return version > 0 && (part + 1 < kSize || version % 2 == 1);
+  }
+
+  UpsertRegionRequest Next() {
+    ++sent;
+    UpsertRegionRequest request;
+    for (std::uint64_t part = 0; part < kSize; ++part) {
+      const Region region = Get(part, sent);
+      if (!Exists(part, sent)) request.removed_region_ids.push_back(region.id);
+      if (Exists(part, sent)) request.regions.push_back(region);
+    }
+    return request;
+  }
+
+  // Checks that what was acknowledged is there, and a version whole. What is found counts as
+  // acknowledged from now on.
+  void Check(Caller* caller) {
+    const std::uint64_t version = Find(caller, Get(0, 0)).epoch.version;
+    EXPECT_TRUE(acknowledged <= version && version <= sent) << version;
+    acknowledged = sent = version;
+    for (std::uint64_t part = 0; part < kSize; ++part) {
+      const Region region = Get(part, version);
+      EXPECT_EQ(Find(caller, region), Exists(part, version) ? region : Region());
+    }
+  }
+
+  std::uint64_t first_id;
   std::uint64_t acknowledged = 0;
   std::uint64_t sent = 0;
 };
 
-// One region of a group in a version: all of the record follows from these numbers.
-Region RegionOf(std::uint64_t client, std::uint64_t group, std::uint64_t part,
-                std::uint64_t version) {
-  const std::uint64_t id = 100 + (client * kGroups + group) * kGroupSize + part;
-  Region region = RegionAtKey(id, "k" + std::to_string(id), version * 7919 % 3000);
-  region.epoch = {id, version};
-  region.peers = {{version, client, PeerRole::kVoter}};
-  return region;
-}
-
-// The last region of a group exists in odd versions only: even ones remove it.
-bool Exists(std::uint64_t part, std::uint64_t version) {
-  return version > 0 && (part + 1 < kGroupSize || version % 2 == 1);
-}
-
 class KillLoop {
  public:
-  explicit KillLoop(std::uint64_t random_seed) : seed(random_seed) {}
+  explicit KillLoop(std::uint64_t random_seed) : seed(random_seed) {
+    for (std::uint64_t i = 0; i < kClients * kGroups; ++i) {
+      groups.push_back({.first_id = 100 + i * Group::kSize});
+    }
+  }
 
   // Checks the state that the last server left, loads a new one until it has acknowledged `enough`
-  // changes of regions, and kills it.
-  void RunCycle(std::uint64_t cycle, std::uint64_t enough) {
+  // changes of regions, and kills it. Whether it acknowledged any.
+  bool RunCycle(std::uint64_t cycle, std::uint64_t enough) {
     ListeningServer server(dir.path());
     Check(server.port());
     killed = false;
@@ -111,29 +147,14 @@ class KillLoop {
     killed = true;
     server.Kill();
     for (std::thread& thread : threads) thread.join();
-    if (changes > before) ++productive_cycles;
+    return changes > before;
   }
 
-  // Checks that everything acknowledged is there, and each batch whole. What is found counts as
-  // acknowledged from now on.
   void Check(int port) {
     Caller caller(port);
-    for (std::uint64_t client = 0; client < kClients; ++client) {
-      for (std::uint64_t group = 0; group < kGroups; ++group) {
-        const std::uint64_t version = Find(&caller, RegionOf(client, group, 0, 0)).epoch.version;
-        Versions* versions = &groups[client][group];
-        EXPECT_TRUE(versions->acknowledged <= version && version <= versions->sent) << version;
-        *versions = {version, version};
-        for (std::uint64_t part = 0; part < kGroupSize; ++part) {
-          const Region written = RegionOf(client, group, part, version);
-          EXPECT_EQ(Find(&caller, written), Exists(part, version) ? written : Region());
-          ++checked_records;
-        }
-      }
-    }
+    for (Group& group : groups) group.Check(&caller);
     // Only the first bootstrap creates the cluster, and its region stays.
-    BootstrapResponse done;
-    EXPECT_TRUE(caller.Bootstrap({{1, "host", 0}, first_region, {}}, &done).ok());
+    const auto done = Answer(caller, &Caller::Bootstrap, {{1, "host", 0}, first_region, {}});
     EXPECT_EQ(done.already_bootstrapped, std::exchange(bootstrapped, true));
     EXPECT_EQ(Find(&caller, first_region), first_region);
     timestamps.Forget();  // they are not stored
@@ -142,10 +163,11 @@ class KillLoop {
   const TempDir dir;
   std::atomic<std::uint64_t> changes = 0;  // of regions, acknowledged
   std::atomic<std::uint64_t> ranges = 0;   // of ids or timestamps
-  std::uint64_t checked_records = 0;
-  std::uint64_t productive_cycles = 0;
 
  private:
+  static constexpr std::uint64_t kClients = 8;
+  static constexpr std::uint64_t kGroups = 6;  // of each client
+
   // Calls random methods until the server is gone; no call fails before it is killed.
   void Work(std::uint64_t client, int port, std::uint64_t client_seed) {
     Caller caller(port);
@@ -154,84 +176,64 @@ class KillLoop {
       const std::uint64_t kind = random() % 5;
       const auto count = static_cast<std::uint32_t>(random() % 600 + 1);
       if (kind == 0) {
-        status = Take(&ids, count, &AllocIdResponse::first_id,
-                      [&](auto* taken) { return caller.AllocId({count}, taken); });
+        status = Take(&caller, &Caller::AllocId, count, &AllocIdResponse::first_id, &ids);
       } else if (kind == 1) {
-        status = Take(&timestamps, count, &TsoResponse::timestamp,
-                      [&](auto* taken) { return caller.Tso({count}, taken); });
+        status = Take(&caller, &Caller::Tso, count, &TsoResponse::timestamp, &timestamps);
       } else {
-        status = WriteGroup(&caller, client, count % kGroups);
+        status = Write(&caller, &groups[client * kGroups + count % kGroups]);
       }
       EXPECT_TRUE(status.ok() || killed) << status.ToString();
     }
   }
 
-  template <class Response, class Call>
-  Status Take(HandedOut* numbers, std::uint32_t count, std::uint64_t Response::*first, Call call) {
+  template <class Class, class Request, class Response>
+  Status Take(Caller* caller, Status (Class::*method)(const Request&, Response*),
+              std::uint32_t count, std::uint64_t Response::*first, HandedOut* numbers) {
     const std::uint64_t least = numbers->end();
     Response taken;
-    if (Status s = call(&taken); !s.ok()) return s;
+    if (Status s = (caller->*method)({count}, &taken); !s.ok()) return s;
     numbers->Add(least, taken.*first, count);
     ++ranges;
     return {};
   }
 
-  Status WriteGroup(Caller* caller, std::uint64_t client, std::uint64_t group) {
-    const std::uint64_t version = ++groups[client][group].sent;
-    UpsertRegionRequest request;
-    for (std::uint64_t part = 0; part < kGroupSize; ++part) {
-      const Region region = RegionOf(client, group, part, version);
-      if (!Exists(part, version)) request.removed_region_ids.push_back(region.id);
-      if (Exists(part, version)) request.regions.push_back(region);
-    }
+  Status Write(Caller* caller, Group* group) {
     UpsertRegionResponse done;
-    if (Status s = caller->UpsertRegion(request, &done); !s.ok()) return s;
-    groups[client][group].acknowledged = version;
+    if (Status s = caller->UpsertRegion(group->Next(), &done); !s.ok()) return s;
+    group->acknowledged = group->sent;
     ++changes;
     return {};
-  }
-
-  // The server's region at the start key of `region`; an empty one when there is none.
-  static Region Find(Caller* caller, const Region& region) {
-    GetRegionResponse found;
-    const Status status = caller->GetRegion({region.start_key}, &found);
-    EXPECT_TRUE(status.ok() || status.message().starts_with("remote: NotFound: "))
-        << status.message();
-    return found.region;
   }
 
   const std::uint64_t seed;
   const Region first_region = RegionAtKey(1, "b", 0);
   HandedOut ids;
   HandedOut timestamps;
-  Versions groups[kClients][kGroups];
+  std::vector<Group> groups;
   bool bootstrapped = false;
   std::atomic<bool> killed = false;
 };
 
 TEST(ProcessFaults, KillNineLosesNothingAcknowledged) {
-  const auto from_environment = [](const char* name, std::uint64_t otherwise) {
-    const char* text = std::getenv(name);
-    return text == nullptr ? otherwise : std::strtoull(text, nullptr, 10);
-  };
-  const std::uint64_t cycles = from_environment("KANDB_KILL_CYCLES", KANDB_SANITIZED ? 20 : 50);
-  const std::uint64_t seed = from_environment("KANDB_SEED", std::random_device()());
+  const std::uint64_t cycles =
+      testing::FromEnvironment("KANDB_KILL_CYCLES", KANDB_SANITIZED ? 20 : 50);
+  const std::uint64_t seed = testing::FromEnvironment("KANDB_SEED", std::random_device()());
   std::cout << "KANDB_SEED=" << seed << std::endl;
   std::mt19937_64 random(seed);
   KillLoop loop(seed);
+  std::uint64_t productive_cycles = 0;
   for (std::uint64_t cycle = 0; cycle < cycles && !HasFailure(); ++cycle) {
     SCOPED_TRACE("cycle " + std::to_string(cycle));
     if (random() % 8 == 0) {  // killed while it recovers, or soon after
       const testing::ServerProcess server({"--port=0"}, loop.dir.path());
       std::this_thread::sleep_for(random() % 20000 * 1us);
     }
-    loop.RunCycle(cycle, random() % 300);
+    productive_cycles += loop.RunCycle(cycle, random() % 300) ? 1 : 0;
   }
   loop.Check(ListeningServer(loop.dir.path()).port());
-  EXPECT_GT(loop.productive_cycles, cycles / 2);
-  std::cout << cycles << " cycles, " << loop.productive_cycles << " with acknowledged changes; "
-            << loop.changes << " changes, " << loop.ranges << " ranges of ids or timestamps, "
-            << loop.checked_records << " records checked\n";
+  EXPECT_GT(productive_cycles, cycles / 2);
+  std::cout << cycles << " cycles, " << productive_cycles << " with acknowledged changes; "
+            << loop.changes << " changes, " << loop.ranges << " ranges of ids or timestamps\n";
 }
 
 // --- A full disk, and one that fails ---
@@ -281,10 +283,8 @@ struct LargeRegions {
   // Acknowledged regions are there, refused ones are not; timestamps and heartbeats still work.
   void Check(int port) const {
     Caller caller(port);
-    TsoResponse timestamp;
-    EXPECT_TRUE(caller.Tso({1}, &timestamp).ok());
-    RegionHeartbeatResponse answer_to_heartbeat;
-    EXPECT_TRUE(caller.RegionHeartbeat({1, {}, {1000}}, &answer_to_heartbeat).ok());
+    Answer(caller, &Caller::Tso, {1});
+    Answer(caller, &Caller::RegionHeartbeat, {1, {}, {1000}});
     for (std::size_t i = 0; i < acknowledged.size(); ++i) {
       GetRegionResponse answer;
       const Status status = caller.GetRegion({Get(i).start_key}, &answer);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include "support/answer.h"
 #include "support/server_process.h"
 #include "support/temp_dir.h"
 
@@ -10,6 +11,7 @@ namespace kandb {
 namespace {
 
 using namespace pdpb;  // NOLINT(google-build-using-namespace): every message is used here
+using testing::Answer;
 using testing::Caller;
 using testing::ListeningServer;
 using testing::ServerProcess;
@@ -24,35 +26,34 @@ constexpr char kUsage[] =
     "member count (0 = off; promotion of caught-up learners is always on) (default: 0)\n";
 
 TEST(Process, EndsWithAnErrorThatNamesTheCause) {
-  TempDir dir;
+  const TempDir dir;
   testing::WriteFile(dir.File("file"), "");
-  kanrpc::RpcServer holder;
-  ASSERT_TRUE(holder.Start(0, "127.0.0.1").ok());
+  const ListeningServer running(dir.path());
+  const std::string port = std::to_string(running.port());
+  const std::string address = "127.0.0.1:" + port;
+  const std::string open_failure = "failed to open pd state at ";
+  const std::string failure = "failed to start pd: ";
   const struct {
     std::vector<std::string> arguments;
-    int exit_status;
     std::string error;
   } cases[] = {
-      {{"--help"}, 0, kUsage},
-      {{"--bogus"}, 1, std::string("unknown flag: --bogus\n") + kUsage},
+      {{"--help"}, kUsage},
+      {{"--bogus"}, std::string("unknown flag: --bogus\n") + kUsage},
       {{"--data_dir=file"},
-       1,
-       "failed to open pd state at file: InvalidArgument: file exists and is not a directory\n"},
-      {{"--bind_addr=localhost"},
-       1,
-       "failed to start pd: InvalidArgument: invalid IPv4 bind address: localhost\n"},
-      {{"--port=65536"},
-       1,
-       "failed to start pd: Corruption: bind 0.0.0.0:65536 failed: Invalid argument\n"},
-      {{"--port=" + std::to_string(holder.port())},
-       1,
-       "failed to start pd: Corruption: bind 0.0.0.0:" + std::to_string(holder.port()) +
-           " failed: Address already in use\n"},
+       open_failure + "file: InvalidArgument: file exists and is not a directory\n"},
+      {{"--port=0"},  // another server is running on the directory
+       open_failure + "./pd-data: InvalidArgument: ./pd-data is in use by another process\n"},
+      {{"--data_dir=new", "--bind_addr=localhost"},
+       failure + "InvalidArgument: invalid IPv4 bind address: localhost\n"},
+      {{"--data_dir=new", "--port=65536"},
+       failure + "Corruption: bind 0.0.0.0:65536 failed: Invalid argument\n"},
+      {{"--data_dir=new", "--bind_addr=127.0.0.1", "--port=" + port},
+       failure + "Corruption: bind " + address + " failed: Address already in use\n"},
   };
   for (const auto& c : cases) {
     ServerProcess server(c.arguments, dir.path());
     std::string error;
-    EXPECT_EQ(server.WaitForExit(&error), c.exit_status);
+    EXPECT_EQ(server.WaitForExit(&error), c.error == kUsage ? 0 : 1);
     EXPECT_EQ(error, c.error);
   }
 }
@@ -69,33 +70,25 @@ TEST(Process, DoesItsMainJobAcrossARestart) {
   auto server = std::make_unique<ServerProcess>(arguments, dir.path());
   ASSERT_EQ(server->ReadBanner(), banner);
   Caller client(neighbour.port(), "127.0.0.2");
-  AllocIdResponse ids;
-  ASSERT_TRUE(client.AllocId({5}, &ids).ok());
-  EXPECT_EQ(ids.first_id, 1024u);
+  EXPECT_EQ(Answer(client, &Caller::AllocId, {5}).first_id, 1024u);
   const std::vector<Store> stores = {{1, "s1:20", 0}, {2, "s2:20", 0}};
   const Region region = {1024, "b", std::string("m\0\xff", 3), {1, 1}, {{1, 1, {}}, {3, 2, {}}}};
-  BootstrapResponse bootstrapped;
-  ASSERT_TRUE(client.Bootstrap({stores[0], region, {}}, &bootstrapped).ok());
-  EXPECT_FALSE(bootstrapped.already_bootstrapped);
-  ASSERT_TRUE(client.Bootstrap({stores[1], {}, {}}, &bootstrapped).ok());
-  EXPECT_TRUE(bootstrapped.already_bootstrapped);
-  RegionHeartbeatResponse answer;
-  ASSERT_TRUE(client.RegionHeartbeat({1, {{1024, {1}, {}, {}}}, {}}, &answer).ok());
-  EXPECT_EQ(answer.commands,
+  const auto already_bootstrapped = [&](const BootstrapRequest& request) {
+    return Answer(client, &Caller::Bootstrap, request).already_bootstrapped;
+  };
+  EXPECT_FALSE(already_bootstrapped({stores[0], region, {}}));
+  EXPECT_TRUE(already_bootstrapped({stores[1], {}, {}}));
+  EXPECT_EQ(Answer(client, &Caller::RegionHeartbeat, {1, {{1024, {1}, {}, {}}}, {}}).commands,
             (std::vector<ScheduleCommand>{{ScheduleKind::kAddPeer, 1024, 2, "s2:20"}}));
 
   server->Kill();
   server = std::make_unique<ServerProcess>(arguments, dir.path());
   ASSERT_EQ(server->ReadBanner(), banner);
+  AllocIdResponse ids;
   EXPECT_FALSE(client.AllocId({1}, &ids).ok());  // over the connection that was lost
-  ASSERT_TRUE(client.AllocId({1}, &ids).ok());
-  EXPECT_GT(ids.first_id, 1028u);
-  GetRegionResponse routed;
-  ASSERT_TRUE(client.GetRegion({std::string("m\0", 2)}, &routed).ok());
-  EXPECT_EQ(routed.region, region);
-  EXPECT_EQ(routed.leader, region.peers[0]);
-  EXPECT_EQ(routed.leader_store, stores[0]);
-  EXPECT_EQ(routed.stores, stores);
+  EXPECT_GT(Answer(client, &Caller::AllocId, {1}).first_id, 1028u);
+  EXPECT_EQ(Encode(Answer(client, &Caller::GetRegion, {std::string("m\0", 2)})),
+            Encode(GetRegionResponse{region, region.peers[0], stores[0], stores}));
 }
 
 TEST(Process, TakesAsManyDescriptorsAsItMay) {
@@ -107,17 +100,6 @@ TEST(Process, TakesAsManyDescriptorsAsItMay) {
   rlimit taken{};
   ASSERT_EQ(::prlimit(server.pid(), RLIMIT_NOFILE, nullptr, &taken), 0);
   EXPECT_EQ(taken.rlim_cur, own.rlim_max);
-}
-
-TEST(Process, ASecondServerOnTheDirectoryIsRefused) {
-  const TempDir dir;
-  const ListeningServer first(dir.path());
-  ServerProcess second({"--port=0"}, dir.path());
-  std::string error;
-  EXPECT_EQ(second.WaitForExit(&error), 1);
-  EXPECT_EQ(error,
-            "failed to open pd state at ./pd-data: InvalidArgument: ./pd-data is in use by another "
-            "process\n");
 }
 
 }  // namespace

@@ -32,15 +32,16 @@ TEST(Envelope, SealsAndOpens) {
 }
 
 TEST(Envelope, NamesTheDamage) {
-  const StoreCrypto on = {.encrypted = true, .key = {}};
-  std::string untouched = "untouched";
-  EXPECT_EQ(OpenValue(on, std::string(15, 'x'), &untouched).ToString(),
-            "Corruption: tde: ciphertext too short");
-  EXPECT_EQ(OpenValue(on, std::string(16, 'x'), &untouched).ToString(),
-            "InvalidArgument: sm4: ciphertext not block-aligned");
-  EXPECT_EQ(OpenValue(on, std::string(32, 'x'), &untouched).ToString(),
-            "InvalidArgument: sm4: bad padding");
-  EXPECT_EQ(untouched, "untouched");
+  const std::pair<std::size_t, const char*> cases[] = {
+      {15, "Corruption: tde: ciphertext too short"},
+      {16, "InvalidArgument: sm4: ciphertext not block-aligned"},
+      {32, "InvalidArgument: sm4: bad padding"}};
+  for (const auto& [size, error] : cases) {
+    std::string value = "untouched";
+    EXPECT_EQ(OpenValue({.encrypted = true, .key = {}}, std::string(size, 'x'), &value).ToString(),
+              error);
+    EXPECT_EQ(value, "untouched");
+  }
 }
 
 class MetaStoreTest : public ::testing::TestWithParam<const char*> {

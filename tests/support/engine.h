@@ -35,6 +35,15 @@ inline std::unique_ptr<lsm::LsmDb> Open(const std::string& dir,
   return db;
 }
 
+// Writes the batch with an engine, and closes it. The batch stays in the WAL unless it fills the
+// buffer; then it is a table.
+inline void WriteDirectory(const std::string& dir, std::uint64_t write_buffer_size,
+                           const Batch& batch) {
+  const auto db = Open(dir, {write_buffer_size, 8, false});
+  EXPECT_EQ(db->Write(batch).ToString(), "OK");
+  db->WaitForBackgroundIdle();
+}
+
 // Replaces `*found` by the live pairs from `start` up to `end`.
 inline Status Read(const lsm::LsmDb& db, Model* found, std::string_view start = "",
                    std::string_view end = "") {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -19,6 +20,17 @@ inline sockaddr_in Loopback(int port) {
   address.sin_port = htons(static_cast<std::uint16_t>(port));
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   return address;
+}
+
+// A socket on a free port of this machine, which `*address` then names.
+inline UniqueFd BindLoopback(sockaddr_in* address) {
+  UniqueFd socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  *address = Loopback(0);
+  socklen_t size = sizeof(*address);
+  auto* raw_address = reinterpret_cast<sockaddr*>(address);
+  EXPECT_EQ(::bind(socket.get(), raw_address, size), 0);
+  EXPECT_EQ(::getsockname(socket.get(), raw_address, &size), 0);
+  return socket;
 }
 
 class RawConnection {

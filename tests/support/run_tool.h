@@ -19,7 +19,12 @@ struct ToolResult {
   int exit_status;  // -1 when a signal ended it
   std::string out;
   std::string err;
+  bool operator==(const ToolResult&) const = default;
 };
+
+inline std::ostream& operator<<(std::ostream& stream, const ToolResult& result) {
+  return stream << "[" << result.exit_status << "] " << result.err << result.out;
+}
 
 // The streams are files, so that none can fill up while another is waited for.
 inline ToolResult RunTool(const std::vector<std::string>& arguments, const std::string& input = "",

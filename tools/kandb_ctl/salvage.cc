@@ -269,7 +269,8 @@ class Salvager {
           .text = "no entries here"});
   }
 
-  // A key out of order is a damaged one.
+  // A key out of order is a damaged one. When the first two are out of order, the first one is,
+  // unless it fits before the third.
   void TakeInOrder(const std::string& name, const std::vector<PlacedEntry>& entries) {
     std::string_view last_key;
     for (std::size_t i = 0; i < entries.size(); ++i) {
@@ -277,7 +278,9 @@ class Salvager {
       const bool has_next = i + 1 < entries.size();
       const std::string_view next_key = has_next ? entries[i + 1].entry.key : "";
       const bool below_last = i > 0 && key <= last_key;
-      const bool above_next = has_next && next_key <= key && (i == 0 || next_key > last_key);
+      const bool fits_before_third = i + 2 < entries.size() && key < entries[i + 2].entry.key;
+      const bool above_next =
+          has_next && next_key <= key && (i == 0 ? !fits_before_third : next_key > last_key);
       if (below_last || above_next) {
         Lose({.file = name,
               .begin = entries[i].begin,
