@@ -37,7 +37,7 @@ _kandb_ctl() {
   esac
 
   case $command in
-    "") candidates="tso alloc-id bootstrap region heartbeat ping health metrics load state wal table manifest report
+    "") candidates="tso alloc-id bootstrap region heartbeat ping health metrics top load state wal table manifest report
       backup restore salvage" ;;
     tso | alloc-id) candidates="--count" ;;
     bootstrap) candidates="--store-id --store-address --region-id $range" ;;
@@ -45,8 +45,9 @@ _kandb_ctl() {
     health | metrics)
       candidates="--data-dir --max-call-ms --max-clock-ms --min-free-mib --max-wal-mib --max-wals --max-tables"
       candidates+=" --max-leftovers --max-descriptors"
-      [[ $command == health ]] && candidates+=" --wait" || candidates+=" --textfile"
+      [[ $command == health ]] && candidates+=" --wait" || candidates+=" --textfile --voters"
       ;;
+    top) candidates="--data-dir --interval-ms --count --voters" ;;
     load)
       candidates="--connections --seconds --regions --yes --keep"
       [[ $sub ]] || candidates+=" tso alloc-id get-region upsert-region heartbeat remove-regions"

@@ -3,7 +3,7 @@
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
 build_packages=(g++ cmake ninja-build)
-tool_packages=(libcli11-dev nlohmann-json3-dev libssl-dev)
+tool_packages=(libcli11-dev libncurses-dev nlohmann-json3-dev libssl-dev)
 # duktape: a small script engine, for a script of the report page.
 test_packages=(libgtest-dev libbenchmark-dev libssl-dev libleveldb-dev librocksdb-dev
   libisal-dev openssl stunnel4 duktape)

@@ -166,6 +166,11 @@ TEST(CtlOnline, HealthNamesWhatIsBad) {
   };
   EXPECT_EQ(bad("health", "--max-descriptors=0.9"), "0 pid");
   EXPECT_EQ(bad("health", "--max-wals=0"), "1   wals pid");
+  const std::string port_alone =
+      testing::RunTool({"--server=127.0.0.1:" + std::to_string(server.port()), "health"}).out;
+  EXPECT_NE(port_alone.find("not checked, give --data-dir " + dir.File("pd-data") + "\n"),
+            std::string::npos)
+      << port_alone;
   EXPECT_EQ(bad("health", "--max-descriptors=0"), "1   descriptors pid");
   EXPECT_EQ(bad("health", "--min-free-mib=1e12"), "1   free_space pid");
   testing::WriteFile(dir.File("pd-data/sst-000099.sst"), "");

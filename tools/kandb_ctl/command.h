@@ -34,6 +34,7 @@ void AddClusterCommands(CLI::App* app, Context* context);  // tso alloc-id boots
 void AddRegionCommands(CLI::App* app, Context* context);   // region get list upsert remove
 void AddLoadCommand(CLI::App* app, Context* context);      // load
 void AddHealthCommands(CLI::App* app, Context* context);   // health metrics
+void AddTopCommand(CLI::App* app, Context* context);       // top
 void AddStateCommands(CLI::App* app, Context* context);    // state summary, dump and verify
 void AddBackupCommands(CLI::App* app, Context* context);   // backup restore salvage
 void AddFileCommands(CLI::App* app, Context* context);     // wal table manifest

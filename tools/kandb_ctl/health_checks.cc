@@ -1,8 +1,6 @@
 #include "kandb_ctl/health_checks.h"
 
-#include <sys/stat.h>
 #include <sys/statvfs.h>
-#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,6 +15,8 @@
 
 #include "common/posix_file.h"
 #include "kandb_ctl/connection.h"
+#include "kandb_ctl/key_text.h"
+#include "kandb_ctl/local_server.h"
 #include "lsm/file_names.h"
 #include "lsm/manifest.h"
 #include "pdpb/timestamp.h"
@@ -204,26 +204,10 @@ void DirectoryChecks::CheckFiles() {
   Add("wal_size", "bytes", wal_bytes, limits.wal_mib * kMiB, false, MiB(wal_bytes));
   Add("wals", "", wals, limits.wal_count, false, Number(wals, "%.0f"));
   const auto tables = static_cast<double>(live.size());
-  Add("tables", "", tables, limits.table_count, false, Number(tables, "%.0f, ") + MiB(table_bytes));
+  Add("tables", "", tables, limits.table_count, false, Number(tables, "%.0f"));
+  Add("table_size", "bytes", table_bytes, HUGE_VAL, false, MiB(table_bytes));
   Add("leftovers", "", leftovers, limits.leftover_count, false,
       Number(leftovers, "%.0f files that no start would keep"));
-}
-
-// The process that has locked the directory. The kernel lists a lock by device and inode.
-std::optional<std::string> LockHolder(const std::string& dir) {
-  struct stat info {};
-  if (::stat(dir.c_str(), &info) != 0) return std::nullopt;
-  char wanted[64];
-  (void)std::snprintf(wanted, sizeof(wanted), "%02x:%02x:%llu", major(info.st_dev),
-                      minor(info.st_dev), static_cast<unsigned long long>(info.st_ino));
-  std::ifstream locks("/proc/locks");
-  for (std::string line; std::getline(locks, line);) {
-    std::istringstream words(line);
-    std::string number, kind, mode, access, pid, file;
-    words >> number >> kind >> mode >> access >> pid >> file;
-    if (kind == "FLOCK" && file == wanted) return pid;
-  }
-  return std::nullopt;
 }
 
 void DirectoryChecks::CheckProcess() {
@@ -273,7 +257,13 @@ HealthReport CheckHealth(const Context& context, const std::string& data_dir,
   once.client_options.attempts = 1;  // a second attempt would hide that the first one failed
   HealthReport report;
   PortProbes(once, limits, &report).Run();
-  if (!data_dir.empty()) DirectoryChecks(data_dir, limits, &report).Run();
+  if (!data_dir.empty()) {
+    DirectoryChecks(data_dir, limits, &report).Run();
+  } else {
+    const std::string found = FindDataDir(context.server).value_or("DIR");
+    report.checks.push_back(
+        {"disk", "", 0, false, false, "not checked, give --data-dir " + KeyText(found)});
+  }
   return report;
 }
 

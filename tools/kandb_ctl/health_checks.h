@@ -28,6 +28,8 @@ struct HealthCheck {
   bool known = false;  // `value` was measured
   bool bad = false;
   std::string text;  // for people
+
+  bool made() const { return known || bad; }  // else `text` says why it was not
 };
 
 struct HealthReport {
@@ -37,7 +39,8 @@ struct HealthReport {
   bool healthy() const;
 };
 
-// `data_dir` may be empty: then only the port is probed.
+// `data_dir` may be empty: then only the port is probed, and a check "disk" that was not made says
+// so.
 HealthReport CheckHealth(const Context& context, const std::string& data_dir,
                          const HealthLimits& limits);
 

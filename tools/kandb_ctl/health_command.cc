@@ -1,4 +1,5 @@
-// kandb-ctl health and metrics: the same measurements for people and probes, and for Prometheus.
+// kandb-ctl health and metrics: measurements for people and probes, and the same with the counts of
+// the state for Prometheus.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -14,6 +15,9 @@
 #include "kandb_ctl/health_checks.h"
 #include "kandb_ctl/interrupt.h"
 #include "kandb_ctl/json_message.h"
+#include "kandb_ctl/metrics_text.h"
+#include "kandb_ctl/options.h"
+#include "kandb_ctl/state_counts.h"
 
 namespace kandb::ctl {
 
@@ -24,19 +28,24 @@ struct Arguments {
   HealthLimits limits;
   double wait_s = 0;
   std::string textfile;
+  std::size_t wanted_voters = 0;
 };
 
 void Print(const HealthReport& report, bool json) {
   if (!json) {
     for (const HealthCheck& check : report.checks) {
-      std::printf("%-4s  %-12s  %s\n", check.bad ? "BAD" : "ok", check.name.c_str(),
-                  check.text.c_str());
+      std::printf("%-4s  %-12s  %s\n",
+                  check.bad      ? "BAD"
+                  : check.made() ? "ok"
+                                 : "-",
+                  check.name.c_str(), check.text.c_str());
     }
     return;
   }
   Json checks = Json::array();
   for (const HealthCheck& check : report.checks) {
     Json row = {{"name", check.name}, {"ok", !check.bad}, {"text", check.text}};
+    if (!check.made()) row["checked"] = false;
     if (check.known) row["value"] = check.value;
     if (!check.unit.empty()) row["unit"] = check.unit;
     checks.push_back(std::move(row));
@@ -61,30 +70,6 @@ int RunHealth(const Context& context, const Arguments& arguments) {
   return report.healthy() ? kExitYes : kExitNo;
 }
 
-std::string MetricsText(const HealthReport& report) {
-  std::string text;
-  const auto add = [&](const std::string& name, const std::string& help, double value) {
-    char number[64];
-    (void)std::snprintf(number, sizeof(number), "%.17g", value);
-    text += "# HELP " + name + " " + help + "\n# TYPE " + name + " gauge\n" + name + " " + number +
-            "\n";
-  };
-  add("kandb_up", "Whether the server answers.", report.unreachable.ok() ? 1 : 0);
-  add("kandb_healthy", "Whether every check of kandb-ctl health is good.", report.healthy());
-  for (const HealthCheck& check : report.checks) {
-    if (!check.known) continue;
-    add("kandb_" + check.name + (check.unit.empty() ? "" : "_" + check.unit),
-        "The check '" + check.name + "' of kandb-ctl health.", check.value);
-  }
-  text +=
-      "# HELP kandb_check_ok Whether a check of kandb-ctl health is good.\n"
-      "# TYPE kandb_check_ok gauge\n";
-  for (const HealthCheck& check : report.checks) {
-    text += "kandb_check_ok{check=\"" + check.name + "\"} " + (check.bad ? "0" : "1") + "\n";
-  }
-  return text;
-}
-
 // Whole or not at all: a collector may read at any time.
 Status ReplaceFile(const std::string& path, const std::string& text) {
   const std::string temporary = path + ".tmp";
@@ -96,9 +81,16 @@ Status ReplaceFile(const std::string& path, const std::string& text) {
   return Status::Corruption("cannot write " + path + ": " + ErrnoText(error));
 }
 
-// A server that is down is a measurement, not a failure of this command.
+// A server that is down is a measurement, not a failure of this command; so is a state that cannot
+// be read.
 int RunMetrics(const Context& context, const Arguments& arguments) {
-  const std::string text = MetricsText(CheckHealth(context, arguments.data_dir, arguments.limits));
+  std::string text = MetricsOf(CheckHealth(context, arguments.data_dir, arguments.limits));
+  if (!arguments.data_dir.empty()) {
+    StateCounts counts;
+    const Status read = ReadStateCounts(arguments.data_dir, arguments.wanted_voters, &counts);
+    if (!read.ok()) (void)Fail(read);
+    text += MetricsOf(counts, read);
+  }
   if (arguments.textfile.empty()) {
     std::printf("%s", text.c_str());
     return kExitYes;
@@ -147,8 +139,12 @@ void AddHealthCommands(CLI::App* app, Context* context) {
 
   const auto metrics = std::make_shared<Arguments>();
   command = app->add_subcommand(
-      "metrics", "Prints the measurements of health in the text format of Prometheus");
+      "metrics",
+      "Prints the measurements of health in the text format of Prometheus, and with\n"
+      "--data-dir the counts of the state. It is read as a whole for that: a second and\n"
+      "100 MB for a million regions.");
   AddLimits(command, metrics.get());
+  AddVotersOption(command, &metrics->wanted_voters);
   command->add_option("--textfile", metrics->textfile,
                       "file to replace, for the node exporter's textfile collector");
   command->callback([=] { context->run = [=] { return RunMetrics(*context, *metrics); }; });

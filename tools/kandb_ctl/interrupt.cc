@@ -1,7 +1,5 @@
 #include "kandb_ctl/interrupt.h"
 
-#include <signal.h>
-
 #include <atomic>
 
 namespace kandb::ctl {
@@ -16,11 +14,11 @@ void Remember(int) { interrupted.store(true, std::memory_order_relaxed); }
 
 }  // namespace
 
-void CatchInterrupts() {
+void CatchInterrupts(std::initializer_list<int> signals) {
   struct sigaction action {};
   action.sa_handler = Remember;
   action.sa_flags = static_cast<int>(SA_RESETHAND);
-  for (const int signal : {SIGINT, SIGTERM}) (void)::sigaction(signal, &action, nullptr);
+  for (const int signal : signals) (void)::sigaction(signal, &action, nullptr);
 }
 
 bool Interrupted() { return interrupted.load(std::memory_order_relaxed); }

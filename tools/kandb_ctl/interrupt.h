@@ -2,10 +2,14 @@
 // measured. A second one ends the program.
 #pragma once
 
+#include <signal.h>
+
+#include <initializer_list>
+
 namespace kandb::ctl {
 
 // From here on a first signal is only remembered. Waits of the calling thread end early with it.
-void CatchInterrupts();
+void CatchInterrupts(std::initializer_list<int> signals = {SIGINT, SIGTERM});
 
 bool Interrupted();
 

@@ -41,6 +41,7 @@ int Run(int argc, char** argv) {
   AddRegionCommands(&app, &context);
   AddLoadCommand(&app, &context);
   AddHealthCommands(&app, &context);
+  AddTopCommand(&app, &context);
   AddStateCommands(&app, &context);
   AddBackupCommands(&app, &context);
   AddFileCommands(&app, &context);

@@ -111,6 +111,13 @@ void AddLiveOption(CLI::App* command, bool* live) {
                     "read the directory of a running server, as it is at one moment");
 }
 
+void AddVotersOption(CLI::App* command, std::size_t* wanted_voters) {
+  command
+      ->add_option("--voters", *wanted_voters,
+                   "voters that a region must have; without it as many as most regions have")
+      ->check(CLI::PositiveNumber);
+}
+
 void CheckStdinOr(const CLI::Option& required, const CLI::App& command, bool from_stdin) {
   if (!from_stdin && required.empty())
     throw CLI::RequiredError(required.get_name() + " or --stdin");

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -29,6 +30,9 @@ void AddPassphraseOption(CLI::App* command, std::string* path);
 
 // Whether the directory may be that of a running server.
 void AddLiveOption(CLI::App* command, bool* live);
+
+// How many voters a region must have; 0 without the option.
+void AddVotersOption(CLI::App* command, std::size_t* wanted_voters);
 
 // For a command that either reads everything from standard input or needs `required`. Throws when
 // neither is given, or --stdin together with another option. Called once the options have been

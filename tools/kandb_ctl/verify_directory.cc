@@ -263,6 +263,7 @@ void Verification::CheckRecords() {
   if (Status s = ForEachRecord(view, take); !s.ok()) {
     return Add("records", "not checked: " + s.message());
   }
+  verified.has_records = true;
   CheckCluster(cluster, &verified.findings);
 }
 

@@ -18,6 +18,7 @@ struct Verified {
   std::uint64_t bytes = 0;        // in them
   ClusterState cluster;           // without its `warnings`, which are among the findings
   std::uint64_t records = 0;      // live ones
+  bool has_records = false;       // else they could not be read, and a finding says why
 };
 
 // Checks everything; `kandb-ctl state verify --help` lists the checks. Calls `progress` now and
