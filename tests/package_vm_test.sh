@@ -117,7 +117,7 @@ restarted >/dev/null
 [ "$(next_id)" -gt "$first" ]
 
 echo "== remove, install again, purge"
-enabled() { systemctl is-enabled kandb-meta kandb-meta-metrics.timer kandb-meta-backup.timer | grep -x enabled; }
+enabled() { find /etc/systemd/system -name 'kandb-meta*' | grep .; }
 systemctl enable --quiet kandb-meta
 enabled >/dev/null
 dpkg -r kandb-meta >/dev/null
