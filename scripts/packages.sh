@@ -12,6 +12,8 @@ check_packages=(clang clang-format clang-tidy libclang-rt-14-dev)
 fuzz_packages=(clang libclang-rt-14-dev llvm)
 # For cpack; see docs/operations.md.
 package_packages=(dpkg-dev file)
+# For scripts/try-package: a virtual machine.
+vm_packages=(qemu-system-x86 debootstrap fakeroot busybox-static cpio e2fsprogs openssh-client)
 # For scripts/check-packaging; prometheus, which has promtool, is large.
 packaging_packages=(prometheus python3 shellcheck systemd)
 
