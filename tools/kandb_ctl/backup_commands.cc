@@ -19,7 +19,7 @@ namespace kandb::ctl {
 
 namespace {
 
-struct Arguments {
+struct BackupArguments {
   std::string from;
   std::string to;
   BackupOptions backup;
@@ -28,7 +28,7 @@ struct Arguments {
   std::string passphrase_file;
 };
 
-int RunBackup(const Arguments& arguments, const store::StoreCrypto& crypto, bool json) {
+int RunBackup(const BackupArguments& arguments, const store::StoreCrypto& crypto, bool json) {
   if (Status s = RequireState(arguments.from); !s.ok()) return Fail(s);
   BackupOptions options = arguments.backup;
   options.verify = !arguments.no_verify;
@@ -69,7 +69,7 @@ int RunBackup(const Arguments& arguments, const store::StoreCrypto& crypto, bool
   return findings.empty() ? tools::kExitYes : tools::kExitNo;
 }
 
-int RunRestore(const Arguments& arguments, const store::StoreCrypto& crypto, bool json) {
+int RunRestore(const BackupArguments& arguments, const store::StoreCrypto& crypto, bool json) {
   Json result;
   Status status;
   {
@@ -104,7 +104,7 @@ int RunRestore(const Arguments& arguments, const store::StoreCrypto& crypto, boo
   return tools::kExitYes;
 }
 
-int RunSalvage(const Arguments& arguments, const store::StoreCrypto& crypto, bool json) {
+int RunSalvage(const BackupArguments& arguments, const store::StoreCrypto& crypto, bool json) {
   if (Status s = RefuseRunningServer(arguments.from); !s.ok()) return FailToRead(s);
   if (Status s = RequireState(arguments.from); !s.ok()) return Fail(s);
   Salvaged salvaged;
@@ -142,9 +142,9 @@ int RunSalvage(const Arguments& arguments, const store::StoreCrypto& crypto, boo
 }  // namespace
 
 void AddBackupCommands(CLI::App* app, Context* context) {
-  using Run = int (*)(const Arguments&, const store::StoreCrypto&, bool);
+  using Run = int (*)(const BackupArguments&, const store::StoreCrypto&, bool);
   const auto add = [&](const char* name, const char* description, Run run,
-                       const std::shared_ptr<Arguments>& arguments) {
+                       const std::shared_ptr<BackupArguments>& arguments) {
     CLI::App* command = app->add_subcommand(name, description);
     AddPassphraseOption(command, &arguments->passphrase_file);
     command->callback([=] {
@@ -158,7 +158,7 @@ void AddBackupCommands(CLI::App* app, Context* context) {
     });
     return command;
   };
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<BackupArguments>();
   CLI::App* backup =
       add("backup",
           "Copies the state directory of a running or stopped server, as it is at one moment.",
@@ -173,7 +173,7 @@ void AddBackupCommands(CLI::App* app, Context* context) {
   backup->add_flag("--copy", arguments->backup.copy,
                    "copy tables even within a file system, where they are linked");
 
-  arguments = std::make_shared<Arguments>();
+  arguments = std::make_shared<BackupArguments>();
   CLI::App* restore = add("restore", "Copies a backup to an empty state directory, and skips ids.",
                           RunRestore, arguments);
   restore->add_option("BACKUP", arguments->from, "the backup")
@@ -185,7 +185,7 @@ void AddBackupCommands(CLI::App* app, Context* context) {
               "ids to skip: those handed out since the backup; 1000000 without it")
       ->type_name("N");
 
-  arguments = std::make_shared<Arguments>();
+  arguments = std::make_shared<BackupArguments>();
   CLI::App* salvage = add(
       "salvage", "Makes a new state directory of what can be read of a damaged one, and skips ids.",
       RunSalvage, arguments);

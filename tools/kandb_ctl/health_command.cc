@@ -23,7 +23,7 @@ namespace kandb::ctl {
 
 namespace {
 
-struct Arguments {
+struct HealthArguments {
   std::string data_dir;
   HealthLimits limits;
   double wait_s = 0;
@@ -53,7 +53,7 @@ void Print(const HealthReport& report, bool json) {
   PrintJson({{"healthy", report.healthy()}, {"checks", std::move(checks)}});
 }
 
-int RunHealth(const Context& context, const Arguments& arguments) {
+int RunHealth(const Context& context, const HealthArguments& arguments) {
   using Clock = std::chrono::steady_clock;
   constexpr std::chrono::milliseconds kPause{100};
   const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
@@ -83,7 +83,7 @@ Status ReplaceFile(const std::string& path, const std::string& text) {
 
 // A server that is down is a measurement, not a failure of this command; so is a state that cannot
 // be read.
-int RunMetrics(const Context& context, const Arguments& arguments) {
+int RunMetrics(const Context& context, const HealthArguments& arguments) {
   std::string text = MetricsOf(CheckHealth(context, arguments.data_dir, arguments.limits));
   if (!arguments.data_dir.empty()) {
     StateCounts counts;
@@ -102,7 +102,7 @@ int RunMetrics(const Context& context, const Arguments& arguments) {
   return kExitYes;
 }
 
-void AddLimits(CLI::App* command, Arguments* arguments) {
+void AddLimits(CLI::App* command, HealthArguments* arguments) {
   command->add_option("--data-dir", arguments->data_dir,
                       "the server's state directory: looks at its files and process too");
   const auto add = [&](const char* name, double* limit, const char* help) {
@@ -126,7 +126,7 @@ void AddLimits(CLI::App* command, Arguments* arguments) {
 }  // namespace
 
 void AddHealthCommands(CLI::App* app, Context* context) {
-  const auto health = std::make_shared<Arguments>();
+  const auto health = std::make_shared<HealthArguments>();
   CLI::App* command = app->add_subcommand(
       "health",
       "Checks that a server works: one line a check, status 1 when one is bad, 3 when there is no\n"
@@ -137,7 +137,7 @@ void AddHealthCommands(CLI::App* app, Context* context) {
       ->check(CLI::NonNegativeNumber);
   command->callback([=] { context->run = [=] { return RunHealth(*context, *health); }; });
 
-  const auto metrics = std::make_shared<Arguments>();
+  const auto metrics = std::make_shared<HealthArguments>();
   command = app->add_subcommand(
       "metrics",
       "Prints the measurements of health in the text format of Prometheus, and with\n"

@@ -28,7 +28,7 @@ constexpr std::chrono::milliseconds kPauseAfterError{10};
 constexpr std::uint32_t kMaxRegions = 100'000;
 constexpr std::string_view kRemoveMethod = "remove-regions";  // measures nothing
 
-struct Arguments {
+struct LoadArguments {
   std::string method;
   std::uint32_t connection_count = 4;
   std::uint32_t seconds = 10;
@@ -60,7 +60,7 @@ struct Result {
 
 // Sends requests in sequence over a connection of its own, until the time is up or the server has
 // gone away. A refusal by the server counts as an error and the load goes on.
-Result RunConnection(const Context& context, const Arguments& arguments, std::uint32_t index,
+Result RunConnection(const Context& context, const LoadArguments& arguments, std::uint32_t index,
                      SteadyClock::time_point deadline, Progress* progress) {
   Connection connection(context);
   const LoadMethod& method = LoadMethodNamed(arguments.method);
@@ -96,7 +96,7 @@ Result RunConnection(const Context& context, const Arguments& arguments, std::ui
   return result;
 }
 
-Result RunConnections(const Context& context, const Arguments& arguments) {
+Result RunConnections(const Context& context, const LoadArguments& arguments) {
   constexpr std::chrono::seconds kProgressInterval{1};
   Progress progress;
   const SteadyClock::time_point start = SteadyClock::now();
@@ -124,7 +124,7 @@ Result RunConnections(const Context& context, const Arguments& arguments) {
   return result;
 }
 
-void PrintResult(const Context& context, const Arguments& arguments, double seconds,
+void PrintResult(const Context& context, const LoadArguments& arguments, double seconds,
                  const Result& result) {
   const tools::LatencyHistogram& latencies = result.latencies;
   const auto us = [](std::uint64_t ns) { return static_cast<double>(ns) / 1000; };
@@ -142,7 +142,7 @@ void PrintResult(const Context& context, const Arguments& arguments, double seco
   (void)std::fflush(stdout);
 }
 
-int RemoveRegions(const Context& context, const Arguments& arguments) {
+int RemoveRegions(const Context& context, const LoadArguments& arguments) {
   Connection connection(context);
   std::size_t removed = 0;
   Status status = RemoveLoadRegions(&connection.pd, kMaxRegions, &removed);
@@ -151,7 +151,7 @@ int RemoveRegions(const Context& context, const Arguments& arguments) {
   return kExitYes;
 }
 
-int RunLoad(Context context, const Arguments& arguments) {
+int RunLoad(Context context, const LoadArguments& arguments) {
   // A call that is tried again counts as an error here, not as a slow success.
   context.client_options.attempts = 1;
   if (arguments.method == kRemoveMethod) return RemoveRegions(context, arguments);
@@ -189,7 +189,7 @@ int RunLoad(Context context, const Arguments& arguments) {
 }  // namespace
 
 void AddLoadCommand(CLI::App* app, Context* context) {
-  auto arguments = std::make_shared<Arguments>();
+  auto arguments = std::make_shared<LoadArguments>();
   CLI::App* command = app->add_subcommand(
       "load",
       "Sends requests as fast as the answers arrive and shows the rate and the latencies, after "

@@ -26,7 +26,7 @@ namespace kandb::ctl {
 
 namespace {
 
-struct Arguments {
+struct ReportArguments {
   std::string dir;
   std::string out;
   std::string passphrase_file;
@@ -45,7 +45,7 @@ Status WritePage(const std::string& path, const std::string& page) {
 }
 
 // The page may be read on another machine, and long after.
-ReportSource SourceOf(const Arguments& arguments, const std::string& live_at) {
+ReportSource SourceOf(const ReportArguments& arguments, const std::string& live_at) {
   std::error_code error;
   std::string dir = std::filesystem::absolute(arguments.dir, error);
   if (error) dir = arguments.dir;
@@ -65,7 +65,7 @@ ReportSource SourceOf(const Arguments& arguments, const std::string& live_at) {
   return source;
 }
 
-int Report(const Arguments& arguments, bool json) {
+int Report(const ReportArguments& arguments, bool json) {
   if (Status s = RequireState(arguments.dir); !s.ok()) return Fail(s);
   ReadableDirectory dir;
   if (Status s = dir.Open(arguments.dir, arguments.live); !s.ok()) return FailToRead(s);
@@ -96,7 +96,7 @@ int Report(const Arguments& arguments, bool json) {
 }  // namespace
 
 void AddReportCommand(CLI::App* app, Context* context) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<ReportArguments>();
   CLI::App* report = app->add_subcommand(
       "report", "Writes a page about a state directory: one file for any browser.");
   report->add_option("DIR", arguments->dir, "state directory")->required();

@@ -21,7 +21,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-struct Arguments {
+struct TopArguments {
   std::string data_dir;
   std::int64_t interval_ms = 2000;
   std::uint64_t count = 0;  // 0: until it is ended
@@ -37,7 +37,7 @@ bool IsReady(const std::future<Result>& future) {
 // the calling thread alone.
 class Measurements {
  public:
-  Measurements(const Context& tool_context, const Arguments& command_arguments)
+  Measurements(const Context& tool_context, const TopArguments& command_arguments)
       : context(tool_context), arguments(command_arguments) {
     model.server = context.server;
     model.data_dir = arguments.data_dir;
@@ -88,7 +88,7 @@ class Measurements {
   }
 
   const Context& context;
-  const Arguments& arguments;
+  const TopArguments& arguments;
   TopModel model;
   std::uint64_t refreshes = 0;
   Clock::time_point next_probe;
@@ -105,7 +105,7 @@ void Scroll(Terminal::Key key, std::size_t page, std::size_t* first_line) {
   *first_line = up ? *first_line - std::min(*first_line, step) : *first_line + step;
 }
 
-int RunTop(const Context& context, const Arguments& arguments) {
+int RunTop(const Context& context, const TopArguments& arguments) {
   // Before the terminal, which is given back at once while a measurement ends.
   Measurements measurements(context, arguments);
   Terminal terminal;
@@ -131,7 +131,7 @@ int RunTop(const Context& context, const Arguments& arguments) {
 }  // namespace
 
 void AddTopCommand(CLI::App* app, Context* context) {
-  const auto arguments = std::make_shared<Arguments>();
+  const auto arguments = std::make_shared<TopArguments>();
   CLI::App* command = app->add_subcommand(
       "top",
       "Shows a server on one screen until q or Ctrl-C. Each refresh makes the calls of health, a\n"
