@@ -64,8 +64,9 @@ StateCounts CountState(const ClusterState& cluster, std::size_t wanted_voters) {
     }
   }
   if (wanted_voters == 0 && !by_voters.empty()) {
-    const auto fewer = [](const auto& a, const auto& b) { return a.second <= b.second; };
-    wanted_voters = std::ranges::max_element(by_voters, fewer)->first;
+    // Of numbers that are equally frequent the greater one.
+    const auto rank = [](const auto& at) { return std::pair(at.second, at.first); };
+    wanted_voters = std::ranges::max_element(by_voters, {}, rank)->first;
   }
   for (const auto& [voters, count] : by_voters) {
     counts.by_condition[voters < wanted_voters   ? RegionCondition::kFewerVoters
