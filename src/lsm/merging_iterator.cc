@@ -83,8 +83,8 @@ void MergingIterator::HoldTournament() {
   losers.assign(leaf_count, kNobody);
   std::vector<Node> winners(2 * leaf_count, kNobody);
   for (std::size_t i = 0; i < count; ++i) {
-    winners[leaf_count + i] = NodeOf(contestants[i].batch.front().key, prefix.size(), i);
-    FindNext(&contestants[i], prefix.size(), i);
+    winners[leaf_count + i] = NodeOf(contestants[i].batch.front().key, i);
+    FindNext(i);
   }
   for (std::size_t at = leaf_count - 1; at > 0; --at) {
     winners[at] = winners[2 * at];
@@ -95,9 +95,8 @@ void MergingIterator::HoldTournament() {
 }
 
 [[gnu::always_inline]] inline std::size_t MergingIterator::PlayAgain(std::size_t contestant,
-                                                                     Node node,
-                                                                     std::span<Node> tree) {
-  for (std::size_t at = (tree.size() + contestant) / 2; at > 0; at /= 2) Play(&node, &tree[at]);
+                                                                     Node node) {
+  for (std::size_t at = (losers.size() + contestant) / 2; at > 0; at /= 2) Play(&node, &losers[at]);
   return node & kIndexMask;
 }
 
@@ -130,17 +129,16 @@ void MergingIterator::HoldTournament() {
   return of_a < of_b;
 }
 
-inline MergingIterator::Node MergingIterator::NodeOf(std::string_view key, std::size_t skip,
-                                                     std::size_t contestant) {
-  return (Head(key, skip) & ~kIndexMask) | contestant;
+inline MergingIterator::Node MergingIterator::NodeOf(std::string_view key,
+                                                     std::size_t contestant) const {
+  return (Head(key, prefix.size()) & ~kIndexMask) | contestant;
 }
 
 // Before the contestant needs it: to get there from the winner's index takes three loads, and the
 // matches would wait for them.
-[[gnu::always_inline]] inline void MergingIterator::FindNext(Contestant* contestant,
-                                                             std::size_t skip, std::size_t index) {
-  if (contestant->batch.size() < 2) return;
-  contestant->next = NodeOf(contestant->batch[1].key, skip, index);
+[[gnu::always_inline]] inline void MergingIterator::FindNext(std::size_t contestant) {
+  Contestant& of = contestants[contestant];
+  if (of.batch.size() > 1) of.next = NodeOf(of.batch[1].key, contestant);
 }
 
 // --- What it is for ---
@@ -171,9 +169,8 @@ bool MergingIterator::Refill() {
   if (!has_more) contestants.erase(contestants.begin() + static_cast<std::ptrdiff_t>(winner));
   if (has_more && ties < kMaxTies && last.batch.front().key.starts_with(prefix) &&
       last.batch.back().key.starts_with(prefix)) {
-    FindNext(&last, prefix.size(), winner);
-    const Node first = NodeOf(last.batch.front().key, prefix.size(), winner);
-    winner = PlayAgain(winner, first, losers);
+    FindNext(winner);
+    winner = PlayAgain(winner, NodeOf(last.batch.front().key, winner));
   } else {
     HoldTournament();
   }
@@ -182,8 +179,7 @@ bool MergingIterator::Refill() {
 
 // Whether the whole batch of the winner comes before all other contestants.
 bool MergingIterator::WinnerIsAlone() const {
-  const Node last =
-      NodeOf(contestants[winner].batch.back().key, prefix.size(), winner) | kIndexMask;
+  const Node last = NodeOf(contestants[winner].batch.back().key, winner) | kIndexMask;
   for (std::size_t at = (losers.size() + winner) / 2; at > 0; at /= 2) {
     if (losers[at] <= last && losers[at] != kNobody) return false;
   }
@@ -193,13 +189,9 @@ bool MergingIterator::WinnerIsAlone() const {
 // Up to the end of a batch: the entries of the one after it may take its place.
 void MergingIterator::Merge() {
   merged.clear();
-  // In registers: any store could change members, as far as the compiler knows.
-  Contestant* const list = contestants.data();
-  const std::span<Node> tree = losers;
-  const std::size_t skip = prefix.size();
-  std::size_t leading = winner;
   for (;;) {
-    Contestant& leader = list[leading];
+    const std::size_t leading = winner;
+    Contestant& leader = contestants[leading];
     if (leader.hidden) [[unlikely]] {
       leader.hidden = false;
     } else {
@@ -207,11 +199,9 @@ void MergingIterator::Merge() {
     }
     leader.batch = leader.batch.subspan(1);
     if (leader.batch.empty()) break;
-    const std::size_t new_leading = PlayAgain(leading, leader.next, tree);
-    FindNext(&leader, skip, leading);
-    leading = new_leading;
+    winner = PlayAgain(leading, leader.next);
+    FindNext(leading);
   }
-  winner = leading;
   run = merged;
 }
 

@@ -64,13 +64,12 @@ class MergingIterator {
   void HoldTournament();
   // Plays the matches of a contestant from its leaf to the root, given the node of its first
   // entry; gives the winner's index.
-  std::size_t PlayAgain(std::size_t contestant, Node node, std::span<Node> tree);
+  std::size_t PlayAgain(std::size_t contestant, Node node);
   // Puts the node first that comes first in the merge.
   void Play(Node* winning, Node* losing);
   bool WinsTie(Node a, Node b);
-  // `skip`: the length of the prefix.
-  static Node NodeOf(std::string_view key, std::size_t skip, std::size_t contestant);
-  static void FindNext(Contestant* contestant, std::size_t skip, std::size_t index);
+  Node NodeOf(std::string_view key, std::size_t contestant) const;
+  void FindNext(std::size_t contestant);
 
   void NextRun();
   // Replaces the used-up batch of the winner; false when there are no more entries.

@@ -346,8 +346,7 @@ bool DecodeFields(std::string_view bytes, M* message, DecodeBudget* budget) {
 // Decodes into a freshly constructed message; fields that do not occur keep their defaults, unknown
 // ones are skipped. False when `bytes` are not a whole number of fields, a known field does not fit
 // its member, or the elements exceed the budget above; the message is then partly filled. Throws
-// std::bad_alloc. Members of type std::string_view or IntegersView point into
-// `bytes`.
+// std::bad_alloc. Members of type std::string_view or IntegersView point into `bytes`.
 template <Message M>
 bool Decode(std::string_view bytes, M* message) {
   DecodeBudget budget(bytes.size());
